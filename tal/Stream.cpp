@@ -1,0 +1,47 @@
+#include "tal/Stream.h"
+
+#include <mutex>
+#include <thread>
+
+namespace tal {
+
+struct CMutex::Impl {
+  std::mutex mutex;
+};
+
+CMutex::CMutex() : m_impl(new Impl) {}
+
+CMutex::~CMutex() { delete m_impl; }
+
+void CMutex::lock() { m_impl->mutex.lock(); }
+
+void CMutex::unlock() { m_impl->mutex.unlock(); }
+
+CMutexLock::CMutexLock(IMutex& mutex) : m_mutex(&mutex) {
+  try {
+    mutex.lock();
+  } catch (...) {
+    m_mutex = nullptr;
+    throw;
+  }
+}
+
+CMutexLock::~CMutexLock() {
+  if (m_mutex) m_mutex->unlock();
+}
+
+IMutex& getGlobalMutex() {
+  // Built on first use and never destroyed, so singletons can lock it at any
+  // point of the process's life, including exit.
+  static CMutex* const g_mutex = new CMutex();
+  return *g_mutex;
+}
+
+void threadYield(bool sleep) {
+  if (sleep)
+    std::this_thread::sleep_for(std::chrono::microseconds(1));
+  else
+    std::this_thread::yield();
+}
+
+} // namespace tal

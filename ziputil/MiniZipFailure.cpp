@@ -1,0 +1,17 @@
+#include "ziputil/MiniZipFailure.h"
+
+namespace ziputil {
+
+tal::CProps minizipFailureProps(tal::CURI const& uri, int result) {
+  tal::CProps props;
+  props["uri"] = uri.toString(true);
+  props["result"] = tal::toString(result);
+  return props;
+}
+
+void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback) {
+  if (result == -1 && bridgeError) bridgeError->throwClone();
+  fallback.throwClone();
+}
+
+} // namespace ziputil

@@ -1,0 +1,19 @@
+// The one place where a failed minizip call becomes a thrown tal error
+// (internal to libziputil; not installed).
+#pragma once
+
+#include "tal/Error.h"
+
+namespace ziputil {
+
+/// Properties of an error about a failed minizip call: "uri" (the URI as
+/// toString(true) text) and "result" (minizip's return code in decimal).
+tal::CProps minizipFailureProps(tal::CURI const& uri, int result);
+
+/// Throws after a failed minizip call. When minizip reported an I/O failure
+/// (result -1) and the bridge recorded what failed underneath, that error is
+/// rethrown unchanged (throwClone), so the caller sees the file system's own
+/// error. Otherwise `fallback`, the caller's own error, is thrown as its class.
+[[noreturn]] void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback);
+
+} // namespace ziputil
