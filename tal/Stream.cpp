@@ -30,10 +30,25 @@ CMutexLock::~CMutexLock() {
   if (m_mutex) m_mutex->unlock();
 }
 
+namespace {
+
+/// Recursive, because singleton builds nest: building one singleton may
+/// construct an object whose constructor builds another on the same thread.
+class CRecursiveMutex : public CBase, public virtual IMutex {
+public:
+  void lock() override { m_mutex.lock(); }
+  void unlock() override { m_mutex.unlock(); }
+
+private:
+  std::recursive_mutex m_mutex;
+};
+
+} // namespace
+
 IMutex& getGlobalMutex() {
   // Built on first use and never destroyed, so singletons can lock it at any
   // point of the process's life, including exit.
-  static CMutex* const g_mutex = new CMutex();
+  static CRecursiveMutex* const g_mutex = new CRecursiveMutex();
   return *g_mutex;
 }
 

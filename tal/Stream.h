@@ -124,7 +124,8 @@ private:
   P<IMutex> m_mutex;
 };
 
-/// The process-wide mutex that guards the lazy singletons.
+/// The process-wide mutex that guards the lazy singletons. It is recursive:
+/// one singleton's construction may build another on the same thread.
 IMutex& getGlobalMutex();
 /// Gives up the processor (`sleep` true: yield to any ready thread).
 void threadYield(bool sleep);

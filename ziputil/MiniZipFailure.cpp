@@ -12,6 +12,7 @@ tal::CProps minizipFailureProps(tal::CURI const& uri, int result) {
 void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback) {
   if (result == -1 && bridgeError) bridgeError->throwClone();
   fallback.throwClone();
+  __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
 } // namespace ziputil
