@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# The main job: sets up, builds and installs the project, then uses the
+# installed ziputil program on the sample folder: makes an archive of it,
+# lists it, tests it, extracts it and compares the result with the original.
+set -euo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+cd "$repo"
+bash scripts/setup.sh
+cmake -S . -B build -G Ninja -DZIPUTIL_BUILD_BENCH=OFF >/dev/null
+cmake --build build -j"$(nproc)"
+cmake --install build --prefix build/prefix >/dev/null
+ziputil=$repo/build/prefix/bin/ziputil
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+archive="$work/sample archive.zip"
+
+echo "== ziputil add"
+(cd examples && "$ziputil" add --level 9 "$archive" sample)
+echo "== ziputil list --long"
+"$ziputil" list --long "$archive"
+echo "== ziputil test"
+"$ziputil" test "$archive"
+echo "== ziputil extract"
+"$ziputil" extract "$archive" "$work/out"
+echo "== compare with the original"
+diff -r examples/sample "$work/out/sample"
+echo "== cross-check with unzip -t"
+unzip -tq "$archive"
+echo "The extracted folder matches the sample folder byte for byte."

@@ -1,0 +1,352 @@
+"""The installed ziputil program, run the way a user runs it.
+
+ZIPUTIL_PROGRAM names the program under test. Every test works in its own
+temporary folder on real files, and checks output and exit status.
+"""
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+import zipfile
+
+PROGRAM = os.environ.get("ZIPUTIL_PROGRAM", "ziputil")
+
+
+def run(*args, cwd=None, stdin=None):
+    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=120)
+
+
+def make_zip(path, entries, compression=zipfile.ZIP_DEFLATED):
+    """entries: list of (name, bytes or None for a folder entry)."""
+    with zipfile.ZipFile(path, "w", compression) as z:
+        for name, data in entries:
+            if data is None:
+                z.writestr(zipfile.ZipInfo(name), b"")
+            else:
+                z.writestr(name, data)
+
+
+class CliTestCase(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="ziputil cli #")
+        self.addCleanup(shutil.rmtree, self.dir, True)
+
+    def path(self, *parts):
+        return os.path.join(self.dir, *parts)
+
+    def write(self, relative, data):
+        full = self.path(relative)
+        os.makedirs(os.path.dirname(full), exist_ok=True)
+        with open(full, "wb") as f:
+            f.write(data)
+        return full
+
+    def assertResult(self, result, status):
+        self.assertEqual(result.returncode, status, msg=result.stderr.decode(errors="replace"))
+
+    def sample_tree(self):
+        files = {
+            "tree/a.txt": b"alpha\n" * 100,
+            "tree/empty.bin": b"",
+            "tree/sub dir/b #1.txt": bytes(range(256)) * 40,
+            "tree/sub dir/deeper/\u00e9t\u00e9.txt".encode().decode(): "summer".encode(),
+        }
+        for name, data in files.items():
+            self.write(name, data)
+        os.makedirs(self.path("tree", "empty folder"))
+        return files
+
+
+class UsageTest(CliTestCase):
+    def test_help_lists_every_command(self):
+        result = run("--help")
+        self.assertResult(result, 0)
+        for command in ("list", "cat", "extract", "add", "test"):
+            self.assertIn(("ziputil " + command).encode(), result.stdout)
+
+    def test_each_command_has_help(self):
+        for command in ("list", "cat", "extract", "add", "test"):
+            result = run(command, "--help")
+            self.assertResult(result, 0)
+            self.assertTrue(result.stdout.startswith(b"usage: ziputil " + command.encode()))
+
+    def test_usage_errors_exit_2(self):
+        for args in ([], ["frobnicate"], ["list"], ["list", "a", "b"], ["cat", "a.zip"], ["add", "a.zip"],
+                     ["list", "--bogus", "a.zip"], ["add", "--level", "10", "a.zip", "x"],
+                     ["add", "--level"], ["list", "--level", "3", "a.zip"]):
+            result = run(*args)
+            self.assertEqual(result.returncode, 2, msg=args)
+            self.assertEqual(result.stdout, b"", msg=args)
+            self.assertNotEqual(result.stderr, b"", msg=args)
+
+
+class ListTest(CliTestCase):
+    def test_lists_entries_in_order_with_folder_slash(self):
+        archive = self.path("in.zip")
+        make_zip(archive, [("docs/", None), ("docs/readme.txt", b"hi"), ("z.txt", b""), ("a b#1%.txt", b"x"),
+                           ("\\win\\path.txt", b"w")])
+        result = run("list", archive)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode().splitlines(),
+                         ["docs/", "docs/readme.txt", "z.txt", "a b#1%.txt", "win/path.txt"])
+
+    def test_long_listing_gives_sizes_and_time(self):
+        archive = self.path("in.zip")
+        info = zipfile.ZipInfo("data.txt", date_time=(2021, 3, 4, 5, 6, 8))
+        info.compress_type = zipfile.ZIP_DEFLATED
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(info, b"a" * 1000)
+        compressed = zipfile.ZipFile(archive).getinfo("data.txt").compress_size
+        result = run("list", "--long", archive)
+        self.assertResult(result, 0)
+        fields = result.stdout.decode().split()
+        self.assertEqual(fields, ["1000", str(compressed), "2021-03-04", "05:06", "data.txt"])
+
+    def test_not_an_archive_names_the_uri(self):
+        archive = self.write("plain #1.txt", b"this is not a zip archive" * 10)
+        result = run("list", archive)
+        self.assertResult(result, 1)
+        expected = "ziputil: File is not a valid ZIP archive. (file://%s)\n" % \
+            archive.replace("%", "%25").replace(" ", "%20").replace("#", "%23")
+        self.assertEqual(result.stderr.decode(), expected)
+
+    def test_missing_archive_fails_with_one_line(self):
+        result = run("list", self.path("missing.zip"))
+        self.assertResult(result, 1)
+        lines = result.stderr.decode().splitlines()
+        self.assertEqual(len(lines), 1)
+        self.assertTrue(lines[0].startswith("ziputil: "))
+        self.assertIn("No such file or directory", lines[0])
+        self.assertTrue(lines[0].endswith("missing.zip)"))
+
+    def test_archive_path_with_any_characters_and_file_uri(self):
+        archive = self.path("w\u00e9ird #? %41 name.zip")
+        make_zip(archive, [("x.txt", b"x")])
+        self.assertEqual(run("list", archive).stdout, b"x.txt\n")
+        uri = "file://" + archive.replace("%", "%25").replace(" ", "%20").replace("#", "%23").replace("?", "%3F")
+        result = run("list", uri)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"x.txt\n")
+
+    def test_relative_archive_path(self):
+        make_zip(self.path("rel.zip"), [("r.txt", b"r")])
+        result = run("list", "rel.zip", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"r.txt\n")
+
+
+class CatTest(CliTestCase):
+    def test_entry_name_is_literal(self):
+        archive = self.path("in.zip")
+        make_zip(archive, [("dir/a b#1?x=%41.txt", b"literal"), ("dir/a b", b"other")])
+        result = run("cat", archive, "dir/a b#1?x=%41.txt")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"literal")
+
+    def test_binary_bytes_are_exact(self):
+        data = os.urandom(300000)
+        archive = self.path("in.zip")
+        make_zip(archive, [("blob.bin", data)])
+        result = run("cat", archive, "blob.bin")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, data)
+
+    def test_missing_entry_fails(self):
+        archive = self.path("in.zip")
+        make_zip(archive, [("a.txt", b"a")])
+        result = run("cat", archive, "b.txt")
+        self.assertResult(result, 1)
+        self.assertEqual(result.stdout, b"")
+        self.assertIn(b"b.txt", result.stderr)
+
+    def test_password_entry(self):
+        self.write("secret.txt", b"top secret\n")
+        archive = self.path("enc.zip")
+        subprocess.run(["zip", "-q", "-P", "pw", archive, "secret.txt"], cwd=self.dir, check=True)
+        result = run("cat", "--password", "pw", archive, "secret.txt")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"top secret\n")
+        wrong = run("cat", "--password", "nope", archive, "secret.txt")
+        self.assertResult(wrong, 1)
+        self.assertEqual(wrong.stdout, b"")
+        self.assertTrue(wrong.stderr.startswith(b"ziputil: "))
+
+
+class ExtractTest(CliTestCase):
+    def test_tree_comes_out_byte_exact(self):
+        files = self.sample_tree()
+        archive = self.path("tree.zip")
+        subprocess.run(["zip", "-q", "-r", archive, "tree"], cwd=self.dir, check=True)
+        out = self.path("out")
+        result = run("extract", archive, out)
+        self.assertResult(result, 0)
+        for name, data in files.items():
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data, msg=name)
+        self.assertTrue(os.path.isdir(os.path.join(out, "tree", "empty folder")))
+
+    def test_default_folder_is_current(self):
+        archive = self.path("in.zip")
+        make_zip(archive, [("d/f.txt", b"f")])
+        work = self.path("work")
+        os.makedirs(work)
+        self.assertResult(run("extract", archive, cwd=work), 0)
+        with open(os.path.join(work, "d", "f.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"f")
+
+    def test_dot_dot_entry_is_refused_and_others_extracted(self):
+        archive = self.path("evil.zip")
+        make_zip(archive, [("good.txt", b"good"), ("../evil.txt", b"evil"), ("a/../../evil2.txt", b"evil"),
+                           ("after.txt", b"after")])
+        out = self.path("out")
+        result = run("extract", archive, out)
+        self.assertResult(result, 1)
+        err = result.stderr.decode()
+        self.assertIn('"../evil.txt"', err)
+        self.assertIn('"a/../../evil2.txt"', err)
+        self.assertFalse(os.path.exists(self.path("evil.txt")))
+        self.assertFalse(os.path.exists(self.path("evil2.txt")))
+        for name, data in (("good.txt", b"good"), ("after.txt", b"after")):
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data)
+
+    def test_symbolic_link_inside_folder_is_not_followed(self):
+        outside = self.path("outside")
+        os.makedirs(outside)
+        out = self.path("out")
+        os.makedirs(out)
+        os.symlink(outside, os.path.join(out, "link"))
+        os.symlink(os.path.join(outside, "file.txt"), os.path.join(out, "filelink"))
+        archive = self.path("link.zip")
+        make_zip(archive, [("link/x.txt", b"x"), ("filelink", b"y"), ("ok.txt", b"ok")])
+        result = run("extract", archive, out)
+        self.assertResult(result, 1)
+        err = result.stderr.decode()
+        self.assertIn('"link/x.txt"', err)
+        self.assertIn('"filelink"', err)
+        self.assertEqual(os.listdir(outside), [])
+        with open(os.path.join(out, "ok.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"ok")
+
+    def test_corrupt_entry_fails_with_status_1(self):
+        archive = self.path("in.zip")
+        make_zip(archive, [("a.txt", b"a" * 5000)])
+        data = bytearray(open(archive, "rb").read())
+        data[40:60] = b"\xff" * 20  # inside the deflated data
+        open(archive, "wb").write(bytes(data))
+        result = run("extract", archive, self.path("out"))
+        self.assertResult(result, 1)
+        self.assertIn(b'"a.txt"', result.stderr)
+
+
+class AddTest(CliTestCase):
+    def test_new_archive_from_folder_is_valid_for_other_tools(self):
+        files = self.sample_tree()
+        archive = self.path("new.zip")
+        result = run("add", archive, "./tree", cwd=self.dir)
+        self.assertResult(result, 0)
+        subprocess.run(["unzip", "-tq", archive], check=True, capture_output=True)
+        with zipfile.ZipFile(archive) as z:
+            names = z.namelist()
+            for name, data in files.items():
+                self.assertEqual(z.read(name), data)
+                self.assertEqual(z.getinfo(name).compress_type, zipfile.ZIP_DEFLATED)
+            self.assertIn("tree/", names)
+            self.assertIn("tree/empty folder/", names)
+            self.assertEqual(names[0], "tree/")
+
+    def test_names_made_relative_and_times_local(self):
+        full = self.write("f.txt", b"content")
+        stamp = time.mktime((2020, 6, 7, 8, 9, 10, 0, 0, -1))
+        os.utime(full, (stamp, stamp))
+        archive = self.path("t.zip")
+        self.assertResult(run("add", archive, full), 0)
+        with zipfile.ZipFile(archive) as z:
+            info = z.infolist()[0]
+        self.assertEqual(info.filename, full.lstrip("/"))
+        self.assertEqual(info.date_time, (2020, 6, 7, 8, 9, 10))
+        self.assertTrue(info.flag_bits & 0x800)
+
+    def test_levels(self):
+        self.write("big.txt", b"compressible text " * 5000)
+        sizes = {}
+        for level in ("0", "9"):
+            archive = self.path("l%s.zip" % level)
+            self.assertResult(run("add", "--level", level, archive, "big.txt", cwd=self.dir), 0)
+            with zipfile.ZipFile(archive) as z:
+                info = z.getinfo("big.txt")
+                self.assertEqual(info.compress_type, zipfile.ZIP_DEFLATED)
+                self.assertEqual(z.read("big.txt"), b"compressible text " * 5000)
+                sizes[level] = info.compress_size
+        self.assertGreater(sizes["0"], 90000)
+        self.assertLess(sizes["9"], 2000)
+
+    def test_appends_to_existing_archive(self):
+        archive = self.path("old.zip")
+        make_zip(archive, [("old.txt", b"old")])
+        self.write("new.txt", b"new")
+        self.assertResult(run("add", archive, "new.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["old.txt", "new.txt"])
+            self.assertEqual(z.read("old.txt"), b"old")
+            self.assertEqual(z.read("new.txt"), b"new")
+        self.assertEqual(run("cat", archive, "new.txt").stdout, b"new")
+
+    def test_not_an_archive_is_left_untouched(self):
+        target = self.write("notes.txt", b"precious notes, not a zip\n" * 50)
+        before = open(target, "rb").read()
+        self.write("x.txt", b"x")
+        result = run("add", target, "x.txt", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertIn(b"ziputil: ", result.stderr)
+        self.assertEqual(open(target, "rb").read(), before)
+
+    def test_missing_source_fails(self):
+        result = run("add", self.path("a.zip"), self.path("nothing here"))
+        self.assertResult(result, 1)
+        self.assertIn(b"nothing here", result.stderr)
+
+    def test_password_round_trip(self):
+        self.write("s.txt", b"secret")
+        archive = self.path("p.zip")
+        self.assertResult(run("add", "--password", "pw", archive, "s.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertTrue(z.getinfo("s.txt").flag_bits & 1)
+        self.assertEqual(run("cat", "-P", "pw", archive, "s.txt").stdout, b"secret")
+        self.assertResult(run("cat", "-P", "wrong", archive, "s.txt"), 1)
+
+    def test_archive_inside_added_folder_is_skipped(self):
+        self.write("d/a.txt", b"a")
+        archive = self.path("d", "self.zip")
+        self.assertResult(run("add", archive, "d", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["d/", "d/a.txt"])
+
+
+class TestCommandTest(CliTestCase):
+    def test_good_archive_passes(self):
+        archive = self.path("ok.zip")
+        make_zip(archive, [("a.txt", b"a" * 1000), ("d/", None), ("e.txt", b"")])
+        result = run("test", archive)
+        self.assertResult(result, 0)
+        self.assertIn(b"No errors in 3 entries", result.stdout)
+
+    def test_crc_mismatch_names_the_entry(self):
+        archive = self.path("bad.zip")
+        make_zip(archive, [("good.txt", b"good"), ("bad.txt", b"0123456789")], zipfile.ZIP_STORED)
+        data = bytearray(open(archive, "rb").read())
+        at = data.index(b"0123456789")
+        data[at] = ord("X")
+        open(archive, "wb").write(bytes(data))
+        result = run("test", archive)
+        self.assertResult(result, 1)
+        err = result.stderr.decode()
+        self.assertIn('"bad.txt"', err)
+        self.assertNotIn('"good.txt"', err)
+        self.assertIn(b"1 of 2 entries", result.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()

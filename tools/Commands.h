@@ -1,0 +1,28 @@
+// The ziputil program's commands. Each returns the process exit status
+// (0 success, 1 failure) and reports problems on standard error; library
+// errors other than per-entry ones propagate to the caller as exceptions.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ziputil_tool {
+
+/// Options shared by the commands.
+struct Options {
+  std::string password;
+  bool longListing = false;
+  int level = 6;
+};
+
+int listArchive(Options const& options, std::string const& archive);
+int catEntry(Options const& options, std::string const& archive, std::string const& entry);
+int extractArchive(Options const& options, std::string const& archive, std::string const& folder);
+int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths);
+int testArchive(Options const& options, std::string const& archive);
+
+/// One line on standard error for an error: its message, then the URI it
+/// concerns (its "uri" property) in parentheses when it has one.
+void reportError(std::exception const& error, std::string const& prefix = std::string());
+
+} // namespace ziputil_tool

@@ -1,0 +1,138 @@
+#include "LocalPaths.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace ziputil_tool {
+namespace {
+
+std::runtime_error systemError(std::string const& what, std::string const& path) {
+  return std::runtime_error(what + " " + path + ": " + std::strerror(errno));
+}
+
+std::string currentDirectory() {
+  std::vector<char> buffer(4096);
+  while (!getcwd(buffer.data(), buffer.size())) {
+    if (errno != ERANGE) throw systemError("cannot read the working folder", ".");
+    buffer.resize(buffer.size() * 2);
+  }
+  return buffer.data();
+}
+
+std::vector<std::string> splitSegments(std::string const& path) {
+  std::vector<std::string> segments;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    std::string segment = path.substr(start, end - start);
+    if (!segment.empty() && segment != ".") segments.push_back(segment);
+    start = end + 1;
+  }
+  return segments;
+}
+
+std::vector<std::string> sortedChildren(std::string const& folder) {
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) throw systemError("cannot read folder", folder);
+  std::vector<std::string> names;
+  while (dirent* entry = readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+bool sameFile(struct stat const& a, struct stat const& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+
+void collectInto(std::vector<SourceItem>& items, std::string const& path, std::string const& entryName,
+                 struct stat const* skip) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) throw systemError("cannot read", path);
+  if (skip && sameFile(st, *skip)) return;
+  SourceItem item{path, entryName, S_ISDIR(st.st_mode), static_cast<long long>(st.st_mtime)};
+  if (!item.isDirectory) {
+    items.push_back(item);
+    return;
+  }
+  std::string prefix = entryName.empty() || entryName.back() == '/' ? entryName : entryName + "/";
+  if (!prefix.empty()) items.push_back(SourceItem{path, prefix, true, item.modifiedTime});
+  for (std::string const& child : sortedChildren(path)) collectInto(items, path + "/" + child, prefix + child, skip);
+}
+
+} // namespace
+
+tal::String textFromBytes(std::string const& bytes) {
+  tal::String text = tal::String::fromUTF8(bytes);
+  if (text.empty() && !bytes.empty()) text = tal::String(bytes.c_str());
+  return text;
+}
+
+tal::CURI entryURIFromPath(tal::String const& path) {
+  return tal::CURI(tal::String(), path, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
+}
+
+tal::CURI archiveURIFromArgument(std::string const& argument) {
+  if (argument.rfind("file:", 0) == 0) return tal::CURI(textFromBytes(argument));
+  std::string path = !argument.empty() && argument[0] == '/' ? argument : currentDirectory() + "/" + argument;
+  tal::String host;
+  return tal::CURI(tal::String("file"), textFromBytes(path), nullptr, nullptr, host, -1, nullptr, nullptr);
+}
+
+std::string entryNameFromArgument(std::string path) {
+  for (;;) {
+    if (path.rfind("./", 0) == 0)
+      path.erase(0, 2);
+    else if (!path.empty() && path[0] == '/')
+      path.erase(0, 1);
+    else
+      return path == "." ? std::string() : path;
+  }
+}
+
+std::vector<SourceItem> collectSources(std::string const& path, std::string const& entryName,
+                                       std::string const& skipPath) {
+  struct stat skip;
+  bool haveSkip = stat(skipPath.c_str(), &skip) == 0;
+  std::vector<SourceItem> items;
+  collectInto(items, path, entryName, haveSkip ? &skip : nullptr);
+  return items;
+}
+
+void makeDirectories(std::string const& path) {
+  std::string current = !path.empty() && path[0] == '/' ? "" : ".";
+  for (std::string const& segment : splitSegments(path)) {
+    current += "/" + segment;
+    if (mkdir(current.c_str(), 0777) != 0 && errno != EEXIST) throw systemError("cannot create folder", current);
+  }
+}
+
+ExtractTarget prepareExtractTarget(std::string const& root, std::string const& entryPath, bool isDirectory) {
+  std::vector<std::string> segments = splitSegments(entryPath);
+  for (std::string const& segment : segments)
+    if (segment == "..") return {std::string(), "its path leaves the target folder"};
+  if (segments.empty()) return {std::string(), "its path names no file"};
+  std::string current = root;
+  for (std::size_t i = 0; i < segments.size(); ++i) {
+    current += "/" + segments[i];
+    bool last = i + 1 == segments.size();
+    struct stat st;
+    if (lstat(current.c_str(), &st) == 0) {
+      if (S_ISLNK(st.st_mode)) return {std::string(), "it would be written through the symbolic link " + current};
+      if ((!last || isDirectory) && !S_ISDIR(st.st_mode)) return {std::string(), current + " is not a folder"};
+    } else if (!last || isDirectory) {
+      if (mkdir(current.c_str(), 0777) != 0) throw systemError("cannot create folder", current);
+    }
+  }
+  return {current, std::string()};
+}
+
+} // namespace ziputil_tool

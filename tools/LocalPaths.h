@@ -1,0 +1,58 @@
+// Local-file helpers of the ziputil program: turning command-line paths into
+// URIs and entry names, walking folders, and placing extracted entries safely.
+#pragma once
+
+#include "tal/String.h"
+
+#include <string>
+#include <vector>
+
+namespace ziputil_tool {
+
+/// Text from bytes a user typed or a file system returned: UTF-8 when valid,
+/// otherwise ISO-8859-1, so that no byte string is lost.
+tal::String textFromBytes(std::string const& bytes);
+
+/// The `file:` URI of a local path (made absolute against the working folder);
+/// text that starts with "file:" is parsed as a URI instead. Any character may
+/// appear in a path: it is held as the URI's path, never read as URI syntax.
+tal::CURI archiveURIFromArgument(std::string const& argument);
+
+/// A relative URI whose path is exactly `path` (no URI syntax is interpreted).
+tal::CURI entryURIFromPath(tal::String const& path);
+
+/// The entry name for a path given on the command line: leading "./" and "/"
+/// removed. Empty when nothing is left.
+std::string entryNameFromArgument(std::string path);
+
+/// One local file or folder to add, with the entry name it gets.
+struct SourceItem {
+  std::string localPath;
+  std::string entryName; ///< ends with "/" for a folder
+  bool isDirectory = false;
+  long long modifiedTime = 0; ///< seconds since the epoch
+};
+
+/// Lists `path` and, for a folder, everything below it (sorted by name, folders
+/// before their contents). Files identical to `skipPath` (the archive being
+/// written) are left out. Throws std::runtime_error when `path` cannot be read.
+std::vector<SourceItem> collectSources(std::string const& path, std::string const& entryName,
+                                       std::string const& skipPath);
+
+/// Where an extracted entry goes, or why it may not go anywhere.
+struct ExtractTarget {
+  std::string path;   ///< the local path, when `refusal` is empty
+  std::string refusal; ///< why the entry is refused, empty when it is accepted
+};
+
+/// Checks the entry path `entryPath` (segments separated by "/") against the
+/// folder `root`, creating the folders on the way: refused when a segment is
+/// "..", or when an existing component below `root` is a symbolic link (the
+/// entry would land wherever the link points). Throws std::runtime_error when
+/// a folder cannot be created.
+ExtractTarget prepareExtractTarget(std::string const& root, std::string const& entryPath, bool isDirectory);
+
+/// Creates `path` and its missing parents as folders.
+void makeDirectories(std::string const& path);
+
+} // namespace ziputil_tool

@@ -1,0 +1,151 @@
+// ziputil: lists, reads, extracts, adds to and tests ZIP archives on local disks.
+#include "Commands.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+namespace {
+
+using ziputil_tool::Options;
+
+struct Command {
+  char const* name;
+  char const* usage;
+  char const* help;
+};
+
+Command const kCommands[] = {
+    {"list", "list [--password P] [--long] ARCHIVE",
+     "Prints one line per entry in central-directory order: the entry's path, with \"/\" after a folder\n"
+     "entry. --long puts the uncompressed size, compressed size and modification time before it.\n"},
+    {"cat", "cat [--password P] ARCHIVE ENTRY",
+     "Writes the bytes of ENTRY to standard output. ENTRY is taken literally: '#', '?', '%' and\n"
+     "blanks are ordinary characters.\n"},
+    {"extract", "extract [--password P] ARCHIVE [DIR]",
+     "Extracts every entry under DIR (default \".\"). An entry whose path would land outside DIR,\n"
+     "through \"..\" or through a symbolic link, is refused and named; the others are still\n"
+     "extracted, and the exit status is then 1.\n"},
+    {"add", "add [--password P] [--level N] ARCHIVE PATH...",
+     "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
+     "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
+     "times in local time. N is the deflate level, 0 to 9 (default 6).\n"},
+    {"test", "test [--password P] ARCHIVE",
+     "Reads every entry and checks its CRC-32 and size; names each bad entry.\n"},
+};
+
+void printUsage(FILE* out) {
+  std::fprintf(out, "usage: ziputil COMMAND [OPTIONS] ARGUMENTS\n\ncommands:\n");
+  for (Command const& command : kCommands) std::fprintf(out, "  ziputil %s\n", command.usage);
+  std::fprintf(out,
+               "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
+               "Exit status: 0 success, 1 failure, 2 usage error.\n");
+}
+
+Command const* findCommand(std::string const& name) {
+  for (Command const& command : kCommands)
+    if (name == command.name) return &command;
+  return nullptr;
+}
+
+struct UsageError {
+  std::string text;
+};
+
+int parseLevel(std::string const& text) {
+  if (text.size() != 1 || text[0] < '0' || text[0] > '9') throw UsageError{"--level takes a number from 0 to 9"};
+  return text[0] - '0';
+}
+
+/// Splits the arguments after the command into options and operands.
+std::vector<std::string> parseArguments(Command const& command, int argc, char** argv, Options& options, bool& help) {
+  std::vector<std::string> operands;
+  bool optionsEnded = false;
+  for (int i = 2; i < argc; ++i) {
+    std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) throw UsageError{arg + " needs a value"};
+      return argv[++i];
+    };
+    if (optionsEnded || arg.empty() || arg[0] != '-' || arg == "-")
+      operands.push_back(arg);
+    else if (arg == "--")
+      optionsEnded = true;
+    else if (arg == "--help" || arg == "-h")
+      help = true;
+    else if (arg == "--password" || arg == "-P")
+      options.password = value();
+    else if (arg == "--long" && std::strcmp(command.name, "list") == 0)
+      options.longListing = true;
+    else if (arg == "--level" && std::strcmp(command.name, "add") == 0)
+      options.level = parseLevel(value());
+    else
+      throw UsageError{"unknown option " + arg};
+  }
+  return operands;
+}
+
+void requireOperands(std::vector<std::string> const& operands, std::size_t least, std::size_t most) {
+  if (operands.size() < least || operands.size() > most) throw UsageError{"wrong number of arguments"};
+}
+
+int runCommand(Command const& command, Options const& options, std::vector<std::string> const& operands) {
+  std::string name = command.name;
+  if (name == "list") {
+    requireOperands(operands, 1, 1);
+    return ziputil_tool::listArchive(options, operands[0]);
+  }
+  if (name == "cat") {
+    requireOperands(operands, 2, 2);
+    return ziputil_tool::catEntry(options, operands[0], operands[1]);
+  }
+  if (name == "extract") {
+    requireOperands(operands, 1, 2);
+    return ziputil_tool::extractArchive(options, operands[0], operands.size() > 1 ? operands[1] : ".");
+  }
+  if (name == "add") {
+    requireOperands(operands, 2, static_cast<std::size_t>(-1));
+    return ziputil_tool::addToArchive(options, operands[0], {operands.begin() + 1, operands.end()});
+  }
+  requireOperands(operands, 1, 1);
+  return ziputil_tool::testArchive(options, operands[0]);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    printUsage(stderr);
+    return 2;
+  }
+  std::string first = argv[1];
+  if (first == "--help" || first == "-h" || first == "help") {
+    printUsage(stdout);
+    return 0;
+  }
+  Command const* command = findCommand(first);
+  if (!command) {
+    std::fprintf(stderr, "ziputil: unknown command %s\n", first.c_str());
+    printUsage(stderr);
+    return 2;
+  }
+  try {
+    Options options;
+    bool help = false;
+    std::vector<std::string> operands = parseArguments(*command, argc, argv, options, help);
+    if (help) {
+      std::printf("usage: ziputil %s\n\n%s", command->usage, command->help);
+      return 0;
+    }
+    return runCommand(*command, options, operands);
+  } catch (UsageError const& e) {
+    std::fprintf(stderr, "ziputil %s: %s\nusage: ziputil %s\n", command->name, e.text.c_str(), command->usage);
+    return 2;
+  } catch (std::exception const& e) {
+    ziputil_tool::reportError(e);
+    return 1;
+  }
+}
