@@ -15,11 +15,25 @@ jobs=$(nproc)
 
 bash scripts/setup.sh
 
-configure_and_build() { # dir, extra cmake args...
+configure() { # dir, extra cmake args...
   local dir=$1
   shift
   cmake -S . -B "$dir" -G Ninja -DZIPUTIL_BUILD_BENCH=OFF "$@" >/dev/null
-  cmake --build "$dir" -j"$jobs"
+}
+
+configure_and_build() { # dir, extra cmake args...
+  configure "$@"
+  cmake --build "$1" -j"$jobs"
+}
+
+# The test programs made from tests/<folder>/*_concurrency_test.cpp.
+concurrency_targets() {
+  local f
+  for f in tests/*/*_concurrency_test.cpp; do
+    [ -e "$f" ] || continue
+    f=${f#tests/}
+    echo "${f%%/*}_$(basename "$f" .cpp)"
+  done
 }
 
 run_ctest() { # dir, ctest args...
@@ -45,8 +59,10 @@ section "AddressSanitizer + UndefinedBehaviorSanitizer tests"
 run_ctest build-asan -LE long
 
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-section "ThreadSanitizer build"
-configure_and_build build-tsan -DZIPUTIL_SANITIZE=thread
+section "ThreadSanitizer build (the concurrency tests only)"
+configure build-tsan -DZIPUTIL_SANITIZE=thread
+mapfile -t targets < <(concurrency_targets)
+[ ${#targets[@]} -eq 0 ] || cmake --build build-tsan -j"$jobs" --target "${targets[@]}"
 section "ThreadSanitizer tests"
 run_ctest build-tsan -L concurrency
 
