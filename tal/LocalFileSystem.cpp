@@ -1,1 +1,120 @@
-// placeholder: being written
+#include "tal/LocalFileSystem.h"
+
+#include "tal/PositionalStream.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tal {
+namespace {
+
+CProps uriProps(CURI const& uri) {
+  CProps props;
+  props["uri"] = uri.toString(true);
+  return props;
+}
+
+[[noreturn]] void throwSystemError(CIOError::Code code, char const* what, int error, CURI const& uri) {
+  throw CIOError(code, String(what) + String(": ") + String(std::strerror(error)), uriProps(uri), nullptr);
+}
+
+/// An open POSIX file descriptor.
+class CLocalFile : public CBase, public virtual IPositionalFile {
+public:
+  CLocalFile(int fd, CURI const& uri) : m_fd(fd), m_uri(uri) {}
+  ~CLocalFile() override {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+
+  std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
+    for (;;) {
+      ssize_t n = ::pread(m_fd, buffer, size, static_cast<off_t>(offset));
+      if (n >= 0) return static_cast<std::size_t>(n);
+      if (errno != EINTR) throwSystemError(CIOError::ReadFailed, "Cannot read file", errno, m_uri);
+    }
+  }
+
+  void writeAt(long long offset, void const* data, std::size_t size) override {
+    auto const* bytes = static_cast<unsigned char const*>(data);
+    while (size > 0) {
+      ssize_t n = ::pwrite(m_fd, bytes, size, static_cast<off_t>(offset));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) throwSystemError(CIOError::WriteFailed, "Cannot write file", n < 0 ? errno : EIO, m_uri);
+      bytes += n;
+      offset += n;
+      size -= static_cast<std::size_t>(n);
+    }
+  }
+
+  long long size() override {
+    struct stat st;
+    if (::fstat(m_fd, &st) != 0) throwSystemError(CIOError::SeekFailed, "Cannot read file length", errno, m_uri);
+    return static_cast<long long>(st.st_size);
+  }
+
+  void truncate(long long length) override {
+    if (length < 0 || ::ftruncate(m_fd, static_cast<off_t>(length)) != 0)
+      throwSystemError(CIOError::SetLengthFailed, "Cannot set file length", length < 0 ? EINVAL : errno, m_uri);
+  }
+
+  void closeFile() override {
+    int fd = m_fd;
+    m_fd = -1;
+    if (::close(fd) != 0) throwSystemError(CIOError::Unknown, "Cannot close file", errno, m_uri);
+  }
+
+private:
+  int m_fd;
+  CURI m_uri;
+};
+
+int openFlags(int access, int flags, CURI const& uri) {
+  int result = O_CLOEXEC;
+  if (access == IFileSystem::AccessRead)
+    result |= O_RDONLY;
+  else if (access == IFileSystem::AccessReadWrite)
+    result |= O_RDWR;
+  else
+    throw CInvalidArgError(String("CLocalFileSystem::openStream"), String("access must be 1 or 3"), uriProps(uri));
+  if (flags & (IFileSystem::OpenCreate | IFileSystem::OpenCreateForRead)) result |= O_CREAT;
+  return result;
+}
+
+} // namespace
+
+std::string CLocalFileSystem::localPath(CURI const& uri) {
+  bool const local = uri.getScheme().IsSameAs(L"file", false) &&
+                     (uri.getHost().empty() || uri.getHost().IsSameAs(L"localhost", false));
+  if (!local || uri.getPath().empty()) {
+    CError refusal(String("CLocalFileSystem supports only local file: URIs."), String(), -1, uriProps(uri), nullptr);
+    throw CFileSystemError(CFileSystemError::NotSupported, refusal);
+  }
+  return uri.getPath().toUTF8();
+}
+
+P<IInOutStream> CLocalFileSystem::openStream(CURI const& uri, int access, int const& flags) {
+  std::string const path = localPath(uri);
+  int const fd = ::open(path.c_str(), openFlags(access, flags, uri), 0666);
+  if (fd < 0) throwSystemError(CIOError::OpenFailed, "Cannot open file", errno, uri);
+  P<CLocalFile> file = P<CLocalFile>::adopt(new CLocalFile(fd, uri));
+  struct stat st;
+  if (::fstat(fd, &st) != 0) throwSystemError(CIOError::OpenFailed, "Cannot open file", errno, uri);
+  if (S_ISDIR(st.st_mode)) throwSystemError(CIOError::OpenFailed, "Cannot open file", EISDIR, uri);
+  P<IPositionalFile> positional(file.get());
+  return P<IInOutStream>::adopt(new CPositionalStream(positional, uri, access == AccessReadWrite, kBufferSize));
+}
+
+bool CLocalFileSystem::exists(CURI const& uri) {
+  struct stat st;
+  return ::stat(localPath(uri).c_str(), &st) == 0;
+}
+
+void CLocalFileSystem::remove(CURI const& uri) {
+  if (::unlink(localPath(uri).c_str()) != 0) throwSystemError(CIOError::DeleteFailed, "Cannot delete file", errno, uri);
+}
+
+} // namespace tal

@@ -1,1 +1,139 @@
-// placeholder: being written
+#include "tal/MemoryFileSystem.h"
+
+#include "tal/PositionalStream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace tal {
+namespace {
+
+CProps uriProps(CURI const& uri) {
+  CProps props;
+  props["uri"] = uri.toString(true);
+  return props;
+}
+
+std::string keyOf(CURI const& uri) { return uri.toNormalized().toString(true).toUTF8(); }
+
+} // namespace
+
+/// One file's bytes, guarded by their own lock.
+class CMemoryFileSystem::CFile : public CBase {
+public:
+  std::size_t readAt(long long offset, void* buffer, std::size_t size) {
+    CMutexLock lock(m_mutex);
+    if (offset >= static_cast<long long>(m_bytes.size())) return 0;
+    std::size_t n = std::min(size, m_bytes.size() - static_cast<std::size_t>(offset));
+    std::memcpy(buffer, m_bytes.data() + offset, n);
+    return n;
+  }
+  void writeAt(long long offset, void const* data, std::size_t size) {
+    CMutexLock lock(m_mutex);
+    std::size_t const end = static_cast<std::size_t>(offset) + size;
+    if (end > m_bytes.size()) m_bytes.resize(end);
+    if (size > 0) std::memcpy(m_bytes.data() + offset, data, size);
+  }
+  long long size() {
+    CMutexLock lock(m_mutex);
+    return static_cast<long long>(m_bytes.size());
+  }
+  void truncate(long long length) {
+    CMutexLock lock(m_mutex);
+    m_bytes.resize(static_cast<std::size_t>(length));
+  }
+  std::string copy() {
+    CMutexLock lock(m_mutex);
+    return std::string(m_bytes.begin(), m_bytes.end());
+  }
+  void assign(std::string const& bytes) {
+    CMutexLock lock(m_mutex);
+    m_bytes.assign(bytes.begin(), bytes.end());
+  }
+
+private:
+  CMutex m_mutex;
+  std::vector<unsigned char> m_bytes;
+};
+
+namespace {
+
+/// A stream's view of a memory file.
+class CMemoryHandle : public CBase, public virtual IPositionalFile {
+public:
+  CMemoryHandle(P<CMemoryFileSystem::CFile> file, CURI const& uri, bool lengthUnknown)
+      : m_file(std::move(file)), m_uri(uri), m_lengthUnknown(lengthUnknown) {}
+  std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
+    return m_file->readAt(offset, buffer, size);
+  }
+  void writeAt(long long offset, void const* data, std::size_t size) override { m_file->writeAt(offset, data, size); }
+  long long size() override { return m_lengthUnknown ? -1 : m_file->size(); }
+  void truncate(long long length) override {
+    if (length < 0) throw CIOError(CIOError::SetLengthFailed, String("Negative length"), uriProps(m_uri), nullptr);
+    m_file->truncate(length);
+  }
+  void closeFile() override { m_file = nullptr; }
+
+private:
+  P<CMemoryFileSystem::CFile> m_file;
+  CURI m_uri;
+  bool m_lengthUnknown;
+};
+
+} // namespace
+
+CMemoryFileSystem::CMemoryFileSystem() = default;
+CMemoryFileSystem::~CMemoryFileSystem() = default;
+
+P<CMemoryFileSystem::CFile> CMemoryFileSystem::find(CURI const& uri) const {
+  CMutexLock lock(m_mutex);
+  auto it = m_files.find(keyOf(uri));
+  return it == m_files.end() ? P<CFile>() : it->second;
+}
+
+P<IInOutStream> CMemoryFileSystem::openStream(CURI const& uri, int access, int const& flags) {
+  if (access != AccessRead && access != AccessReadWrite)
+    throw CInvalidArgError(String("CMemoryFileSystem::openStream"), String("access must be 1 or 3"), uriProps(uri));
+  P<CFile> file;
+  bool lengthUnknown = false;
+  {
+    CMutexLock lock(m_mutex);
+    P<CFile>& slot = m_files[keyOf(uri)];
+    if (!slot && (flags & (OpenCreate | OpenCreateForRead))) slot = newObj<CFile>();
+    file = slot;
+    if (!file) m_files.erase(keyOf(uri));
+    lengthUnknown = m_lengthUnknown;
+  }
+  if (!file) throw CIOError(CIOError::OpenFailed, String("Cannot open file: No such file"), uriProps(uri), nullptr);
+  P<IPositionalFile> handle = P<IPositionalFile>::adopt(new CMemoryHandle(file, uri, lengthUnknown));
+  return P<IInOutStream>::adopt(new CPositionalStream(handle, uri, access == AccessReadWrite, 0));
+}
+
+bool CMemoryFileSystem::exists(CURI const& uri) { return find(uri) != nullptr; }
+
+void CMemoryFileSystem::remove(CURI const& uri) {
+  CMutexLock lock(m_mutex);
+  if (m_files.erase(keyOf(uri)) == 0)
+    throw CIOError(CIOError::DeleteFailed, String("Cannot delete file: No such file"), uriProps(uri), nullptr);
+}
+
+void CMemoryFileSystem::setFile(CURI const& uri, std::string bytes) {
+  P<CFile> file = newObj<CFile>();
+  file->assign(bytes);
+  CMutexLock lock(m_mutex);
+  m_files[keyOf(uri)] = file;
+}
+
+std::string CMemoryFileSystem::getFile(CURI const& uri) const {
+  P<CFile> file = find(uri);
+  if (!file) throw CIOError(CIOError::OpenFailed, String("Cannot open file: No such file"), uriProps(uri), nullptr);
+  return file->copy();
+}
+
+void CMemoryFileSystem::setLengthUnknown(bool unknown) {
+  CMutexLock lock(m_mutex);
+  m_lengthUnknown = unknown;
+}
+
+} // namespace tal

@@ -1,0 +1,48 @@
+// tal::CMemoryFileSystem: files held in memory.
+#pragma once
+
+#include "tal/Stream.h"
+
+#include <map>
+#include <string>
+
+namespace tal {
+
+/// Files held in memory, named by any URI (for example "mem:/archive.zip");
+/// two URIs name the same file when their normalised text forms are equal.
+/// Every stream works directly on the file's bytes, so what one stream writes
+/// the others see at once. Safe under concurrent use: the file table and each
+/// file's bytes have their own locks (one thread at a time per stream).
+///
+/// openStream: access 1 reads, 3 reads and writes; flags 2 or 4 create a
+/// missing file, otherwise a missing file throws CIOError OpenFailed "Cannot
+/// open file: No such file" with "uri". Stream failures follow the
+/// CLocalFileSystem conventions (UnexpectedEnd, StreamClosed, WriteFailed).
+class CMemoryFileSystem : public CBase, public virtual IFileSystem {
+public:
+  CMemoryFileSystem();
+  ~CMemoryFileSystem() override;
+
+  P<IInOutStream> openStream(CURI const& uri, int access, int const& flags) override;
+  bool exists(CURI const& uri) override;
+  /// Deletes the file; open streams keep its bytes. CIOError DeleteFailed when missing.
+  void remove(CURI const& uri) override;
+
+  /// Creates or replaces a file.
+  void setFile(CURI const& uri, std::string bytes);
+  /// A copy of a file's bytes; CIOError OpenFailed when missing.
+  std::string getFile(CURI const& uri) const;
+  /// With true, streams opened afterwards report getLength() == -1 (unknown).
+  void setLengthUnknown(bool unknown);
+
+  class CFile;
+
+private:
+  P<CFile> find(CURI const& uri) const;
+
+  mutable CMutex m_mutex;
+  std::map<std::string, P<CFile>> m_files;
+  bool m_lengthUnknown = false;
+};
+
+} // namespace tal

@@ -1,0 +1,171 @@
+#include "tal/PositionalStream.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tal {
+
+CPositionalStream::CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize)
+    : m_file(std::move(file)), m_uri(uri), m_writable(writable), m_bufferSize(bufferSize) {}
+
+CPositionalStream::~CPositionalStream() {
+  if (!m_file) return;
+  try {
+    close();
+  } catch (std::exception& e) {
+    onExceptionInDestructorIgnored("tal::CPositionalStream", e, true);
+  }
+}
+
+CProps CPositionalStream::uriProps() const {
+  CProps props;
+  props["uri"] = m_uri.toString(true);
+  return props;
+}
+
+void CPositionalStream::checkOpen() const {
+  if (!m_file) throw CIOError(CIOError::StreamClosed, String(), uriProps(), nullptr);
+}
+
+long long CPositionalStream::getLength() const {
+  checkOpen();
+  long long length = m_file->size();
+  if (length < 0) return -1;
+  long long const written = m_writeStart + static_cast<long long>(m_writeBuffer.size());
+  return m_writeBuffer.empty() ? length : std::max(length, written);
+}
+
+long long CPositionalStream::getPosition() const {
+  checkOpen();
+  return m_position;
+}
+
+CURI CPositionalStream::getURI() const { return CURI(m_uri, nullptr); }
+
+void CPositionalStream::seek(long long position) {
+  checkOpen();
+  if (position < 0) throw CIOError(CIOError::SeekFailed, String("Cannot seek to a negative position"), uriProps(), nullptr);
+  m_position = position;
+}
+
+P<IRangeLock> CPositionalStream::lockRange(long long, long long, LockType) {
+  checkOpen();
+  throw CIOError(CIOError::LockNotSupported, String(), uriProps(), nullptr);
+}
+
+void CPositionalStream::close() {
+  checkOpen();
+  P<IPositionalFile> file = m_file;
+  m_file = nullptr;
+  m_readLength = 0;
+  std::exception_ptr failure;
+  try {
+    if (!m_writeBuffer.empty()) file->writeAt(m_writeStart, m_writeBuffer.data(), m_writeBuffer.size());
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  m_writeBuffer.clear();
+  file->closeFile(); // released even when the last write failed
+  if (failure) std::rethrow_exception(failure);
+}
+
+void CPositionalStream::flushWrites() {
+  if (m_writeBuffer.empty()) return;
+  std::vector<unsigned char> pending;
+  pending.swap(m_writeBuffer);
+  m_file->writeAt(m_writeStart, pending.data(), pending.size());
+}
+
+std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    long long const at = m_position;
+    if (m_readLength > 0 && at >= m_readStart && at < m_readStart + static_cast<long long>(m_readLength)) {
+      std::size_t offset = static_cast<std::size_t>(at - m_readStart);
+      std::size_t n = std::min(size - done, m_readLength - offset);
+      std::memcpy(out + done, m_readBuffer.data() + offset, n);
+      done += n;
+      m_position += static_cast<long long>(n);
+    } else if (size - done >= m_bufferSize) {
+      std::size_t n = m_file->readAt(at, out + done, size - done);
+      if (n == 0) break;
+      done += n;
+      m_position += static_cast<long long>(n);
+    } else {
+      m_readBuffer.resize(m_bufferSize);
+      m_readStart = at;
+      m_readLength = m_file->readAt(at, m_readBuffer.data(), m_bufferSize);
+      if (m_readLength == 0) break;
+    }
+  }
+  return done;
+}
+
+int CPositionalStream::readLax(void* buffer, int size) {
+  checkOpen();
+  if (size <= 0) return 0;
+  flushWrites();
+  return static_cast<int>(readInto(static_cast<unsigned char*>(buffer), static_cast<std::size_t>(size)));
+}
+
+void CPositionalStream::read(void* buffer, int size) {
+  if (readLax(buffer, size) < size) throw CIOError(CIOError::UnexpectedEnd, String(), uriProps(), nullptr);
+}
+
+int CPositionalStream::readAvailable(void* buffer, int size) { return readLax(buffer, size); }
+
+bool CPositionalStream::waitReadable(int) const {
+  checkOpen();
+  return true;
+}
+
+bool CPositionalStream::isEndOfStream() const {
+  long long length = getLength();
+  return length >= 0 && m_position >= length;
+}
+
+int CPositionalStream::isEndOfStream_NonBlocking() const { return isEndOfStream() ? 1 : 0; }
+
+void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
+  checkOpen();
+  if (!m_writable)
+    throw CIOError(CIOError::WriteFailed, String("The stream is open for reading only"), uriProps(), nullptr);
+  if (size <= 0) return;
+  std::size_t const n = static_cast<std::size_t>(size);
+  m_readLength = 0; // the read buffer may hold what is being overwritten
+  bool const contiguous = m_position == m_writeStart + static_cast<long long>(m_writeBuffer.size());
+  if (!contiguous || m_writeBuffer.size() + n > m_bufferSize) flushWrites();
+  if (n >= m_bufferSize) {
+    m_file->writeAt(m_position, data, n);
+  } else {
+    if (m_writeBuffer.empty()) m_writeStart = m_position;
+    auto const* bytes = static_cast<unsigned char const*>(data);
+    m_writeBuffer.insert(m_writeBuffer.end(), bytes, bytes + n);
+  }
+  m_position += static_cast<long long>(n);
+}
+
+void CPositionalStream::writeKeepBuffer(TConstBufferSlice<unsigned char> const& slice, IWriteBarrier* barrier) {
+  write(slice.getData(), static_cast<int>(slice.getLength()), barrier);
+}
+
+P<IWriteBarrier> CPositionalStream::createWriteBarrier(IWriteBarrier*) {
+  flush();
+  return P<IWriteBarrier>(newObj<CDummyWriteBarrier>());
+}
+
+void CPositionalStream::flush() {
+  checkOpen();
+  flushWrites();
+}
+
+void CPositionalStream::setLength(long long length) {
+  checkOpen();
+  if (!m_writable)
+    throw CIOError(CIOError::SetLengthFailed, String("The stream is open for reading only"), uriProps(), nullptr);
+  flushWrites();
+  m_readLength = 0;
+  m_file->truncate(length);
+}
+
+} // namespace tal

@@ -1,0 +1,79 @@
+// The stream shared by the framework's file systems: an IInOutStream over a
+// file that can be read and written at any offset, with read and write
+// buffering. Internal to libtal (not installed).
+#pragma once
+
+#include "tal/Stream.h"
+
+#include <vector>
+
+namespace tal {
+
+/// A file addressed by offset. Every failure throws a CError carrying "uri".
+class IPositionalFile : public virtual IBase {
+public:
+  /// Reads up to `size` bytes at `offset`; returns the count, 0 only at the end.
+  virtual std::size_t readAt(long long offset, void* buffer, std::size_t size) = 0;
+  /// Writes all `size` bytes at `offset`, extending the file as needed.
+  virtual void writeAt(long long offset, void const* data, std::size_t size) = 0;
+  /// Length in bytes, or -1 when unknown.
+  virtual long long size() = 0;
+  virtual void truncate(long long length) = 0;
+  /// Releases the file; called once.
+  virtual void closeFile() = 0;
+};
+
+/// Buffered stream over an IPositionalFile. Reads fill a buffer of
+/// `bufferSize` bytes; a seek only moves the position, so a seek that stays
+/// inside the buffer keeps it and a seek to the current position costs
+/// nothing. Writes collect in a buffer flushed by flush(), close(), a read,
+/// a non-contiguous write or setLength(). `bufferSize` 0 passes every call
+/// straight to the file. One thread at a time may use a stream.
+class CPositionalStream : public CBase, public virtual IInOutStream {
+public:
+  CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize);
+  /// Closes the stream if still open; a failure goes to onExceptionInDestructorIgnored.
+  ~CPositionalStream() override;
+
+  long long getLength() const override;
+  long long getPosition() const override;
+  CURI getURI() const override;
+  void seek(long long position) override;
+  /// Range locks are not supported: CIOError LockNotSupported.
+  P<IRangeLock> lockRange(long long start, long long length, LockType type) override;
+  /// Flushes and releases the file; the stream is closed even when that fails
+  /// (the failure is then thrown).
+  void close() override;
+
+  void read(void* buffer, int size) override;
+  int readLax(void* buffer, int size) override;
+  int readAvailable(void* buffer, int size) override;
+  bool waitReadable(int timeout) const override;
+  bool isEndOfStream() const override;
+  int isEndOfStream_NonBlocking() const override;
+
+  void write(void const* data, int size, IWriteBarrier* barrier) override;
+  void writeKeepBuffer(TConstBufferSlice<unsigned char> const& slice, IWriteBarrier* barrier) override;
+  P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
+  void flush() override;
+  void setLength(long long length) override;
+
+private:
+  void checkOpen() const;
+  CProps uriProps() const;
+  std::size_t readInto(unsigned char* out, std::size_t size);
+  void flushWrites();
+
+  P<IPositionalFile> m_file; ///< null once closed
+  CURI m_uri;
+  bool m_writable;
+  std::size_t m_bufferSize;
+  long long m_position = 0;
+  std::vector<unsigned char> m_readBuffer;
+  long long m_readStart = 0;
+  std::size_t m_readLength = 0;
+  std::vector<unsigned char> m_writeBuffer;
+  long long m_writeStart = 0;
+};
+
+} // namespace tal
