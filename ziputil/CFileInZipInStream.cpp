@@ -1,1 +1,128 @@
-// placeholder: being written
+#include "ziputil/CZipReader.h"
+
+#include "ziputil/MiniZipFailure.h"
+
+namespace ziputil {
+namespace {
+
+tal::CIOError closedError() { return tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr); }
+
+} // namespace
+
+CZipReader::CFileInZipInStream::CFileInZipInStream(CZipReader* const& reader, tal::CURI const& entryURI,
+                                                   long long const& length)
+    : m_reader(reader), m_uri(entryURI), m_length(length), m_position(0) {}
+
+CZipReader::CFileInZipInStream::~CFileInZipInStream() {
+  try {
+    close();
+  } catch (std::exception& e) {
+    tal::onExceptionInDestructorIgnored("drel::CZipReader::CFileInZipInStream", e, true);
+  }
+}
+
+tal::CProps CZipReader::CFileInZipInStream::uriProps() const {
+  tal::CProps props;
+  props["uri"] = m_uri.toString(true);
+  return props;
+}
+
+void CZipReader::CFileInZipInStream::checkOpen() const {
+  if (!m_reader) throw closedError();
+}
+
+void CZipReader::CFileInZipInStream::detach() {
+  m_reader->m_streamOpen = false;
+  m_reader = nullptr;
+}
+
+int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
+  checkOpen();
+  tal::P<CZipReader> const reader = m_reader; // outlives the lock, so the mutex does too
+  tal::CMutexLock lock(reader->m_mutex);
+  if (!reader->m_zipStuff) {
+    detach();
+    tal::CIOError const error(tal::CIOError::StreamClosed,
+                              tal::String("Cannot read file in ZIP archive - archive has already been closed"),
+                              uriProps(), nullptr);
+    throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
+  }
+  if (size <= 0) return 0;
+  int const result = unzReadCurrentFile(reader->m_zipStuff->handle, buffer, static_cast<unsigned>(size));
+  if (result < 0) {
+    tal::CProps props = uriProps();
+    props["result"] = tal::toString(result);
+    tal::CIOError const error(tal::CIOError::ReadFailed, tal::String("unzReadCurrentFile failed"), props, nullptr);
+    throwMinizipFailure(reader->m_zipStuff->io.getLastError(), result,
+                        tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+  }
+  m_position += result;
+  if (result < size) m_length = m_position;
+  return result;
+}
+
+void CZipReader::CFileInZipInStream::read(void* buffer, int size) {
+  if (readLax(buffer, size) == size) return;
+  tal::CIOError const error(tal::CIOError::UnexpectedEnd, tal::String(), uriProps(), nullptr);
+  throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
+}
+
+int CZipReader::CFileInZipInStream::readAvailable(void* buffer, int size) { return readLax(buffer, size); }
+
+bool CZipReader::CFileInZipInStream::waitReadable(int) const {
+  checkOpen();
+  return true;
+}
+
+bool CZipReader::CFileInZipInStream::isEndOfStream() const {
+  checkOpen();
+  return m_position >= m_length;
+}
+
+int CZipReader::CFileInZipInStream::isEndOfStream_NonBlocking() const { return isEndOfStream() ? 1 : 0; }
+
+long long CZipReader::CFileInZipInStream::getLength() const {
+  checkOpen();
+  return m_length;
+}
+
+long long CZipReader::CFileInZipInStream::getPosition() const {
+  checkOpen();
+  return m_position;
+}
+
+tal::CURI CZipReader::CFileInZipInStream::getURI() const { return tal::CURI(m_uri, nullptr); }
+
+void CZipReader::CFileInZipInStream::seek(long long) {
+  checkOpen();
+  tal::CProps props;
+  props["uri"] = getURI().toString(true);
+  tal::CError const error(tal::String("CZipReader::CFileInZipInStream does not support seeking."), tal::String(), -1,
+                          props, nullptr);
+  throw tal::CFileSystemError(tal::CFileSystemError::NotSupported, error);
+}
+
+tal::P<tal::IRangeLock> CZipReader::CFileInZipInStream::lockRange(long long, long long, LockType) {
+  checkOpen();
+  throw tal::CIOError(tal::CIOError::LockNotSupported, tal::String(), tal::CProps(), nullptr);
+}
+
+void CZipReader::CFileInZipInStream::close() {
+  if (!m_reader) return;
+  tal::P<CZipReader> const reader = m_reader; // released after the lock
+  tal::CMutexLock lock(reader->m_mutex);
+  if (reader->m_zipStuff) {
+    unzCloseCurrentFile(reader->m_zipStuff->handle); // a CRC mismatch here is deliberately not raised
+    reader->m_streamOpen = false;
+    reader->m_zipStuff->io.getLastError();
+    m_reader = nullptr;
+    return;
+  }
+  detach();
+  tal::CIOError const error(tal::CIOError::ReadFailed,
+                            tal::String("Cannot close file in ZIP archive - archive has already been closed"),
+                            uriProps(), nullptr);
+  throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
+}
+
+} // namespace ziputil

@@ -1,1 +1,208 @@
-// placeholder: being written
+#include "ziputil/CZipReader.h"
+
+#include "ziputil/MiniZipAdapter.h"
+#include "ziputil/MiniZipFailure.h"
+
+#include <wx/strconv.h>
+
+#include <cstring>
+
+namespace ziputil {
+namespace {
+
+constexpr int kNameBufferLength = 65537;
+
+/// UTF-8 text of `text`; the empty string when it cannot be converted.
+std::string toUtf8OrEmpty(tal::String const& text) {
+  wxMBConvUTF8 converter;
+  wxCharBuffer const buffer = converter.cWC2MB(text.wc_str(), text.length(), nullptr);
+  return buffer.data() ? std::string(buffer.data(), buffer.length()) : std::string();
+}
+
+tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(text)); }
+
+} // namespace
+
+// ---- ZipStuff: entry names ---------------------------------------------------
+
+tal::CURI CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String const& pathInArchive) {
+  wxString path(pathInArchive);
+  path.Replace(L"\\", L"/");
+  while (path.StartsWith(L"/")) path.erase(0, 1);
+  while (path.EndsWith(L"/")) path.RemoveLast();
+  path.Replace(L":", L"");
+  path.Trim(true);
+  path.Trim(false);
+  if (path.empty()) path = L"_";
+  return tal::CURI(tal::String(), tal::String(path), nullptr, nullptr, nullptr, -1, nullptr, nullptr);
+}
+
+int CZipReader::ZipStuff::compareFileNames(void*, const char* name1, const char* name2) {
+  try {
+    wxMBConvUTF8 converter;
+    tal::String const path1 = pathInArchiveToSafeURI(tal::String(wxString(name1, converter))).getPath();
+    tal::String const path2 = pathInArchiveToSafeURI(tal::String(wxString(name2, converter))).getPath();
+    if (path1.length() == path2.length() && path1.compare(path2) == 0) return 0;
+    return path1.compare(path2) < 0 ? -1 : 1;
+  } catch (std::exception&) {
+    return std::strcmp(name1, name2);
+  }
+}
+
+// ---- CZipReader ----------------------------------------------------------------
+
+CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password)
+    : m_fileSystem(fileSystem), m_archiveURI(archiveURI), m_password(password), m_hasPassword(!password.empty()),
+      m_atFirst(true), m_streamOpen(false) {
+  m_nameBuffer.setUsed(kNameBufferLength);
+  auto stuff = std::make_unique<ZipStuff>(fileSystem);
+  zlib_filefunc64_def* funcs = stuff->io.getFuncs();
+  std::string const path = toUtf8OrEmpty(m_archiveURI.toString(true));
+  stuff->handle = unzOpen2_64(path.c_str(), funcs);
+  if (!stuff->handle) {
+    tal::P<tal::CError> bridgeError = stuff->io.getLastError();
+    if (bridgeError) bridgeError->throwClone();
+    throw tal::CError(tal::String("File is not a valid ZIP archive."), tal::String(), -1, uriProps(), nullptr);
+  }
+  m_zipStuff = std::move(stuff);
+}
+
+CZipReader::~CZipReader() {
+  try {
+    close();
+  } catch (std::exception& e) {
+    tal::onExceptionInDestructorIgnored("ziputil::CZipReader", e, true);
+  } catch (...) {
+    m_zipStuff.reset();
+  }
+}
+
+tal::CProps CZipReader::uriProps() const {
+  tal::CProps props;
+  props["uri"] = m_archiveURI.toString(true);
+  return props;
+}
+
+void CZipReader::throwFailure(int result, char const* message) const {
+  tal::CError const fallback(tal::String(message), tal::String(), -1, minizipFailureProps(m_archiveURI, result),
+                             nullptr);
+  throwMinizipFailure(m_zipStuff->io.getLastError(), result, fallback);
+}
+
+void CZipReader::checkCanMove(char const* stillOpenMessage) const {
+  if (!m_zipStuff)
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), uriProps(), nullptr);
+  if (m_streamOpen) throw tal::CError(tal::String(stillOpenMessage), tal::String(), -1, uriProps(), nullptr);
+}
+
+void CZipReader::clearEntry() {
+  std::memset(&m_zipStuff->fileInfo, 0, sizeof m_zipStuff->fileInfo);
+  std::memset(m_nameBuffer.getData(), 0, kNameBufferLength);
+}
+
+bool CZipReader::takeCurrentEntry() {
+  m_currentRelativeURI = ZipStuff::pathInArchiveToSafeURI(fromUtf8(m_nameBuffer.getData()));
+  m_atFirst = false;
+  return true;
+}
+
+bool CZipReader::nextFile() {
+  tal::CMutexLock lock(m_mutex);
+  checkCanMove("CZipReader cannot advance to next file because the current file is still open.");
+  clearEntry();
+  ZipStuff& stuff = *m_zipStuff;
+  auto const position = m_atFirst ? &minizip::unzGoToFirstFile2 : &minizip::unzGoToNextFile2;
+  int const result = position(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1, nullptr,
+                              0, nullptr, 0);
+  if (result == UNZ_OK) return takeCurrentEntry();
+  if (result == UNZ_END_OF_LIST_OF_FILE) {
+    m_currentRelativeURI = tal::CURI();
+    return false;
+  }
+  throwFailure(result, m_atFirst ? "unzGoToFirstFile2 failed" : "unzGoToNextFile2 failed");
+}
+
+bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
+  tal::CMutexLock lock(m_mutex);
+  checkCanMove("CZipReader cannot advance to another file because the current file is still open.");
+  clearEntry();
+  ZipStuff& stuff = *m_zipStuff;
+  std::string const name = toUtf8OrEmpty(relativeURI.getPath());
+  int result = minizip::unzLocateFile(stuff.handle, name.c_str(), &ZipStuff::compareFileNames);
+  if (result == UNZ_OK)
+    result = unzGetCurrentFileInfo64(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1,
+                                     nullptr, 0, nullptr, 0);
+  if (result == UNZ_OK) return takeCurrentEntry();
+  if (result == UNZ_END_OF_LIST_OF_FILE) {
+    m_currentRelativeURI = tal::CURI();
+    return false;
+  }
+  throwFailure(result, "unzLocateFile failed");
+}
+
+tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
+  if (!isPositioned())
+    throw tal::CError(tal::String("CZipReader not positioned at a file. Cannot open stream."), tal::String(), -1,
+                      uriProps(), nullptr);
+  ZipStuff& stuff = *m_zipStuff;
+  int result = UNZ_OK;
+  if (m_hasPassword)
+    result = minizip::unzOpenCurrentFilePassword(stuff.handle, toUtf8OrEmpty(m_password).c_str());
+  else
+    result = minizip::unzOpenCurrentFile(stuff.handle);
+  if (result != UNZ_OK) {
+    tal::CError const error(tal::String(m_hasPassword ? "unzOpenCurrentFilePassword failed" : "unzOpenCurrentFile failed"),
+                            tal::String(), -1, minizipFailureProps(m_archiveURI, result), nullptr);
+    throwMinizipFailure(stuff.io.getLastError(), result,
+                        tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+  }
+  long long const size = getCurrentFileUncompressedSize();
+  tal::CURI const entryURI = m_archiveURI << m_currentRelativeURI;
+  tal::P<tal::IInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
+  m_streamOpen = true;
+  return stream;
+}
+
+tal::CURI CZipReader::getCurrentFileRelativeURI() const { return tal::CURI(m_currentRelativeURI, nullptr); }
+
+long long CZipReader::getCurrentFileUncompressedSize() const {
+  return isPositioned() ? static_cast<long long>(m_zipStuff->fileInfo.uncompressed_size) : 0;
+}
+
+long long CZipReader::getCurrentFileCompressedSize() const {
+  return isPositioned() ? static_cast<long long>(m_zipStuff->fileInfo.compressed_size) : 0;
+}
+
+tal::CTimeFields CZipReader::getCurrentFileModifiedTimeFields() const {
+  if (!isPositioned()) return tal::CTimeFields();
+  tm_unz const& date = m_zipStuff->fileInfo.tmu_date;
+  if (date.tm_mday < 1 || date.tm_mday > 31) return tal::CTimeFields();
+  return tal::CTimeFields(static_cast<int>(date.tm_year), static_cast<int>(date.tm_mon) + 1,
+                          static_cast<int>(date.tm_mday), static_cast<int>(date.tm_hour),
+                          static_cast<int>(date.tm_min), static_cast<int>(date.tm_sec), 0.0, 0, false);
+}
+
+bool CZipReader::isCurrentFileDirectory() const {
+  if (!isPositioned()) return false;
+  std::size_t const length = std::strlen(m_nameBuffer.getData());
+  char const last = length > 0 ? m_nameBuffer.getData()[length - 1] : '\0';
+  return last == '/' || last == '\\';
+}
+
+unsigned long CZipReader::getCurrentFileCRC32() const {
+  return isPositioned() ? static_cast<unsigned long>(m_zipStuff->fileInfo.crc) : 0;
+}
+
+void CZipReader::close() {
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff) return;
+  int const result = unzClose(m_zipStuff->handle);
+  tal::P<tal::CError> bridgeError = result == UNZ_OK ? tal::P<tal::CError>() : m_zipStuff->io.getLastError();
+  m_zipStuff.reset();
+  if (result == UNZ_OK) return;
+  tal::CError const fallback(tal::String("unzClose failed"), tal::String(), -1,
+                             minizipFailureProps(m_archiveURI, result), nullptr);
+  throwMinizipFailure(bridgeError, result, fallback);
+}
+
+} // namespace ziputil

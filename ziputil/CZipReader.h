@@ -1,0 +1,185 @@
+// ziputil::CZipReader: reads a ZIP archive that lives in a tal::IFileSystem.
+#pragma once
+
+#include "tal/Buffer.h"
+#include "tal/Stream.h"
+#include "ziputil/CMiniZipIO.h"
+
+#include <unzip.h>
+
+#include <memory>
+
+namespace ziputil {
+
+/// Opens one ZIP archive through a tal::IFileSystem, walks its entries in
+/// central-directory order or jumps to a named one, describes the current
+/// entry, and opens it as a tal::IInStream. Every byte of the archive passes
+/// through a CMiniZipIO over the file system.
+///
+/// Heap-only and counted: create it with tal::newObj<CZipReader>(fs, uri, password).
+///
+/// Calling order: construct; any number of nextFile() / tryGoToFile(); after a
+/// true result the getters describe that entry and openCurrentFileStream() may
+/// be called; the entry stream must be closed before the reader moves on;
+/// close() (or the destructor) ends the archive.
+///
+/// Errors: every tal::CError below has an empty context, code -1 and no cause;
+/// "uri" is the archive URI's text (toString(true)), "result" minizip's code in
+/// decimal. When minizip fails with -1 because the file system failed, the file
+/// system's own error is rethrown unchanged instead.
+///
+/// Threads: nextFile, tryGoToFile and close, and the entry stream's reads and
+/// close, hold the reader's mutex for their whole duration. openCurrentFileStream
+/// and the getters take no lock: do not run them concurrently with positioning
+/// or closing.
+class CZipReader : public tal::TRequireNewAlloc<tal::CBase> {
+public:
+  /// The open archive's minizip state, and the entry-name rules.
+  struct ZipStuff {
+    explicit ZipStuff(tal::IFileSystem* fileSystem) : handle(nullptr), io(fileSystem), fileInfo() {}
+
+    unzFile handle;              ///< from unzOpen2_64
+    CMiniZipIO io;               ///< the bridge minizip reads through
+    unz_file_info64 fileInfo;    ///< the current entry, filled when positioning
+
+    /// The cleaned, relative URI of a stored entry name: backslashes become
+    /// "/", leading and trailing slashes go, colons are removed, blanks are
+    /// trimmed (right, then left), and an empty result becomes "_". Dot
+    /// segments and inner slashes stay. Never rejects a name.
+    static tal::CURI pathInArchiveToSafeURI(tal::String const& pathInArchive);
+    /// minizip's name comparer: 0 when two UTF-8 names are equal after
+    /// pathInArchiveToSafeURI (case-sensitive), else -1 or 1. Falls back to
+    /// strcmp of the raw bytes when decoding or cleaning throws. Never throws.
+    static int compareFileNames(void* file, const char* name1, const char* name2);
+  };
+
+  class CFileInZipInStream;
+
+  /// Opens the archive (unzOpen2_64 through the bridge); does not position it.
+  /// Throws the file system's error when the archive cannot be read, else
+  /// CError "File is not a valid ZIP archive." {"uri"}. A non-empty `password`
+  /// is used for every entry opened.
+  CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password);
+  /// Closes the archive; never throws (a failure is reported to
+  /// tal::onExceptionInDestructorIgnored as "ziputil::CZipReader").
+  ~CZipReader() override;
+
+  /// Moves to the next entry (the first on the first call): true when
+  /// positioned, false at the end (the current URI is then empty). Throws
+  /// CIOError StreamClosed "ZIP file already closed" after close(), CError
+  /// "CZipReader cannot advance to next file because the current file is still
+  /// open." while an entry stream is open, and "unzGoToFirstFile2 failed" /
+  /// "unzGoToNextFile2 failed" {"uri", "result"} on other failures.
+  bool nextFile();
+  /// Moves to the first entry whose cleaned name equals the cleaned path of
+  /// `relativeURI`: true when found; false (current URI empty) when not.
+  /// Throws as nextFile, with "CZipReader cannot advance to another file
+  /// because the current file is still open." and "unzLocateFile failed".
+  bool tryGoToFile(tal::CURI const& relativeURI);
+  /// Opens the current entry for reading (with the password when the reader
+  /// has one). Throws CError "CZipReader not positioned at a file. Cannot open
+  /// stream." when not positioned, and CFileSystemError (Unspecified) from
+  /// CError "unzOpenCurrentFilePassword failed" / "unzOpenCurrentFile failed"
+  /// {"uri", "result"} when minizip refuses. Takes no lock.
+  tal::P<tal::IInStream> openCurrentFileStream();
+
+  /// The current entry's cleaned relative URI; empty when not positioned.
+  tal::CURI getCurrentFileRelativeURI() const;
+  /// Sizes in bytes; 0 when not positioned.
+  long long getCurrentFileUncompressedSize() const;
+  long long getCurrentFileCompressedSize() const;
+  /// The entry's modification time; empty when not positioned or when the
+  /// stored day of month is outside 1..31.
+  tal::CTimeFields getCurrentFileModifiedTimeFields() const;
+  /// True when the current entry's stored name ends with "/" or "\" (a folder
+  /// entry; the relative URI has lost that slash). False when not positioned.
+  bool isCurrentFileDirectory() const;
+  /// The CRC-32 stored for the current entry; 0 when not positioned.
+  unsigned long getCurrentFileCRC32() const;
+
+  /// Closes the archive; a second call does nothing. The archive counts as
+  /// closed even when unzClose fails ("unzClose failed" {"uri", "result"}, or
+  /// the file system's error). An entry stream still open finds the archive closed.
+  void close();
+
+private:
+  bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }
+  tal::CProps uriProps() const;
+  void checkCanMove(char const* stillOpenMessage) const;
+  void clearEntry();
+  /// Takes the entry minizip has just positioned at as the current one.
+  bool takeCurrentEntry();
+  [[noreturn]] void throwFailure(int result, char const* message) const;
+
+  std::unique_ptr<ZipStuff> m_zipStuff;
+  tal::CMutex m_mutex;
+  tal::P<tal::IFileSystem> m_fileSystem;
+  tal::CURI m_archiveURI;
+  tal::String m_password;
+  bool m_hasPassword;
+  bool m_atFirst;
+  bool m_streamOpen;
+  tal::TBuffer<char> m_nameBuffer;
+  tal::CURI m_currentRelativeURI;
+
+  friend class CFileInZipInStream;
+};
+
+/// The input stream of one archive entry: its uncompressed bytes in order,
+/// read with unzReadCurrentFile under the reader's mutex. It cannot seek or
+/// lock. It keeps its reader alive; closing it lets the reader move on.
+///
+/// Errors carry the entry's full URI text under "uri". After close() every
+/// operation but getURI and close throws CIOError StreamClosed (empty message,
+/// no properties). When the reader's archive was closed under the stream, a
+/// read throws CFileSystemError (Unspecified) from CIOError StreamClosed
+/// "Cannot read file in ZIP archive - archive has already been closed" and the
+/// stream closes; close() then throws the same with code ReadFailed and
+/// "Cannot close file in ZIP archive - archive has already been closed".
+class CZipReader::CFileInZipInStream : public tal::CBase, public virtual tal::IInStream {
+public:
+  CFileInZipInStream(CZipReader* const& reader, tal::CURI const& entryURI, long long const& length);
+  /// Closes the stream; a failure goes to tal::onExceptionInDestructorIgnored
+  /// as "drel::CZipReader::CFileInZipInStream".
+  ~CFileInZipInStream() override;
+
+  /// Exactly `size` bytes, or CFileSystemError (Unspecified) from CIOError
+  /// UnexpectedEnd {"uri"}; the bytes read stay consumed.
+  void read(void* buffer, int size) override;
+  /// Up to `size` bytes (0 for size <= 0, without calling minizip); a short
+  /// count marks the end (getLength() becomes getPosition()). minizip failures
+  /// throw CFileSystemError (Unspecified) from CIOError ReadFailed
+  /// "unzReadCurrentFile failed" {"uri", "result"}, or the file system's error.
+  int readLax(void* buffer, int size) override;
+  int readAvailable(void* buffer, int size) override;
+  /// True at once.
+  bool waitReadable(int timeout) const override;
+  bool isEndOfStream() const override;
+  int isEndOfStream_NonBlocking() const override;
+  /// The entry's uncompressed size (lowered at a short read).
+  long long getLength() const override;
+  long long getPosition() const override;
+  /// The entry's full URI; works after close.
+  tal::CURI getURI() const override;
+  /// Always throws CFileSystemError (NotSupported) from CError
+  /// "CZipReader::CFileInZipInStream does not support seeking." {"uri"}.
+  void seek(long long position) override;
+  /// Always throws CIOError LockNotSupported.
+  tal::P<tal::IRangeLock> lockRange(long long start, long long length, LockType type) override;
+  /// Releases the entry in minizip (a CRC mismatch is not raised); a second
+  /// call does nothing.
+  void close() override;
+
+private:
+  void checkOpen() const;
+  tal::CProps uriProps() const;
+  /// Marks the stream closed and lets the reader move on.
+  void detach();
+
+  tal::P<CZipReader> m_reader;
+  tal::CURI m_uri;
+  long long m_length;
+  long long m_position;
+};
+
+} // namespace ziputil
