@@ -13,7 +13,10 @@ namespace tal {
 /// openStream: access 1 opens for reading, 3 for reading and writing; flags 2
 /// or 4 create a missing file. Streams are buffered (reads fill 64 KiB; writes
 /// collect until flush, close, a read, a seek-and-write elsewhere or
-/// setLength), and a seek that stays inside the read buffer keeps it. One
+/// setLength), and a seek that stays inside the read buffer keeps it. seek()
+/// accepts any position: past the end (negative positions included, read as
+/// offsets of 2^63 and more) reads give nothing and writes extend the file
+/// (WriteFailed for a negative position). One
 /// thread at a time may use a stream; the file system itself may be used from
 /// any number of threads.
 ///

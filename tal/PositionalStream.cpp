@@ -44,7 +44,6 @@ CURI CPositionalStream::getURI() const { return CURI(m_uri, nullptr); }
 
 void CPositionalStream::seek(long long position) {
   checkOpen();
-  if (position < 0) throw CIOError(CIOError::SeekFailed, String("Cannot seek to a negative position"), uriProps(), nullptr);
   m_position = position;
 }
 
@@ -78,6 +77,7 @@ void CPositionalStream::flushWrites() {
 
 std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
   std::size_t done = 0;
+  if (m_position < 0) return 0; // beyond any file: minizip seeks to offset 2^64-1 when it finds no archive
   while (done < size) {
     long long const at = m_position;
     if (m_readLength > 0 && at >= m_readStart && at < m_readStart + static_cast<long long>(m_readLength)) {
@@ -121,7 +121,7 @@ bool CPositionalStream::waitReadable(int) const {
 
 bool CPositionalStream::isEndOfStream() const {
   long long length = getLength();
-  return length >= 0 && m_position >= length;
+  return m_position < 0 || (length >= 0 && m_position >= length);
 }
 
 int CPositionalStream::isEndOfStream_NonBlocking() const { return isEndOfStream() ? 1 : 0; }
@@ -131,6 +131,8 @@ void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
   if (!m_writable)
     throw CIOError(CIOError::WriteFailed, String("The stream is open for reading only"), uriProps(), nullptr);
   if (size <= 0) return;
+  if (m_position < 0)
+    throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(), nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
   m_readLength = 0; // the read buffer may hold what is being overwritten
   bool const contiguous = m_position == m_writeStart + static_cast<long long>(m_writeBuffer.size());

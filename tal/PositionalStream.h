@@ -23,7 +23,10 @@ public:
   virtual void closeFile() = 0;
 };
 
-/// Buffered stream over an IPositionalFile. Reads fill a buffer of
+/// Buffered stream over an IPositionalFile. seek() accepts any position: past
+/// the end reads give nothing, and a negative position (an unsigned offset of
+/// 2^63 or more, which minizip seeks to when it finds no archive) reads as past
+/// the end and cannot be written. Reads fill a buffer of
 /// `bufferSize` bytes; a seek only moves the position, so a seek that stays
 /// inside the buffer keeps it and a seek to the current position costs
 /// nothing. Writes collect in a buffer flushed by flush(), close(), a read,

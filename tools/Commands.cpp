@@ -69,16 +69,23 @@ void writeAll(int fd, unsigned char const* data, std::size_t size, std::string c
   }
 }
 
-void extractFile(ziputil::CZipReader& reader, std::string const& path) {
+/// Writes the current entry to `path`; false (and a message) when its bytes
+/// do not match the stored CRC-32.
+bool extractFile(ziputil::CZipReader& reader, std::string const& path, std::string const& name) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
+  unsigned long crc = 0;
   try {
-    copyEntry(reader, [&](unsigned char const* data, std::size_t size) { writeAll(fd, data, size, path); });
+    crc = copyEntry(reader, [&](unsigned char const* data, std::size_t size) { writeAll(fd, data, size, path); });
   } catch (...) {
     ::close(fd);
     throw;
   }
   if (::close(fd) != 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  if (crc == reader.getCurrentFileCRC32()) return true;
+  std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", name.c_str(), crc,
+               reader.getCurrentFileCRC32());
+  return false;
 }
 
 /// Extracts the current entry under `folder`; false when it was refused or failed.
@@ -91,8 +98,7 @@ bool extractCurrent(ziputil::CZipReader& reader, std::string const& folder) {
       std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(), target.refusal.c_str());
       return false;
     }
-    if (!reader.isCurrentFileDirectory()) extractFile(reader, target.path);
-    return true;
+    return reader.isCurrentFileDirectory() || extractFile(reader, target.path, name);
   } catch (std::exception const& e) {
     reportError(e, "\"" + name + "\": ");
     return false;

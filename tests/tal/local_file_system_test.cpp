@@ -130,14 +130,22 @@ TEST_F(LocalFileSystemTest, ReadPastEndIsUnexpectedEnd) {
   EXPECT_EQ(in->getPosition(), 100);
 }
 
-TEST_F(LocalFileSystemTest, NegativeSeekFails) {
+TEST_F(LocalFileSystemTest, NegativePositionReadsAsPastTheEnd) {
   auto s = open(dir.uri("s"), 3, 2);
+  s->write("abc", 3, nullptr);
+  s->seek(-1);
+  EXPECT_EQ(s->getPosition(), -1);
+  char b[4];
+  EXPECT_EQ(s->readLax(b, 4), 0);
   try {
-    s->seek(-1);
+    s->write("x", 1, nullptr);
     FAIL();
   } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::SeekFailed);
+    EXPECT_EQ(e.getCode(), CIOError::WriteFailed);
+    EXPECT_EQ(U(e.getMessage()), "Cannot write beyond the largest file offset");
   }
+  s->seek(1);
+  EXPECT_EQ(s->readLax(b, 4), 2);
 }
 
 TEST_F(LocalFileSystemTest, EverythingAfterCloseIsStreamClosed) {
