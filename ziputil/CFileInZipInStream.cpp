@@ -11,7 +11,7 @@ tal::CIOError closedError() { return tal::CIOError(tal::CIOError::StreamClosed, 
 
 CZipReader::CFileInZipInStream::CFileInZipInStream(CZipReader* const& reader, tal::CURI const& entryURI,
                                                    long long const& length)
-    : m_reader(reader), m_uri(entryURI), m_length(length), m_position(0) {}
+    : m_reader(reader), m_owner(reader), m_open(true), m_uri(entryURI), m_length(length), m_position(0) {}
 
 CZipReader::CFileInZipInStream::~CFileInZipInStream() {
   try {
@@ -28,18 +28,21 @@ tal::CProps CZipReader::CFileInZipInStream::uriProps() const {
 }
 
 void CZipReader::CFileInZipInStream::checkOpen() const {
-  if (!m_reader) throw closedError();
+  if (!m_open) throw closedError();
 }
 
 void CZipReader::CFileInZipInStream::detach() {
-  m_reader->m_streamOpen = false;
+  m_owner->m_streamOpen = false;
+  m_open = false;
   m_reader = nullptr;
 }
 
 int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
   checkOpen();
-  tal::P<CZipReader> const reader = m_reader; // outlives the lock, so the mutex does too
-  tal::CMutexLock lock(reader->m_mutex);
+  tal::P<CZipReader> reader; // released after the lock, so the mutex outlives it
+  tal::CMutexLock lock(m_owner->m_mutex);
+  checkOpen(); // another thread may have closed the stream meanwhile
+  reader = m_reader;
   if (!reader->m_zipStuff) {
     detach();
     tal::CIOError const error(tal::CIOError::StreamClosed,
@@ -108,14 +111,15 @@ tal::P<tal::IRangeLock> CZipReader::CFileInZipInStream::lockRange(long long, lon
 }
 
 void CZipReader::CFileInZipInStream::close() {
-  if (!m_reader) return;
-  tal::P<CZipReader> const reader = m_reader; // released after the lock
-  tal::CMutexLock lock(reader->m_mutex);
+  if (!m_open) return;
+  tal::P<CZipReader> reader; // released after the lock
+  tal::CMutexLock lock(m_owner->m_mutex);
+  if (!m_open) return;
+  reader = m_reader;
   if (reader->m_zipStuff) {
     unzCloseCurrentFile(reader->m_zipStuff->handle); // a CRC mismatch here is deliberately not raised
-    reader->m_streamOpen = false;
     reader->m_zipStuff->io.getLastError();
-    m_reader = nullptr;
+    detach();
     return;
   }
   detach();

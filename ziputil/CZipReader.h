@@ -7,6 +7,7 @@
 
 #include <unzip.h>
 
+#include <atomic>
 #include <memory>
 
 namespace ziputil {
@@ -176,7 +177,13 @@ private:
   /// Marks the stream closed and lets the reader move on.
   void detach();
 
+  /// The counted reference that keeps the reader alive while the stream is
+  /// open; changed only under the reader's mutex.
   tal::P<CZipReader> m_reader;
+  /// The same reader, for reaching its mutex; valid while the stream is open.
+  CZipReader* const m_owner;
+  /// Open until closed; read without the lock, so it is atomic.
+  std::atomic<bool> m_open;
   tal::CURI m_uri;
   long long m_length;
   long long m_position;
