@@ -10,6 +10,13 @@
 
 namespace tal {
 
+CProps uriProps(CURI const& uri) {
+  CProps props;
+  props["uri"] = uri.toString(true);
+  return props;
+}
+
+
 String CProps::get(String const& key) const {
   auto const it = m_map.find(key);
   return it == m_map.end() ? String() : it->second;

@@ -35,6 +35,9 @@ private:
   Map m_map;
 };
 
+/// The properties of an error about one resource: {"uri": uri.toString(true)}.
+CProps uriProps(CURI const& uri);
+
 /// Root of every error: message, context word, signed 64-bit code (-1 where
 /// none), properties and an optional cause.
 class CError : public std::exception, public CBase {

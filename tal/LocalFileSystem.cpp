@@ -12,12 +12,6 @@
 namespace tal {
 namespace {
 
-CProps uriProps(CURI const& uri) {
-  CProps props;
-  props["uri"] = uri.toString(true);
-  return props;
-}
-
 [[noreturn]] void throwSystemError(CIOError::Code code, char const* what, int error, CURI const& uri) {
   throw CIOError(code, String(what) + String(": ") + String(std::strerror(error)), uriProps(uri), nullptr);
 }

@@ -9,12 +9,6 @@
 namespace tal {
 namespace {
 
-CProps uriProps(CURI const& uri) {
-  CProps props;
-  props["uri"] = uri.toString(true);
-  return props;
-}
-
 std::string keyOf(CURI const& uri) { return uri.toNormalized().toString(true).toUTF8(); }
 
 } // namespace

@@ -17,14 +17,8 @@ CPositionalStream::~CPositionalStream() {
   }
 }
 
-CProps CPositionalStream::uriProps() const {
-  CProps props;
-  props["uri"] = m_uri.toString(true);
-  return props;
-}
-
 void CPositionalStream::checkOpen() const {
-  if (!m_file) throw CIOError(CIOError::StreamClosed, String(), uriProps(), nullptr);
+  if (!m_file) throw CIOError(CIOError::StreamClosed, String(), uriProps(m_uri), nullptr);
 }
 
 long long CPositionalStream::getLength() const {
@@ -49,7 +43,7 @@ void CPositionalStream::seek(long long position) {
 
 P<IRangeLock> CPositionalStream::lockRange(long long, long long, LockType) {
   checkOpen();
-  throw CIOError(CIOError::LockNotSupported, String(), uriProps(), nullptr);
+  throw CIOError(CIOError::LockNotSupported, String(), uriProps(m_uri), nullptr);
 }
 
 void CPositionalStream::close() {
@@ -109,7 +103,7 @@ int CPositionalStream::readLax(void* buffer, int size) {
 }
 
 void CPositionalStream::read(void* buffer, int size) {
-  if (readLax(buffer, size) < size) throw CIOError(CIOError::UnexpectedEnd, String(), uriProps(), nullptr);
+  if (readLax(buffer, size) < size) throw CIOError(CIOError::UnexpectedEnd, String(), uriProps(m_uri), nullptr);
 }
 
 int CPositionalStream::readAvailable(void* buffer, int size) { return readLax(buffer, size); }
@@ -129,10 +123,10 @@ int CPositionalStream::isEndOfStream_NonBlocking() const { return isEndOfStream(
 void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
   checkOpen();
   if (!m_writable)
-    throw CIOError(CIOError::WriteFailed, String("The stream is open for reading only"), uriProps(), nullptr);
+    throw CIOError(CIOError::WriteFailed, String("The stream is open for reading only"), uriProps(m_uri), nullptr);
   if (size <= 0) return;
   if (m_position < 0)
-    throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(), nullptr);
+    throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(m_uri), nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
   m_readLength = 0; // the read buffer may hold what is being overwritten
   bool const contiguous = m_position == m_writeStart + static_cast<long long>(m_writeBuffer.size());
@@ -164,7 +158,7 @@ void CPositionalStream::flush() {
 void CPositionalStream::setLength(long long length) {
   checkOpen();
   if (!m_writable)
-    throw CIOError(CIOError::SetLengthFailed, String("The stream is open for reading only"), uriProps(), nullptr);
+    throw CIOError(CIOError::SetLengthFailed, String("The stream is open for reading only"), uriProps(m_uri), nullptr);
   flushWrites();
   m_readLength = 0;
   m_file->truncate(length);

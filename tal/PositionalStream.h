@@ -63,7 +63,6 @@ public:
 
 private:
   void checkOpen() const;
-  CProps uriProps() const;
   std::size_t readInto(unsigned char* out, std::size_t size);
   void flushWrites();
 

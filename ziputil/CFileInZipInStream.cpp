@@ -21,12 +21,6 @@ CZipReader::CFileInZipInStream::~CFileInZipInStream() {
   }
 }
 
-tal::CProps CZipReader::CFileInZipInStream::uriProps() const {
-  tal::CProps props;
-  props["uri"] = m_uri.toString(true);
-  return props;
-}
-
 void CZipReader::CFileInZipInStream::checkOpen() const {
   if (!m_open) throw closedError();
 }
@@ -47,13 +41,13 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
     detach();
     tal::CIOError const error(tal::CIOError::StreamClosed,
                               tal::String("Cannot read file in ZIP archive - archive has already been closed"),
-                              uriProps(), nullptr);
+                              tal::uriProps(m_uri), nullptr);
     throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
   }
   if (size <= 0) return 0;
   int const result = unzReadCurrentFile(reader->m_zipStuff->handle, buffer, static_cast<unsigned>(size));
   if (result < 0) {
-    tal::CProps props = uriProps();
+    tal::CProps props = tal::uriProps(m_uri);
     props["result"] = tal::toString(result);
     tal::CIOError const error(tal::CIOError::ReadFailed, tal::String("unzReadCurrentFile failed"), props, nullptr);
     throwMinizipFailure(reader->m_zipStuff->io.getLastError(), result,
@@ -66,7 +60,7 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
 
 void CZipReader::CFileInZipInStream::read(void* buffer, int size) {
   if (readLax(buffer, size) == size) return;
-  tal::CIOError const error(tal::CIOError::UnexpectedEnd, tal::String(), uriProps(), nullptr);
+  tal::CIOError const error(tal::CIOError::UnexpectedEnd, tal::String(), tal::uriProps(m_uri), nullptr);
   throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
 }
 
@@ -125,7 +119,7 @@ void CZipReader::CFileInZipInStream::close() {
   detach();
   tal::CIOError const error(tal::CIOError::ReadFailed,
                             tal::String("Cannot close file in ZIP archive - archive has already been closed"),
-                            uriProps(), nullptr);
+                            tal::uriProps(m_uri), nullptr);
   throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
 }
 

@@ -18,18 +18,12 @@ CZipWriter::CFileInZipOutStream::~CFileInZipOutStream() {
   }
 }
 
-tal::CProps CZipWriter::CFileInZipOutStream::uriProps() const {
-  tal::CProps props;
-  props["uri"] = m_uri.toString(true);
-  return props;
-}
-
 void CZipWriter::CFileInZipOutStream::checkOpen() const {
   if (!m_writer) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr);
 }
 
 void CZipWriter::CFileInZipOutStream::throwWriteError(char const* message, int result, bool withResult) const {
-  tal::CProps props = uriProps();
+  tal::CProps props = tal::uriProps(m_uri);
   if (withResult) props["result"] = tal::toString(result);
   tal::CIOError const error(tal::CIOError::WriteFailed, tal::String(message), props, nullptr);
   throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);

@@ -12,13 +12,6 @@ namespace {
 
 constexpr int kNameBufferLength = 65537;
 
-/// UTF-8 text of `text`; the empty string when it cannot be converted.
-std::string toUtf8OrEmpty(tal::String const& text) {
-  wxMBConvUTF8 converter;
-  wxCharBuffer const buffer = converter.cWC2MB(text.wc_str(), text.length(), nullptr);
-  return buffer.data() ? std::string(buffer.data(), buffer.length()) : std::string();
-}
-
 tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(text)); }
 
 } // namespace
@@ -57,12 +50,12 @@ CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
   m_nameBuffer.setUsed(kNameBufferLength);
   auto stuff = std::make_unique<ZipStuff>(fileSystem);
   zlib_filefunc64_def* funcs = stuff->io.getFuncs();
-  std::string const path = toUtf8OrEmpty(m_archiveURI.toString(true));
+  std::string const path = m_archiveURI.toString(true).toUTF8();
   stuff->handle = unzOpen2_64(path.c_str(), funcs);
   if (!stuff->handle) {
     tal::P<tal::CError> bridgeError = stuff->io.getLastError();
     if (bridgeError) bridgeError->throwClone();
-    throw tal::CError(tal::String("File is not a valid ZIP archive."), tal::String(), -1, uriProps(), nullptr);
+    throw tal::CError(tal::String("File is not a valid ZIP archive."), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
   }
   m_zipStuff = std::move(stuff);
 }
@@ -77,12 +70,6 @@ CZipReader::~CZipReader() {
   }
 }
 
-tal::CProps CZipReader::uriProps() const {
-  tal::CProps props;
-  props["uri"] = m_archiveURI.toString(true);
-  return props;
-}
-
 void CZipReader::throwFailure(int result, char const* message) const {
   tal::CError const fallback(tal::String(message), tal::String(), -1, minizipFailureProps(m_archiveURI, result),
                              nullptr);
@@ -91,8 +78,8 @@ void CZipReader::throwFailure(int result, char const* message) const {
 
 void CZipReader::checkCanMove(char const* stillOpenMessage) const {
   if (!m_zipStuff)
-    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), uriProps(), nullptr);
-  if (m_streamOpen) throw tal::CError(tal::String(stillOpenMessage), tal::String(), -1, uriProps(), nullptr);
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), tal::uriProps(m_archiveURI), nullptr);
+  if (m_streamOpen) throw tal::CError(tal::String(stillOpenMessage), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
 }
 
 void CZipReader::clearEntry() {
@@ -127,7 +114,7 @@ bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   checkCanMove("CZipReader cannot advance to another file because the current file is still open.");
   clearEntry();
   ZipStuff& stuff = *m_zipStuff;
-  std::string const name = toUtf8OrEmpty(relativeURI.getPath());
+  std::string const name = relativeURI.getPath().toUTF8();
   int result = minizip::unzLocateFile(stuff.handle, name.c_str(), &ZipStuff::compareFileNames);
   if (result == UNZ_OK)
     result = unzGetCurrentFileInfo64(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1,
@@ -143,11 +130,11 @@ bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
 tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
   if (!isPositioned())
     throw tal::CError(tal::String("CZipReader not positioned at a file. Cannot open stream."), tal::String(), -1,
-                      uriProps(), nullptr);
+                      tal::uriProps(m_archiveURI), nullptr);
   ZipStuff& stuff = *m_zipStuff;
   int result = UNZ_OK;
   if (m_hasPassword)
-    result = minizip::unzOpenCurrentFilePassword(stuff.handle, toUtf8OrEmpty(m_password).c_str());
+    result = minizip::unzOpenCurrentFilePassword(stuff.handle, m_password.toUTF8().c_str());
   else
     result = minizip::unzOpenCurrentFile(stuff.handle);
   if (result != UNZ_OK) {

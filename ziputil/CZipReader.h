@@ -105,7 +105,6 @@ public:
 
 private:
   bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }
-  tal::CProps uriProps() const;
   void checkCanMove(char const* stillOpenMessage) const;
   void clearEntry();
   /// Takes the entry minizip has just positioned at as the current one.
@@ -173,7 +172,6 @@ public:
 
 private:
   void checkOpen() const;
-  tal::CProps uriProps() const;
   /// Marks the stream closed and lets the reader move on.
   void detach();
 

@@ -10,13 +10,6 @@
 namespace ziputil {
 namespace {
 
-/// UTF-8 text of `text`; the empty string when it cannot be converted.
-std::string toUtf8OrEmpty(tal::String const& text) {
-  wxMBConvUTF8 converter;
-  wxCharBuffer const buffer = converter.cWC2MB(text.wc_str(), text.length(), nullptr);
-  return buffer.data() ? std::string(buffer.data(), buffer.length()) : std::string();
-}
-
 zip_fileinfo fileInfoFor(tal::CTimeFields const& time) {
   zip_fileinfo info;
   std::memset(&info, 0, sizeof info);
@@ -42,12 +35,12 @@ CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
       m_level(compressionLevel), m_entryOpen(false) {
   auto state = std::make_unique<ArchiveState>(fileSystem);
   zlib_filefunc64_def* funcs = state->bridge.getFuncs();
-  std::string const path = toUtf8OrEmpty(archiveURI.toString(true));
+  std::string const path = archiveURI.toString(true).toUTF8();
   state->handle = zipOpen2_64(path.c_str(), APPEND_STATUS_ADDINZIP, nullptr, funcs);
   if (!state->handle) {
     tal::P<tal::CError> bridgeError = state->bridge.getLastError();
     if (bridgeError) bridgeError->throwClone();
-    throw tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, uriProps(), nullptr);
+    throw tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
   }
   m_state = std::move(state);
 }
@@ -62,19 +55,13 @@ CZipWriter::~CZipWriter() {
   m_state.reset();
 }
 
-tal::CProps CZipWriter::uriProps() const {
-  tal::CProps props;
-  props["uri"] = m_archiveURI.toString(true);
-  return props;
-}
-
 void CZipWriter::checkCanBegin(tal::CURI const& relativeURIInArchive) const {
   if (!m_state)
-    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), uriProps(), nullptr);
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), tal::uriProps(m_archiveURI), nullptr);
   if (m_entryOpen)
     throw tal::CError(
         tal::String("Internal error: CZipWriter::beginAddFile called before previous added file was finished."),
-        tal::String(), -1, uriProps(), nullptr);
+        tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
   if (relativeURIInArchive.isEmpty() || relativeURIInArchive.isAbsolute()) {
     tal::CProps props;
     props["relativeURIInArchive"] = relativeURIInArchive.toString(true);
@@ -84,9 +71,9 @@ void CZipWriter::checkCanBegin(tal::CURI const& relativeURIInArchive) const {
 }
 
 int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time) {
-  std::string const name = toUtf8OrEmpty(relativeURIInArchive.toNormalized().getPath());
+  std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
   zip_fileinfo const info = fileInfoFor(time);
-  std::string const password = m_hasPassword ? toUtf8OrEmpty(m_password) : std::string();
+  std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
   return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, "", Z_DEFLATED,
                                  static_cast<int>(m_level), 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
                                  m_hasPassword ? password.c_str() : nullptr, 0, 0, 0x800, 1);

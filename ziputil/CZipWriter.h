@@ -76,7 +76,6 @@ private:
     CMiniZipIO bridge;
   };
 
-  tal::CProps uriProps() const;
   void checkCanBegin(tal::CURI const& relativeURIInArchive) const;
   int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time);
 
@@ -138,7 +137,6 @@ public:
 
 private:
   void checkOpen() const;
-  tal::CProps uriProps() const;
   [[noreturn]] void throwWriteError(char const* message, int result, bool withResult) const;
   [[noreturn]] void throwNotSupported(char const* message) const;
 

@@ -3,8 +3,7 @@
 namespace ziputil {
 
 tal::CProps minizipFailureProps(tal::CURI const& uri, int result) {
-  tal::CProps props;
-  props["uri"] = uri.toString(true);
+  tal::CProps props = tal::uriProps(uri);
   props["result"] = tal::toString(result);
   return props;
 }
