@@ -39,7 +39,7 @@ concurrency_targets() {
 run_ctest() { # dir, ctest args...
   local dir=$1
   shift
-  local args=(--test-dir "$dir" --output-on-failure -j"$jobs" "$@")
+  local args=(--test-dir "$dir" --output-on-failure --no-tests=error -j"$jobs" "$@")
   [ -n "$filter" ] && args+=(-R "$filter")
   ctest "${args[@]}"
 }
