@@ -318,7 +318,16 @@ public:
     }
     return memory;
   }
+// GCC 12 pairs the class's allocation and deallocation functions wrongly once
+// both are inlined into a caller and reports a mismatch that is not there.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
   static void operator delete(void* memory) noexcept { ::operator delete(memory); }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
   /// Placement forms, for callers that provide memory (and set the flag) themselves.
   static void* operator new(std::size_t, void* where) noexcept { return where; }
   static void operator delete(void*, void*) noexcept {}
