@@ -1,0 +1,164 @@
+#include "ziputil/CZipWriter.h"
+
+#include "support/ZipFixtures.h"
+#include "support/ZipWriteFixtures.h"
+#include "tal/MemoryFileSystem.h"
+#include "ziputil/CZipReader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+using testsupport::entryURI;
+using testsupport::utf8;
+
+namespace {
+
+class OutStreamTest : public ::testing::Test {
+protected:
+  tal::P<tal::CMemoryFileSystem> fs = tal::newObj<tal::CMemoryFileSystem>();
+  tal::CURI uri{tal::String("mem:/out.zip")};
+  tal::P<ziputil::CZipWriter> writer = testsupport::newArchiveWriter(fs.get(), uri);
+  tal::P<tal::IOutStream> out = writer->beginAddFile(entryURI("dir/e #1.txt"), tal::CTimeFields());
+  std::string const entryText = "mem:/out.zip/dir/e%20%231.txt";
+
+  std::string entryBytes(std::string const& name) {
+    auto reader = tal::newObj<ziputil::CZipReader>(fs.get(), uri, tal::String());
+    EXPECT_TRUE(reader->tryGoToFile(entryURI(name)));
+    auto in = reader->openCurrentFileStream();
+    std::string data(static_cast<std::size_t>(reader->getCurrentFileUncompressedSize()), '\0');
+    if (!data.empty()) in->read(&data[0], static_cast<int>(data.size()));
+    return data;
+  }
+};
+
+void expectNotSupported(tal::CFileSystemError const& e, std::string const& message, std::string const& uri) {
+  EXPECT_EQ(e.getProblem(), tal::CFileSystemError::NotSupported);
+  EXPECT_EQ(utf8(e.getMessage()), message);
+  EXPECT_EQ(e.getCode(), -1);
+  EXPECT_EQ(utf8(e.getContext()), "");
+  EXPECT_EQ(utf8(e.getProps().get("uri")), uri);
+  EXPECT_EQ(e.getProps().size(), 2u); // uri and fileSysProblem
+}
+
+TEST_F(OutStreamTest, PositionAndLengthCountSuccessfulWrites) {
+  EXPECT_EQ(out->getPosition(), 0);
+  EXPECT_EQ(out->getLength(), 0);
+  out->write("abc", 3, nullptr);
+  out->write("defg", 4, nullptr);
+  EXPECT_EQ(out->getPosition(), 7);
+  EXPECT_EQ(out->getLength(), 7);
+  EXPECT_EQ(utf8(out->getURI().toString(true)), entryText);
+  out->close();
+  writer->close();
+  EXPECT_EQ(entryBytes("dir/e #1.txt"), "abcdefg");
+}
+
+TEST_F(OutStreamTest, SeekAndSetLengthAreRefused) {
+  out->write("abc", 3, nullptr);
+  for (long long target : {out->getPosition(), 0LL}) {
+    try {
+      out->seek(target);
+      FAIL();
+    } catch (tal::CFileSystemError const& e) {
+      expectNotSupported(e, "CZipWriter::CFileInZipOutStream does not support seeking.", entryText);
+    }
+  }
+  for (long long length : {0LL, 3LL, 100LL}) {
+    try {
+      out->setLength(length);
+      FAIL();
+    } catch (tal::CFileSystemError const& e) {
+      expectNotSupported(e, "CZipWriter::CFileInZipOutStream does not support setLength.", entryText);
+    }
+  }
+  try {
+    out->lockRange(0, 1, tal::IStreamBase::LockExclusive);
+    FAIL();
+  } catch (tal::CIOError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CIOError));
+    EXPECT_EQ(e.getCode(), tal::CIOError::LockNotSupported);
+    EXPECT_EQ(utf8(e.getMessage()), "");
+    EXPECT_TRUE(e.getProps().empty());
+  }
+  EXPECT_EQ(out->getPosition(), 3);
+}
+
+TEST_F(OutStreamTest, BarriersAndKeepBufferWrites) {
+  tal::P<tal::IWriteBarrier> first = out->createWriteBarrier(nullptr);
+  tal::P<tal::IWriteBarrier> second = out->createWriteBarrier(first.get());
+  ASSERT_NE(first, nullptr);
+  EXPECT_NE(first.get(), second.get());
+  EXPECT_NE(dynamic_cast<tal::CDummyWriteBarrier*>(first.get()), nullptr);
+  tal::P<tal::TBuffer<unsigned char>> buffer = tal::newObj<tal::TBuffer<unsigned char>>();
+  buffer->setUsed(6);
+  std::memcpy(buffer->getData(), "abcdef", 6);
+  out->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(buffer.get(), 2, 3), first.get());
+  out->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(), nullptr); // empty slice: a write of length 0
+  out->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(nullptr, 0, 0), nullptr);
+  EXPECT_EQ(out->getPosition(), 3);
+  out->flush();
+  out->close();
+  writer->close();
+  EXPECT_EQ(entryBytes("dir/e #1.txt"), "cde");
+}
+
+TEST_F(OutStreamTest, AfterCloseEverythingButGetUriAndCloseIsStreamClosed) {
+  out->close();
+  out->close();
+  EXPECT_EQ(utf8(out->getURI().toString(true)), entryText);
+  auto expectClosed = [](auto&& call) {
+    try {
+      call();
+      ADD_FAILURE();
+    } catch (tal::CIOError const& e) {
+      EXPECT_EQ(typeid(e), typeid(tal::CIOError));
+      EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
+      EXPECT_EQ(utf8(e.getMessage()), "Error: stream has been closed.");
+      EXPECT_TRUE(e.getProps().empty());
+    }
+  };
+  expectClosed([&] { out->write("x", 1, nullptr); });
+  expectClosed([&] { out->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(), nullptr); });
+  expectClosed([&] { out->createWriteBarrier(nullptr); });
+  expectClosed([&] { out->flush(); });
+  expectClosed([&] { out->setLength(0); });
+  expectClosed([&] { out->getLength(); });
+  expectClosed([&] { out->getPosition(); });
+  expectClosed([&] { out->seek(0); });
+  expectClosed([&] { out->lockRange(0, 1, tal::IStreamBase::LockShared); });
+}
+
+TEST_F(OutStreamTest, DroppingAnUnclosedStreamFinishesTheEntry) {
+  out->write("dropped", 7, nullptr);
+  out = nullptr;
+  auto next = writer->beginAddFile(entryURI("next"), tal::CTimeFields()); // the entry was finished
+  next->close();
+  writer->close();
+  EXPECT_EQ(entryBytes("dir/e #1.txt"), "dropped");
+}
+
+TEST_F(OutStreamTest, FailureInTheDestructorIsReportedNotThrown) {
+  struct Seen {
+    static void handler(char const* className, std::exception& e, bool) {
+      classes() += className;
+      messages() += e.what();
+    }
+    static std::string& classes() {
+      static std::string s;
+      return s;
+    }
+    static std::string& messages() {
+      static std::string s;
+      return s;
+    }
+  };
+  auto previous = tal::setDestructorExceptionHandler(&Seen::handler);
+  writer->close(); // the archive closes under the stream: the stream's close will fail
+  out = nullptr;
+  tal::setDestructorExceptionHandler(previous);
+  EXPECT_EQ(Seen::classes(), "drel::CZipWriter::CFileInZipOutStream");
+  EXPECT_EQ(Seen::messages(), "Cannot close file in ZIP archive - archive has already been closed");
+}
+
+} // namespace
