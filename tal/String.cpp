@@ -16,6 +16,14 @@ std::string String::toUTF8(bool* ok) const {
     if (ok) *ok = true;
     return std::string();
   }
+  // Surrogates and values past U+10FFFF are not characters: UTF-8 has no form for them.
+  for (wxUniChar c : *this) {
+    wxUint32 const code = c.GetValue();
+    if ((code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) {
+      if (ok) *ok = false;
+      return std::string();
+    }
+  }
   wxMBConvUTF8 converter;
   wxCharBuffer const buffer = converter.cWC2MB(wc_str(), length(), nullptr);
   bool const converted = buffer.data() != nullptr && buffer.length() > 0;
