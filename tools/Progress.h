@@ -1,5 +1,5 @@
 // A progress line on standard error, shown only when standard error is a
-// terminal and refreshed at most a few times a second.
+// terminal: at the first entry, then at most five times a second.
 #pragma once
 
 #include <chrono>
@@ -24,7 +24,7 @@ private:
   bool m_enabled;
   bool m_shown = false;
   long long m_count = 0;
-  std::chrono::steady_clock::time_point m_last;
+  std::chrono::steady_clock::time_point m_last{};
 };
 
 } // namespace ziputil_tool

@@ -340,6 +340,43 @@ class AddTest(CliTestCase):
             self.assertEqual(z.namelist(), ["d/", "d/a.txt"])
 
 
+class ProgressTest(CliTestCase):
+    def run_with_terminal_stderr(self, *args):
+        import pty
+        master, slave = pty.openpty()
+        try:
+            result = subprocess.run([PROGRAM, *args], stdout=subprocess.PIPE, stderr=slave, timeout=120)
+            os.close(slave)
+            slave = None
+            chunks = []
+            while True:
+                try:
+                    data = os.read(master, 4096)
+                except OSError:
+                    break
+                if not data:
+                    break
+                chunks.append(data)
+            return result.returncode, b"".join(chunks)
+        finally:
+            if slave is not None:
+                os.close(slave)
+            os.close(master)
+
+    def test_progress_line_only_on_a_terminal(self):
+        self.sample_tree()
+        archive = self.path("p.zip")
+        status, terminal = self.run_with_terminal_stderr("add", archive, self.path("tree"))
+        self.assertEqual(status, 0)
+        self.assertIn(b"\radding", terminal.replace(b"\x1b[K", b""))
+        piped = run("test", archive)
+        self.assertResult(piped, 0)
+        self.assertEqual(piped.stderr, b"")
+        status, terminal = self.run_with_terminal_stderr("test", archive)
+        self.assertEqual(status, 0)
+        self.assertIn(b"testing 1", terminal)
+
+
 class TestCommandTest(CliTestCase):
     def test_good_archive_passes(self):
         archive = self.path("ok.zip")
