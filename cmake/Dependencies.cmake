@@ -39,20 +39,49 @@ if(NOT EXISTS "${_minizip_dir}/unzip.c")
   execute_process(COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/scripts/fetch-minizip.sh" "${ZIPUTIL_ZLIB_SOURCE_DIR}"
                   COMMAND_ERROR_IS_FATAL ANY)
 endif()
-# Stock unzip.c switches decryption off unconditionally (it defines NOUNCRYPT
-# itself); a copy in the build tree without that definition reads encrypted
-# entries. Nothing else is changed.
-file(READ "${_minizip_dir}/unzip.c" _unzip_c)
-string(REGEX REPLACE "#ifndef NOUNCRYPT[ \t\r\n]+#define NOUNCRYPT[ \t\r\n]+#endif" "" _unzip_c_crypt "${_unzip_c}")
-if(_unzip_c_crypt STREQUAL _unzip_c)
-  message(FATAL_ERROR "unzip.c: the NOUNCRYPT definition to remove was not found")
-endif()
+# The build compiles copies of unzip.c and zip.c written into the build tree,
+# each with a small, checked change; the sources themselves stay untouched.
+# ziputil_patch_source(<input> <output> <text> <replacement> ...): each text is
+# replaced literally and must occur exactly once, or configuring fails.
+function(ziputil_patch_source input output)
+  file(READ "${input}" text)
+  # The pairs are read as ARGV<n>: C text holds semicolons, which lists would split.
+  math(EXPR last "${ARGC} - 1")
+  foreach(i RANGE 2 ${last} 2)
+    math(EXPR j "${i} + 1")
+    set(old "${ARGV${i}}")
+    string(FIND "${text}" "${old}" first)
+    string(FIND "${text}" "${old}" final REVERSE)
+    if(first EQUAL -1 OR NOT first EQUAL final)
+      message(FATAL_ERROR "${input}: the text to change does not occur exactly once: ${old}")
+    endif()
+    string(REPLACE "${old}" "${ARGV${j}}" text "${text}")
+  endforeach()
+  file(WRITE "${output}.tmp" "${text}")
+  configure_file("${output}.tmp" "${output}" COPYONLY)
+endfunction()
+
+# unzip.c switches decryption off unconditionally (it defines NOUNCRYPT
+# itself): without that definition it reads encrypted entries.
 set(_unzip_crypt "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_crypt.c")
-file(WRITE "${_unzip_crypt}.tmp" "${_unzip_c_crypt}")
-configure_file("${_unzip_crypt}.tmp" "${_unzip_crypt}" COPYONLY)
+ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
+  "#ifndef NOUNCRYPT\n        #define NOUNCRYPT\n#endif\n" "")
+# zip.c leaks on two failure paths, which the fault-injection tests reach:
+# zipOpen3 in add mode drops the open file (unless the header check closed it)
+# and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops
+# the central header it allocated (and the deflate state) when writing the
+# local header fails. The copy releases them.
+set(_zip_fixed "${CMAKE_CURRENT_BINARY_DIR}/minizip/zip_fixed.c")
+ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
+  "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    return ZIP_ERRNO;"
+  "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    pziinit->filestream = NULL;\n    return ZIP_ERRNO;"
+  "free(ziinit.globalcomment);"
+  "free(ziinit.globalcomment);\n        free_linkedlist(&ziinit.central_dir);\n        if (ziinit.filestream != NULL)\n            ZCLOSE64(ziinit.z_filefunc, ziinit.filestream);"
+  "zi->in_opened_file_inzip = 1;"
+  "zi->in_opened_file_inzip = 1;\n    else {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
-add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_minizip_dir}/zip.c")
+add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_zip_fixed}")
 set_target_properties(minizip PROPERTIES POSITION_INDEPENDENT_CODE ON C_VISIBILITY_PRESET hidden)
 target_include_directories(minizip SYSTEM PUBLIC "$<BUILD_INTERFACE:${_minizip_dir}>")
 target_include_directories(minizip PRIVATE "${_minizip_dir}")
