@@ -64,8 +64,12 @@ endfunction()
 # unzip.c switches decryption off unconditionally (it defines NOUNCRYPT
 # itself): without that definition it reads encrypted entries.
 set(_unzip_crypt "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_crypt.c")
+# Its unzClose also ignores whether closing the file failed: the copy reports
+# UNZ_ERRNO then, so the reader can raise the file system's error.
 ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
-  "#ifndef NOUNCRYPT\n        #define NOUNCRYPT\n#endif\n" "")
+  "#ifndef NOUNCRYPT\n        #define NOUNCRYPT\n#endif\n" ""
+  "    ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return UNZ_OK;"
+  "    int closed = ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return closed == 0 ? UNZ_OK : UNZ_ERRNO;")
 # zip.c leaks on two failure paths, which the fault-injection tests reach:
 # zipOpen3 in add mode drops the open file (unless the header check closed it)
 # and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops

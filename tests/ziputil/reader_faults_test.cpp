@@ -100,22 +100,20 @@ TEST_P(ReaderFaultsTest, EveryCallFailsInTurn) {
         reader->close();
       } catch (CInjectedError const&) {
       }
-      reader->close(); // closed for good
+      EXPECT_NO_THROW(reader->close()); // closed for good
     }
     ASSERT_LT(n, 10000);
   }
   // Some failures are absorbed by minizip itself, and then the run completed
   // with every byte right (fullRun checks): a failed read or seek while it
-  // looks for a ZIP64 end record (it falls back to the classic one), and the
-  // archive's close, whose result unzClose ignores.
-  if (op == CFaultyFileSystem::Close) {
-    EXPECT_EQ(injectedSeen, 0);
-    EXPECT_GT(silent, 0);
-  } else {
-    EXPECT_GT(injectedSeen, 0) << CFaultyFileSystem::opName(op);
+  // looks for a ZIP64 end record (it falls back to the classic one).
+  EXPECT_GT(injectedSeen, 0) << CFaultyFileSystem::opName(op);
+  if (op == CFaultyFileSystem::Open || op == CFaultyFileSystem::Close) {
+    EXPECT_EQ(silent, 0) << CFaultyFileSystem::opName(op);
   }
   RecordProperty("injected", injectedSeen);
   RecordProperty("readerErrors", readerErrors);
+  RecordProperty("silent", silent);
 }
 
 INSTANTIATE_TEST_SUITE_P(Ops, ReaderFaultsTest,
