@@ -74,7 +74,10 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
 # zipOpen3 in add mode drops the open file (unless the header check closed it)
 # and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops
 # the central header it allocated (and the deflate state) when writing the
-# local header fails. The copy releases them.
+# local header fails. The copy releases them. It also keeps write failures that
+# zip.c overwrites or ignores (the values of a local header's Zip64 extra
+# field; the Zip64 end record and its locator in zipClose) and fails where a
+# failed tell would otherwise record offset 2^64-1 in a header or end record.
 set(_zip_fixed "${CMAKE_CURRENT_BINARY_DIR}/minizip/zip_fixed.c")
 ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    return ZIP_ERRNO;"
@@ -82,7 +85,29 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "free(ziinit.globalcomment);"
   "free(ziinit.globalcomment);\n        free_linkedlist(&ziinit.central_dir);\n        if (ziinit.filestream != NULL)\n            ZCLOSE64(ziinit.z_filefunc, ziinit.filestream);"
   "zi->in_opened_file_inzip = 1;"
-  "zi->in_opened_file_inzip = 1;\n    else {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }")
+  "zi->in_opened_file_inzip = 1;\n    else {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }"
+  "      err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)DataSize,2);"
+  "      if (err==ZIP_OK) err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)DataSize,2);"
+  "      err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)UncompressedSize,8);"
+  "      if (err==ZIP_OK) err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)UncompressedSize,8);"
+  "      err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)CompressedSize,8);"
+  "      if (err==ZIP_OK) err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)CompressedSize,8);"
+  "      Write_Zip64EndOfCentralDirectoryRecord(zi, size_centraldir, centraldir_pos_inzip);"
+  "      if (err==ZIP_OK) err = Write_Zip64EndOfCentralDirectoryRecord(zi, size_centraldir, centraldir_pos_inzip);"
+  "      Write_Zip64EndOfCentralDirectoryLocator(zi, Zip64EOCDpos);"
+  "      if (err==ZIP_OK) err = Write_Zip64EndOfCentralDirectoryLocator(zi, Zip64EOCDpos);"
+  "    zi->ci.pos_local_header = ZTELL64(zi->z_filefunc,zi->filestream);"
+  "    zi->ci.pos_local_header = ZTELL64(zi->z_filefunc,zi->filestream);\n    if (zi->ci.pos_local_header == (ZPOS64_T)-1)\n        return ZIP_ERRNO;"
+  "      zi->ci.pos_zip64extrainfo = ZTELL64(zi->z_filefunc,zi->filestream);"
+  "      zi->ci.pos_zip64extrainfo = ZTELL64(zi->z_filefunc,zi->filestream);\n      if (zi->ci.pos_zip64extrainfo == (ZPOS64_T)-1)\n        err = ZIP_ERRNO;"
+  "      err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)HeaderID,2);"
+  "      if (err==ZIP_OK) err = zip64local_putValue(&zi->z_filefunc, zi->filestream, (ZPOS64_T)HeaderID,2);"
+  "        ZPOS64_T cur_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);"
+  "        ZPOS64_T cur_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);\n        if (cur_pos_inzip == (ZPOS64_T)-1)\n            err = ZIP_ERRNO;"
+  "    centraldir_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);"
+  "    centraldir_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);\n    if (centraldir_pos_inzip == (ZPOS64_T)-1 && err == ZIP_OK)\n        err = ZIP_ERRNO;"
+  "      ZPOS64_T Zip64EOCDpos = ZTELL64(zi->z_filefunc,zi->filestream);"
+  "      ZPOS64_T Zip64EOCDpos = ZTELL64(zi->z_filefunc,zi->filestream);\n      if (Zip64EOCDpos == (ZPOS64_T)-1 && err == ZIP_OK)\n        err = ZIP_ERRNO;")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
 add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_zip_fixed}")

@@ -115,8 +115,11 @@ TEST_P(WriterFaultsTest, EveryCallFailsInTurn) {
       EXPECT_EQ(intactEntries(memory.get(), uri), 3);
       break;
     }
-    if (!threw) ++silent;
     int const intact = intactEntries(memory.get(), uri);
+    if (!threw) {
+      ++silent; // minizip absorbed the failure (a probe for a ZIP64 end record): nothing may be lost
+      EXPECT_EQ(intact, 3) << "at " << n;
+    }
     if (memory->getFile(uri) == original) ++untouched;
     if (intact >= 2) ++oldEntriesIntact;
     if (intact < 0) ++unreadable;
