@@ -137,7 +137,7 @@ public:
 
 private:
   static void copyElements(T* to, T const* from, int n) {
-    if (n > 0) std::memcpy(static_cast<void*>(to), from, sizeof(T) * static_cast<std::size_t>(n));
+    if (n > 0 && to && from) std::memcpy(static_cast<void*>(to), from, sizeof(T) * static_cast<std::size_t>(n));
   }
   void setUsedAndCapacity(int used, int allocate) {
     reallocate(allocate == -1 ? used : std::max(used, allocate));

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <new>
 #include <stdexcept>
 
 using tal::CError;
@@ -85,7 +89,8 @@ TEST(ErrorTest, FileSystemErrorCopiesAndAddsTheProblem) {
 TEST(ErrorTest, InvalidArgumentMessage) {
   tal::CInvalidArgError e(String("CZipWriter::beginAddFile"), String("relativeURIInArchive is invalid"),
                           CProps{{"relativeURIInArchive", "/x"}});
-  EXPECT_EQ(U(e.getMessage()), "Invalid argument passed to 'CZipWriter::beginAddFile': relativeURIInArchive is invalid.");
+  EXPECT_EQ(U(e.getMessage()),
+            "Invalid argument passed to 'CZipWriter::beginAddFile': relativeURIInArchive is invalid.");
   EXPECT_EQ(U(e.getContext()), "");
   EXPECT_EQ(e.getCode(), -1);
   EXPECT_EQ(e.getCause(), nullptr);
@@ -118,7 +123,8 @@ template <class E> void expectCloneKeepsClass(E const& error) {
 TEST(ErrorTest, CloneAndThrowCloneKeepTheDynamicClass) {
   expectCloneKeepsClass(CError(String("e"), String(), -1, CProps(), nullptr));
   expectCloneKeepsClass(CIOError(CIOError::SeekFailed, String(), CProps{{"uri", "u"}}, nullptr));
-  expectCloneKeepsClass(CFileSystemError(CFileSystemError::NotSupported, CError(String("x"), String(), -1, CProps(), nullptr)));
+  expectCloneKeepsClass(
+      CFileSystemError(CFileSystemError::NotSupported, CError(String("x"), String(), -1, CProps(), nullptr)));
   expectCloneKeepsClass(tal::CInvalidArgError(String("f"), String("t"), CProps()));
   expectCloneKeepsClass(tal::CCastError(nullptr, &typeid(int)));
   expectCloneKeepsClass(tal::CStdExceptionError(std::runtime_error("std")));
@@ -182,6 +188,144 @@ TEST(ErrorTest, DestructorReportsGoToStderrOrToAnInstalledHandler) {
   tal::onExceptionInDestructorIgnored("Y", e, true);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Y: exception ignored in destructor: boom\n");
   tal::setDestructorExceptionHandler(previous);
+}
+
+// ---- more of the error family --------------------------------------------------
+
+struct CRecordingObject : tal::CBase {};
+
+void expectFields(CError const& e, std::type_info const& type, std::string const& message, std::string const& context,
+                  long long code, CProps const& props, CError const* cause) {
+  EXPECT_EQ(typeid(e), type);
+  EXPECT_EQ(U(e.getMessage()), message);
+  EXPECT_EQ(U(e.getContext()), context);
+  EXPECT_EQ(e.getCode(), code);
+  EXPECT_EQ(e.getProps(), props);
+  EXPECT_EQ(e.getCause().get(), cause);
+}
+
+TEST(ErrorTest, ACopyIsANewObjectSharingTheCause) {
+  tal::P<CError> cause = CError(String("cause"), String(), -1, CProps(), nullptr).clone();
+  {
+    CError e(String("m"), String("c"), -7, CProps{{"a", "1"}}, cause.get());
+    EXPECT_EQ(cause->getRefCount(), 2); // the error holds the cause by reference
+    CError copy(e);
+    EXPECT_EQ(copy.getRefCount(), 1);
+    EXPECT_EQ(cause->getRefCount(), 3);
+    expectFields(copy, typeid(CError), "m", "c", -7, CProps{{"a", "1"}}, cause.get());
+    tal::P<CError> clone = e.clone();
+    EXPECT_EQ(e.getRefCount(), 1); // cloning leaves the original's count alone
+    EXPECT_EQ(clone->getRefCount(), 1);
+    EXPECT_EQ(cause->getRefCount(), 4);
+  }
+  EXPECT_EQ(cause->getRefCount(), 1); // destroyed errors released it
+}
+
+TEST(ErrorTest, WhatOfTextThatCannotBeEncodedIsEmpty) {
+  wchar_t const lone[] = {L'x', static_cast<wchar_t>(0xD800), 0};
+  CError e(String(lone), String(), -1, CProps(), nullptr);
+  EXPECT_STREQ(e.what(), "");
+  CError empty(String(), String(), -1, CProps(), nullptr);
+  EXPECT_STREQ(empty.what(), "");
+}
+
+TEST(ErrorTest, IOErrorKeepsPropertiesAndCauseAndStoresTheCodeUnsigned) {
+  CError cause(String("below"), String(), -1, CProps(), nullptr);
+  CIOError e(CIOError::LockNotSupported, String(), CProps{{"uri", "mem:/a"}}, &cause);
+  expectFields(e, typeid(CIOError), "", "IO", 14, CProps{{"uri", "mem:/a"}}, e.getCause().get());
+  ASSERT_NE(e.getCause(), nullptr);
+  EXPECT_EQ(U(e.getCause()->getMessage()), "below");
+  CIOError closed(CIOError::StreamClosed, String(), CProps(), nullptr);
+  expectFields(closed, typeid(CIOError), "Error: stream has been closed.", "IO", 10, CProps(), nullptr);
+  CIOError odd(static_cast<CIOError::Code>(-2), String(), CProps(), nullptr);
+  EXPECT_EQ(odd.getCode(), 0xFFFFFFFELL); // extended without sign
+  EXPECT_EQ(U(odd.getMessage()), "");
+}
+
+TEST(ErrorTest, FileSystemErrorWrappingAnotherOverwritesTheProblem) {
+  CFileSystemError inner(CFileSystemError::NotSupported,
+                         CError(String("n"), String(), -1, CProps{{"uri", "u"}}, nullptr));
+  CFileSystemError outer(CFileSystemError::Unspecified, inner);
+  expectFields(outer, typeid(CFileSystemError), "n", "", -1, (CProps{{"uri", "u"}, {"fileSysProblem", "0"}}), nullptr);
+  EXPECT_EQ(outer.getProblem(), CFileSystemError::Unspecified);
+  CFileSystemError plain(CFileSystemError::NotSupported, CError(String("x"), String("ctx"), 99, CProps(), nullptr));
+  expectFields(plain, typeid(CFileSystemError), "x", "ctx", 99, CProps{{"fileSysProblem", "6"}}, nullptr);
+}
+
+TEST(ErrorTest, CastErrorMessagesWithOnlyOneSideKnown) {
+  tal::CCastError noObject(nullptr, &typeid(CRecordingObject));
+  EXPECT_EQ(U(noObject.getMessage()),
+            std::string("Error casting an unspecified object to type ") + typeid(CRecordingObject).name() + ".");
+  tal::P<CRecordingObject> object = tal::newObj<CRecordingObject>();
+  tal::IBase const* asBase = object.get();
+  char address[32];
+  std::snprintf(address, sizeof address, "0x%016llx",
+                static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(asBase)));
+  tal::CCastError noType(asBase, nullptr);
+  EXPECT_EQ(U(noType.getMessage()), std::string("Error casting object ") + address + " of type " +
+                                        typeid(CRecordingObject).name() + " to an unspecified type.");
+  expectFields(noType, typeid(tal::CCastError), U(noType.getMessage()), "", -1, CProps(), nullptr);
+  EXPECT_EQ(std::strlen(address), 18u); // "0x" and 16 hexadecimal digits
+}
+
+TEST(ErrorTest, ThrowCloneKeepsEveryField) {
+  CError cause(String("c"), String(), -1, CProps(), nullptr);
+  CIOError original(CIOError::SeekFailed, String("s"), CProps{{"result", "-104"}}, &cause);
+  tal::P<CError> held = original.clone();
+  try {
+    held->throwClone();
+  } catch (CIOError const& e) {
+    expectFields(e, typeid(CIOError), "s", "IO", 7, CProps{{"result", "-104"}}, original.getCause().get());
+    return;
+  }
+  ADD_FAILURE();
+}
+
+TEST(ErrorTest, ExceptionToErrorKeepsEveryErrorClass) {
+  CIOError io(CIOError::ReadFailed, String(), CProps(), nullptr);
+  tal::CInvalidArgError arg(String("f"), String("t"), CProps{{"k", "v"}});
+  tal::CCastError cast(nullptr, nullptr);
+  CError plain(String("p"), String(), -1, CProps(), nullptr);
+  std::exception* const errors[] = {&io, &arg, &cast, &plain};
+  for (std::exception* e : errors) {
+    tal::P<CError> converted = tal::CStdExceptionError::exceptionToError(e);
+    ASSERT_NE(converted, nullptr);
+    EXPECT_EQ(typeid(*converted), typeid(*e));
+    EXPECT_NE(static_cast<std::exception*>(converted.get()), e); // a copy, not the original
+    EXPECT_EQ(converted->getRefCount(), 1);
+    EXPECT_STREQ(converted->what(), e->what());
+  }
+}
+
+TEST(ErrorTest, ExceptionToErrorDescribesAForeignException) {
+  std::runtime_error foreign("d\xC3\xA9j\xC3\xA0 vu");
+  tal::P<CError> described = tal::CStdExceptionError::exceptionToError(&foreign);
+  ASSERT_NE(described, nullptr);
+  expectFields(*described, typeid(tal::CStdExceptionError), "d\xC3\xA9j\xC3\xA0 vu", "std::exception", -1, CProps(),
+               nullptr);
+  EXPECT_EQ(described->getRefCount(), 1);
+  EXPECT_THROW(described->throwClone(), tal::CStdExceptionError);
+  std::bad_alloc noMemory;
+  tal::P<CError> fromBadAlloc = tal::CStdExceptionError::exceptionToError(&noMemory);
+  ASSERT_NE(fromBadAlloc, nullptr);
+  EXPECT_EQ(U(fromBadAlloc->getMessage()), noMemory.what());
+}
+
+TEST(ErrorTest, PropertiesAreOrderedByCodeUnitAndOverwritten) {
+  CProps props;
+  props["b"] = String("2");
+  props["B"] = String("1");
+  props["a"] = String("3");
+  props["b"] = String("4");
+  ASSERT_EQ(props.size(), 3u);
+  std::string order;
+  for (auto const& item : props.items()) order += U(item.first) + "=" + U(item.second) + ";";
+  EXPECT_EQ(order, "B=1;a=3;b=4;");
+  EXPECT_EQ(U(props.get("missing")), "");
+  EXPECT_FALSE(props.has("missing"));
+  EXPECT_TRUE(props.has("B"));
+  tal::CURI const uri(String("mem:/dir/x.zip"));
+  EXPECT_EQ(tal::uriProps(uri), (CProps{{"uri", uri.toString(true)}}));
 }
 
 } // namespace

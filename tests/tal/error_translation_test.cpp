@@ -46,6 +46,11 @@ TEST(ErrorTranslationTest, CodesZeroToNineAreTranslatedTenToThirteenAreNot) {
   EXPECT_EQ(message(7), "Erreur de positionnement.");
   EXPECT_EQ(message(8), "Erreur au déplacement d'un fichier.");
   EXPECT_EQ(message(9), "Erreur à la suppression d'un fichier.");
+  // The catalogue does translate the texts of codes 10 to 13; the table keeps them as written.
+  EXPECT_EQ(wxGetTranslation(wxString("Error: stream has been closed.")).ToStdString(wxConvUTF8),
+            "Erreur : le flux a été fermé.");
+  EXPECT_EQ(wxGetTranslation(wxString("Error changing the size of a file.")).ToStdString(wxConvUTF8),
+            "Erreur au changement de taille d'un fichier.");
   EXPECT_EQ(message(10), "Error: stream has been closed.");
   EXPECT_EQ(message(11), "Error: stream position is not aligned correctly.");
   EXPECT_EQ(message(12), "Error: buffer passed to stream is not aligned correctly.");
@@ -58,8 +63,17 @@ TEST(ErrorTranslationTest, CodesZeroToNineAreTranslatedTenToThirteenAreNot) {
 
 TEST(ErrorTranslationTest, ALanguageChangeAfterwardsChangesNothing) {
   std::string const before = message(3);
-  wxTranslations::Get()->SetLanguage(wxString("de"));
+  EXPECT_EQ(before, "Erreur d'écriture des données."); // the table was built with the French catalogue
+  // A new translation set without the catalogue: the toolkit now answers in English...
+  wxTranslations::Set(new wxTranslations);
+  EXPECT_EQ(wxGetTranslation(wxString("Error writing data.")).ToStdString(wxConvUTF8), "Error writing data.");
+  // ...but the table was built once and keeps its French messages.
   EXPECT_EQ(message(3), before);
+  EXPECT_EQ(message(0), "Erreur d'E/S inconnue.");
+  tal::CIOError e(tal::CIOError::WriteFailed, tal::String(), tal::CProps(), nullptr);
+  EXPECT_EQ(e.getMessage().toUTF8(), before);
+  EXPECT_EQ(message(14), "");
+  EXPECT_EQ(message(-1), "");
 }
 
 } // namespace

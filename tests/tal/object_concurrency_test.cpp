@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -89,6 +91,133 @@ TEST(ObjectConcurrencyTest, ConcurrentCountingOnSharedObjects) {
   EXPECT_EQ(shared->getRefCount(), 1);
   shared = nullptr;
   EXPECT_EQ(destroyed.load(), 1);
+}
+
+// ---- a lazy singleton of this test, raced from its very first use -----------
+
+struct CRaced : tal::CBase {};
+
+std::atomic<int> g_racedBuilds{0};
+
+bool& racedGuard() {
+  static bool g_Guard = false;
+  return g_Guard;
+}
+
+tal::TSafeGlobalPointer<CRaced>& racedSingleton() {
+  std::exception_ptr failure;
+  static tal::TSafeGlobalPointer<CRaced> g_pInstance(
+      racedGuard(),
+      [] {
+        ++g_racedBuilds;
+        tal::threadYield(true); // give the other threads time to pile up
+        return tal::newObj<CRaced>();
+      },
+      failure);
+  return g_pInstance.ready(failure);
+}
+
+bool& failingGuard() {
+  static bool g_Guard = false;
+  return g_Guard;
+}
+
+tal::TSafeGlobalPointer<CRaced>& failingSingleton() {
+  std::exception_ptr failure;
+  static tal::TSafeGlobalPointer<CRaced> g_pInstance(
+      failingGuard(), []() -> tal::P<CRaced> { throw std::runtime_error("first build failed"); }, failure);
+  return g_pInstance.ready(failure);
+}
+
+TEST(ObjectConcurrencyTest, ThreadsRacingALazySingletonShareOneBuild) {
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  std::vector<CRaced*> seen(8, nullptr);
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      while (!go) tal::threadYield(false);
+      seen[t] = racedSingleton().instance.get();
+    });
+  go = true;
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(g_racedBuilds.load(), 1);
+  ASSERT_NE(seen[0], nullptr);
+  for (int t = 1; t < 8; ++t) EXPECT_EQ(seen[t], seen[0]);
+}
+
+TEST(ObjectConcurrencyTest, ThreadsRacingAFailingSingletonAllFail) {
+  std::atomic<bool> go{false};
+  std::atomic<int> original{0}, constructionFailed{0}, other{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&] {
+      while (!go) tal::threadYield(false);
+      try {
+        failingSingleton();
+        ++other;
+      } catch (tal::CError const& e) {
+        if (e.getMessage().toUTF8() == "Construction of static object has failed." && e.getCode() == -1)
+          ++constructionFailed;
+        else
+          ++other;
+      } catch (std::runtime_error const& e) {
+        if (std::string(e.what()) == "first build failed")
+          ++original;
+        else
+          ++other;
+      }
+    });
+  go = true;
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(original.load(), 1); // only the thread that built sees the original exception
+  EXPECT_EQ(constructionFailed.load(), 7);
+  EXPECT_EQ(other.load(), 0);
+}
+
+TEST(ObjectConcurrencyTest, ManyThreadsKeepTheirOwnFlags) {
+  std::atomic<int> stage{0};
+  std::atomic<int> allowed{0}, refused{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      bool const licensed = t % 2 == 0;
+      if (licensed) tal::TRequireNewAlloc<tal::CBase>::currentThreadFlag()->value = true;
+      ++stage;
+      while (stage.load() < 8) tal::threadYield(true); // every flag is set before anyone constructs
+      alignas(CHeapOnly) unsigned char memory[sizeof(CHeapOnly)];
+      try {
+        CHeapOnly* object = new (memory) CHeapOnly();
+        object->~CHeapOnly();
+        ++allowed;
+      } catch (tal::CError const&) {
+        ++refused;
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(allowed.load(), 4);
+  EXPECT_EQ(refused.load(), 4);
+}
+
+TEST(ObjectConcurrencyTest, LastReleaseRacedFromManyThreadsDeletesOnce) {
+  static std::atomic<int> deletions{0};
+  struct CShared : tal::CBase {
+    ~CShared() override { ++deletions; }
+  };
+  for (int round = 0; round < 50; ++round) {
+    tal::P<CShared> shared = tal::newObj<CShared>();
+    std::vector<tal::P<CShared>> copies(4, shared);
+    shared = nullptr;
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+      threads.emplace_back([&, t] {
+        while (!go) tal::threadYield(false);
+        copies[static_cast<std::size_t>(t)] = nullptr;
+      });
+    go = true;
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(deletions.load(), round + 1);
+  }
 }
 
 } // namespace

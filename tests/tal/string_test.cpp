@@ -51,31 +51,76 @@ TEST(StringTest, OrderingIsByCodeUnit) {
   EXPECT_TRUE(less(tal::String("ab"), tal::String("b")));
 }
 
-TEST(TimeFieldsTest, EmptyValueAndComparison) {
-  tal::CTimeFields empty;
-  EXPECT_TRUE(empty.isEmpty());
-  tal::CTimeFields t(2015, 3, 7, 14, 5, 9, 0.0, 0, false);
-  EXPECT_FALSE(t.isEmpty());
-  EXPECT_TRUE(t != empty);
-  tal::CTimeFields copy(t);
-  EXPECT_TRUE(copy == t);
-  EXPECT_EQ(copy.getYear(), 2015);
-  EXPECT_EQ(copy.getMonth(), 3);
-  EXPECT_EQ(copy.getDay(), 7);
-  EXPECT_EQ(copy.getHour(), 14);
-  EXPECT_EQ(copy.getMinute(), 5);
-  EXPECT_EQ(copy.getSecond(), 9);
-  tal::CTimeFields assigned;
-  assigned = t;
-  EXPECT_FALSE(assigned != t);
-  EXPECT_TRUE(tal::CTimeFields(2015, 3, 7, 14, 5, 10, 0.0, 0, false) != t);
+TEST(StringTest, EveryHighByteBecomesTheSameCodePoint) {
+  char bytes[129];
+  for (int i = 0; i < 128; ++i) bytes[i] = static_cast<char>(0x80 + i);
+  bytes[128] = '\0';
+  tal::String s(bytes);
+  ASSERT_EQ(s.length(), 128u);
+  for (int i = 0; i < 128; ++i) EXPECT_EQ(static_cast<unsigned>(s[static_cast<std::size_t>(i)]), 0x80u + i) << i;
+  // The same bytes read as UTF-8 are not text at all.
+  EXPECT_EQ(tal::String::fromUTF8(std::string(bytes)).length(), 0u);
 }
 
-TEST(TimeFieldsTest, MinizipMonthZeroIsMonthOne) {
-  int const minizipMonth = 0; // January, counted from 0
-  tal::CTimeFields t(2020, minizipMonth + 1, 1, 0, 0, 0, 0.0, 0, false);
-  EXPECT_EQ(t.getMonth(), 1);
-  EXPECT_EQ(t.getMonth() - 1, minizipMonth); // written back
+TEST(StringTest, AsciiLiteralsPassUnchanged) {
+  tal::String s("fileSysProblem");
+  EXPECT_EQ(s, tal::String(L"fileSysProblem"));
+  EXPECT_EQ(s.toUTF8(), "fileSysProblem");
+}
+
+TEST(StringTest, NonAsciiRoundTripsThroughUtf8) {
+  wchar_t const wide[] = {0x63, 0xE9, 0x4E2D, 0x1F600, 0};
+  tal::String s(wide);
+  ASSERT_EQ(s.length(), 4u);
+  bool ok = false;
+  std::string const utf8 = s.toUTF8(&ok);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(utf8, "c\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80");
+  EXPECT_EQ(tal::String::fromUTF8(utf8), s);
+  EXPECT_EQ(tal::String::fromUTF8(utf8.data(), 3), tal::String(L"c\u00e9"));
+  EXPECT_EQ(tal::String::fromUTF8(nullptr, 0).length(), 0u);
+}
+
+TEST(StringTest, ALoneLowSurrogateOrAValueBeyondUnicodeCannotBeEncoded) {
+  wchar_t const low[] = {static_cast<wchar_t>(0xDC00), 0};
+  bool ok = true;
+  EXPECT_EQ(tal::String(low).toUTF8(&ok), "");
+  EXPECT_FALSE(ok);
+  wchar_t const beyond[] = {L'x', static_cast<wchar_t>(0x110000), 0};
+  ok = true;
+  EXPECT_EQ(tal::String(beyond).toUTF8(&ok), "");
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(tal::String(low).toUTF8(), ""); // the flag is optional
+}
+
+TEST(StringTest, ExtremeDecimals) {
+  EXPECT_EQ(tal::toString(INT_MAX).toUTF8(), "2147483647");
+  EXPECT_EQ(tal::toString(7).toUTF8(), "7");
+  EXPECT_EQ(tal::toString(-1).toUTF8(), "-1");
+  EXPECT_EQ(tal::toString(LLONG_MIN).toUTF8(), "-9223372036854775808");
+}
+
+TEST(StringTest, ComparisonIsCaseSensitiveAndConcatenationIsPlain) {
+  EXPECT_NE(tal::String("Name.TXT"), tal::String("name.txt"));
+  EXPECT_EQ(tal::String("a") + tal::String("b"), tal::String("ab"));
+  EXPECT_EQ(tal::String("x").compare(tal::String("x")), 0);
+  EXPECT_LT(tal::String("Z").compare(tal::String("a")), 0);
+}
+
+TEST(StringTest, AStringIsACountedObject) {
+  tal::P<tal::String> p = tal::newObj<tal::String>("counted");
+  EXPECT_EQ(p->getRefCount(), 1);
+  tal::P<tal::String> q = p;
+  EXPECT_EQ(p->getRefCount(), 2);
+  tal::String copy(*p); // a copy is a new object with its own count
+  EXPECT_EQ(copy.getRefCount(), 1);
+  EXPECT_EQ(copy, tal::String("counted"));
+  tal::String assigned;
+  assigned = copy;
+  EXPECT_EQ(assigned.getRefCount(), 1);
+  EXPECT_EQ(assigned.toUTF8(), "counted");
+  wxString const plain(L"wide");
+  EXPECT_EQ(tal::String(plain).toUTF8(), "wide");
 }
 
 } // namespace
