@@ -70,14 +70,19 @@ class CURI : public CBase {
 public:
   /// The empty URI (isEmpty() is true).
   CURI();
-  /// Parses the text form of a URI. Throws CInvalidArgError for text that is
-  /// not a URI reference (a malformed percent-escape, an invalid port, ...).
+  /// Parses the text form of a URI (leniently: characters the grammar does not
+  /// allow, such as spaces, are taken as they are). Throws CInvalidArgError for
+  /// a malformed percent-escape, an invalid port, or an IP literal that is
+  /// unclosed or followed by anything but a port.
   explicit CURI(String const& text);
   /// An exact copy of `other`; a non-null `fragment` replaces its fragment.
   CURI(CURI const& other, String const* fragment);
   /// Builds a URI from components. An empty scheme gives a relative reference;
   /// absent optional parts are undefined (a present but empty host still gives
-  /// an authority); a negative port means none. The path is taken as it is.
+  /// an authority); a negative port means none. The path is taken as it is,
+  /// except that beside an authority a non-empty path not starting with "/"
+  /// gets one; a password without a user gives an empty user. Throws
+  /// CInvalidArgError when a non-empty scheme is not a valid scheme.
   CURI(String const& scheme, String const& path, TConstOptRef<String> user, TConstOptRef<String> password,
        TConstOptRef<String> host, long long port, TConstOptRef<String> query, TConstOptRef<String> fragment);
   CURI(CURI const& other);
@@ -92,8 +97,9 @@ public:
   bool isEmpty() const;
   /// True when the URI has a scheme.
   bool isAbsolute() const;
-  /// Normalised copy: scheme and host lower-cased, dot segments removed,
-  /// default ports kept as given.
+  /// Normalised copy: scheme and host lower-cased, dot segments removed (a
+  /// relative path stays relative: "a/../b" gives "b", "../x" gives "x"),
+  /// everything else (default ports included) kept as given.
   CURI toNormalized() const;
   /// `relative` resolved against this URI taken as a container (as if its path
   /// ended in "/"): "file:///data/a.zip" << "docs/x.txt" is

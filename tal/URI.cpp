@@ -2,15 +2,16 @@
 //
 // Components are held decoded. Parsing splits the text by the generic syntax
 // (RFC 3986 appendix B) and percent-decodes each component (the decoded bytes
-// are read as UTF-8); printing percent-encodes, per component, every character
-// that would otherwise be misread, so CURI(u.toString(true)) == u.
+// are read as UTF-8, a byte outside a UTF-8 sequence as ISO-8859-1); printing
+// percent-encodes, per component, every character that would otherwise be
+// misread, so CURI(u.toString(true)) == u.
 #include "tal/Error.h"
 #include "tal/String.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstdint>
+#include <limits>
 #include <string>
-#include <vector>
 
 namespace tal {
 namespace {
@@ -26,7 +27,12 @@ public:
 
 // ---- character classes (RFC 3986 section 2 and 3) ----------------------------
 
-bool isUnreserved(unsigned char c) { return std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
+// ASCII only, whatever the C locale says about other bytes.
+bool isAlpha(unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isDigit(unsigned char c) { return c >= '0' && c <= '9'; }
+bool isAlnum(unsigned char c) { return isAlpha(c) || isDigit(c); }
+
+bool isUnreserved(unsigned char c) { return isAlnum(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
 
 bool isSubDelim(unsigned char c) {
   switch (c) {
@@ -40,7 +46,7 @@ bool isSubDelim(unsigned char c) {
 bool isPchar(unsigned char c) { return isUnreserved(c) || isSubDelim(c) || c == ':' || c == '@'; }
 
 /// Which characters a component may carry unencoded.
-enum class Component { User, Password, Host, Path, FirstSegmentOfSchemelessPath, QueryOrFragment };
+enum class Component { User, Password, Host, IpLiteral, Path, FirstSegmentOfSchemelessPath, QueryOrFragment };
 
 bool allowedIn(Component component, unsigned char c) {
   switch (component) {
@@ -49,7 +55,9 @@ bool allowedIn(Component component, unsigned char c) {
   case Component::Password:
     return isUnreserved(c) || isSubDelim(c) || c == ':';
   case Component::Host:
-    return isUnreserved(c) || isSubDelim(c) || c == '[' || c == ']' || c == ':';
+    return isUnreserved(c) || isSubDelim(c);
+  case Component::IpLiteral:
+    return isUnreserved(c) || isSubDelim(c) || c == ':';
   case Component::Path:
     return isPchar(c) || c == '/';
   case Component::FirstSegmentOfSchemelessPath:
@@ -62,12 +70,62 @@ bool allowedIn(Component component, unsigned char c) {
 
 // ---- encoding and decoding ---------------------------------------------------
 
-std::string utf8Of(String const& text) { return text.toUTF8(); }
+// The bytes of a component are UTF-8, extended so that every code unit a String can hold survives a round trip:
+// a lone surrogate gets its three-byte form and values above U+10FFFF the original longer forms (up to seven bytes
+// for values above 0x7FFFFFFF). Decoding takes each well-formed (shortest-form) sequence of that kind as one code
+// unit and every other byte as the code point of the same value (ISO-8859-1), so textOf(utf8Of(t)) == t always.
+
+void appendUtf8(std::string& out, std::uint32_t c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+    return;
+  }
+  int n = c < 0x800 ? 2 : c < 0x10000 ? 3 : c < 0x200000 ? 4 : c < 0x4000000 ? 5 : c < 0x80000000u ? 6 : 7;
+  std::uint64_t value = c;
+  out += static_cast<char>(((0xFF00u >> n) & 0xFFu) | static_cast<unsigned>(value >> (6 * (n - 1))));
+  for (int shift = 6 * (n - 2); shift >= 0; shift -= 6) out += static_cast<char>(0x80u | ((value >> shift) & 0x3Fu));
+}
+
+std::string utf8Of(String const& text) {
+  std::string out;
+  for (wchar_t unit : text.ToStdWstring()) appendUtf8(out, static_cast<std::uint32_t>(unit));
+  return out;
+}
+
+/// The length of the sequence led by `lead` (2 to 7), or 0 when it cannot lead one.
+int sequenceLength(unsigned char lead) {
+  int n = 0;
+  while (n < 8 && (lead & (0x80u >> n))) ++n;
+  return n >= 2 && n <= 7 ? n : 0;
+}
+
+/// Decodes the sequence at `bytes[at]`; false when it is not a well-formed shortest-form sequence.
+bool decodeSequence(std::string const& bytes, std::size_t at, int n, std::uint64_t& value) {
+  static std::uint64_t const kMinimum[] = {0, 0, 0x80, 0x800, 0x10000, 0x200000, 0x4000000, 0x80000000u};
+  if (n == 0 || bytes.size() - at < static_cast<std::size_t>(n)) return false;
+  value = static_cast<unsigned char>(bytes[at]) & (0x7Fu >> n);
+  for (int k = 1; k < n; ++k) {
+    unsigned char c = static_cast<unsigned char>(bytes[at + k]);
+    if ((c & 0xC0u) != 0x80u) return false;
+    value = (value << 6) | (c & 0x3Fu);
+  }
+  return value >= kMinimum[n] && value <= 0xFFFFFFFFu;
+}
 
 String textOf(std::string const& bytes) {
-  if (bytes.empty()) return String();
-  String text = String::fromUTF8(bytes);
-  return text.empty() ? String(bytes.c_str()) : text; // not UTF-8: keep each byte as a code point
+  std::wstring text;
+  for (std::size_t i = 0; i < bytes.size();) {
+    unsigned char lead = static_cast<unsigned char>(bytes[i]);
+    int n = lead < 0x80 ? 1 : sequenceLength(lead);
+    std::uint64_t value = lead;
+    if (n != 1 && !decodeSequence(bytes, i, n, value)) {
+      n = 1;
+      value = lead;
+    }
+    text += static_cast<wchar_t>(static_cast<std::uint32_t>(value));
+    i += static_cast<std::size_t>(n);
+  }
+  return String(wxString(text.data(), text.size()));
 }
 
 void appendEncoded(std::string& out, std::string const& bytes, Component component) {
@@ -97,6 +155,20 @@ void appendPath(std::string& out, std::string const& path, bool hasScheme, bool 
   bool guardColon = !hasScheme && !hasAuthority && start == 0;
   appendEncoded(out, first, guardColon ? Component::FirstSegmentOfSchemelessPath : Component::Path);
   if (firstSlash != std::string::npos) appendEncoded(out, path.substr(firstSlash), Component::Path);
+}
+
+/// The host's text form. A host of the form "[...]" (an IP literal, which may hold colons) keeps its brackets;
+/// in any other host '[', ']' and ':' are encoded so that they are not read as an IP literal or a port.
+void appendHost(std::string& out, std::string const& host) {
+  bool literal = host.size() >= 2 && host.front() == '[' && host.back() == ']' &&
+                 host.find_first_of("[]", 1) == host.size() - 1;
+  if (!literal) {
+    appendEncoded(out, host, Component::Host);
+    return;
+  }
+  out += '[';
+  appendEncoded(out, host.substr(1, host.size() - 2), Component::IpLiteral);
+  out += ']';
 }
 
 int hexValue(char c) {
@@ -132,7 +204,9 @@ String decode(std::string const& encoded, String const& whole) {
 
 // ---- dot segments (RFC 3986 section 5.2.4) -----------------------------------
 
+/// RFC 3986 remove_dot_segments, except that a relative path stays relative: "a/../b" gives "b", not "/b".
 String removeDotSegments(String const& path) {
+  std::size_t const npos = std::wstring::npos;
   std::wstring in = path.ToStdWstring();
   std::wstring out;
   while (!in.empty()) {
@@ -144,10 +218,14 @@ String removeDotSegments(String const& path) {
       in.erase(0, 2);
     } else if (in == L"/.") {
       in = L"/";
+    } else if ((in.compare(0, 4, L"/../") == 0 || in == L"/..") && !out.empty() && out.find(L'/') == npos) {
+      // ".." after the first segment of a relative path: drop both and keep the path relative.
+      in = in.size() == 3 ? std::wstring() : in.substr(4);
+      out.clear();
     } else if (in.compare(0, 4, L"/../") == 0 || in == L"/..") {
       in = in.size() == 3 ? std::wstring(L"/") : in.substr(3);
       std::size_t last = out.rfind(L'/');
-      out.erase(last == std::wstring::npos ? 0 : last);
+      out.erase(last == npos ? 0 : last);
     } else if (in == L"." || in == L"..") {
       in.clear();
     } else {
@@ -157,13 +235,13 @@ String removeDotSegments(String const& path) {
       in.erase(0, n);
     }
   }
-  return String(wxString(out));
+  return String(wxString(out.data(), out.size()));
 }
 
 bool isSchemeText(std::string const& text) {
-  if (text.empty() || !std::isalpha(static_cast<unsigned char>(text[0]))) return false;
+  if (text.empty() || !isAlpha(static_cast<unsigned char>(text[0]))) return false;
   for (unsigned char c : text)
-    if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return false;
+    if (!isAlnum(c) && c != '+' && c != '-' && c != '.') return false;
   return true;
 }
 
@@ -234,10 +312,13 @@ private:
     if (text[0] != ':') throwInvalid(m_text, "invalid authority");
     std::string digits = text.substr(1);
     if (digits.empty()) return;
-    if (digits.size() > 9) throwInvalid(m_text, "invalid port");
-    for (unsigned char c : digits)
-      if (!std::isdigit(c)) throwInvalid(m_text, "invalid port");
-    m_uri.m_port = std::stoll(digits);
+    long long port = 0;
+    for (unsigned char c : digits) {
+      if (!isDigit(c) || port > (std::numeric_limits<long long>::max() - (c - '0')) / 10)
+        throwInvalid(m_text, "invalid port");
+      port = port * 10 + (c - '0');
+    }
+    m_uri.m_port = port;
   }
 
   CURI& m_uri;
@@ -257,6 +338,8 @@ CURI::CURI(String const& text) : CURI() {
 
 CURI::CURI(CURI const& other, String const* fragment) : CURI(other) {
   if (!fragment) return;
+  m_shared = nullptr; // the source text no longer describes this URI
+  m_kind = kBuilt;
   m_hasFragment = true;
   m_fragment = *fragment;
 }
@@ -264,17 +347,23 @@ CURI::CURI(CURI const& other, String const* fragment) : CURI(other) {
 CURI::CURI(String const& scheme, String const& path, TConstOptRef<String> user, TConstOptRef<String> password,
            TConstOptRef<String> host, long long port, TConstOptRef<String> query, TConstOptRef<String> fragment)
     : CURI() {
+  if (!scheme.empty() && !isSchemeText(utf8Of(scheme))) {
+    CProps props;
+    props["scheme"] = scheme;
+    throw CInvalidArgError(String("CURI::CURI"), String("scheme is not a valid URI scheme"), props);
+  }
   m_kind = kBuilt;
   m_hasScheme = !scheme.empty();
   m_scheme = scheme;
-  m_hasUser = user.isPresent();
-  if (m_hasUser) m_user = user.get();
+  m_hasUser = user.isPresent() || password.isPresent(); // userinfo has no password without a user part
+  if (user.isPresent()) m_user = user.get();
   m_hasPassword = password.isPresent();
   if (m_hasPassword) m_password = password.get();
   if (host.isPresent()) m_host = host.get();
   m_port = port < 0 ? -1 : port;
   m_hasAuthority = host.isPresent() || m_hasUser || m_hasPassword || m_port >= 0;
-  m_path = path;
+  // Beside an authority a path is empty or absolute; "/" is put before any other.
+  m_path = m_hasAuthority && !path.empty() && !path.StartsWith("/") ? String(String("/") + path) : path;
   m_hasQuery = query.isPresent();
   if (m_hasQuery) m_query = query.get();
   m_hasFragment = fragment.isPresent();
@@ -329,7 +418,10 @@ String CURI::toString(bool encoded) const {
       }
       out += '@';
     }
-    put(out, m_host, Component::Host);
+    if (encoded)
+      appendHost(out, utf8Of(m_host));
+    else
+      out += utf8Of(m_host);
     if (m_port >= 0) out += ":" + std::to_string(m_port);
   }
   if (encoded)
@@ -356,6 +448,7 @@ bool CURI::isAbsolute() const { return m_hasScheme; }
 CURI CURI::toNormalized() const {
   CURI result(*this);
   result.m_shared = nullptr;
+  result.m_kind = kBuilt;
   result.m_scheme = m_scheme.Lower();
   if (!(m_host.StartsWith("[") && m_host.Contains("%"))) result.m_host = m_host.Lower();
   result.m_path = removeDotSegments(m_path);
