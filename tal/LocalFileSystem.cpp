@@ -84,7 +84,7 @@ std::string CLocalFileSystem::localPath(CURI const& uri) {
   bool const local = uri.getScheme().IsSameAs(L"file", false) &&
                      (uri.getHost().empty() || uri.getHost().IsSameAs(L"localhost", false));
   if (!local || uri.getPath().empty()) {
-    CError refusal(String("CLocalFileSystem supports only local file: URIs."), String(), -1, uriProps(uri), nullptr);
+    CError refusal(String("CLocalFileSystem supports only file: URIs."), String(), -1, uriProps(uri), nullptr);
     throw CFileSystemError(CFileSystemError::NotSupported, refusal);
   }
   return uri.getPath().toUTF8();
@@ -99,7 +99,8 @@ P<IInOutStream> CLocalFileSystem::openStream(CURI const& uri, int access, int co
   if (::fstat(fd, &st) != 0) throwSystemError(CIOError::OpenFailed, "Cannot open file", errno, uri);
   if (S_ISDIR(st.st_mode)) throwSystemError(CIOError::OpenFailed, "Cannot open file", EISDIR, uri);
   P<IPositionalFile> positional(file.get());
-  return P<IInOutStream>::adopt(new CPositionalStream(positional, uri, access == AccessReadWrite, kBufferSize));
+  return P<IInOutStream>::adopt(
+      new CPositionalStream(positional, uri, access == AccessReadWrite, kBufferSize, "tal::CLocalFileSystem::CStream"));
 }
 
 bool CLocalFileSystem::exists(CURI const& uri) {

@@ -10,21 +10,35 @@ namespace tal {
 /// empty or "localhost". The path text is handed to the operating system as
 /// UTF-8.
 ///
-/// openStream: access 1 opens for reading, 3 for reading and writing; flags 2
-/// or 4 create a missing file. Streams are buffered (reads fill 64 KiB; writes
-/// collect until flush, close, a read, a seek-and-write elsewhere or
-/// setLength), and a seek that stays inside the read buffer keeps it. seek()
-/// accepts any position: past the end (negative positions included, read as
-/// offsets of 2^63 and more) reads give nothing and writes extend the file
-/// (WriteFailed for a negative position). One
-/// thread at a time may use a stream; the file system itself may be used from
-/// any number of threads.
+/// openStream: access 1 opens for reading (O_RDONLY), 3 for reading and
+/// writing (O_RDWR); any other access is a CInvalidArgError. Flags 2 or 4
+/// create a missing file (mode 0666 less the umask); an existing file is kept
+/// as it is. A folder cannot be opened (OpenFailed).
+///
+/// Streams are buffered: reads fill a 64 KiB buffer, and a seek only moves the
+/// position, so a seek that stays inside the buffer keeps it and a seek to the
+/// current position makes no system call. Writes collect until flush(),
+/// createWriteBarrier(), close(), a read, a write elsewhere or setLength();
+/// getLength() counts the collected bytes. seek() accepts any position: past
+/// the end reads give nothing and writes extend the file with zeros; a negative
+/// position (read as an offset of 2^63 and more) reads as past the end and
+/// fails writes with WriteFailed. Range locks are not supported (lockRange
+/// throws CIOError LockNotSupported). Streams opened for reading refuse
+/// write() (WriteFailed) and setLength() (SetLengthFailed). close() flushes
+/// and closes the file; when that fails it throws, and the stream is closed
+/// anyway. After close() every operation but getURI() throws CIOError
+/// StreamClosed. A stream dropped while open is closed by its destructor, which
+/// reports a failure to onExceptionInDestructorIgnored("tal::CLocalFileSystem::CStream", e, true).
+/// One thread at a time may use a stream; the file system itself may be used
+/// from any number of threads.
 ///
 /// Failures throw CIOError with the fitting code (OpenFailed, ReadFailed,
-/// WriteFailed, SeekFailed, SetLengthFailed, DeleteFailed, UnexpectedEnd,
-/// StreamClosed), the operating system's reason in the message ("Cannot open
-/// file: No such file or directory") and the URI text under "uri". A URI that
-/// is not a local `file:` URI throws CFileSystemError NotSupported.
+/// WriteFailed, SetLengthFailed, DeleteFailed, UnexpectedEnd, StreamClosed;
+/// SeekFailed when the length cannot be read; Unknown when closing fails), the
+/// operating system's reason in the message ("Cannot open file: No such file or
+/// directory") and the URI text under "uri". A URI that is not a local `file:`
+/// URI throws CFileSystemError NotSupported wrapping the CError "CLocalFileSystem
+/// supports only file: URIs.".
 class CLocalFileSystem : public CBase, public virtual IFileSystem {
 public:
   /// Read buffer size of the streams.

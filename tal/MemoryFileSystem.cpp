@@ -61,11 +61,24 @@ public:
   std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
     return m_file->readAt(offset, buffer, size);
   }
-  void writeAt(long long offset, void const* data, std::size_t size) override { m_file->writeAt(offset, data, size); }
+  void writeAt(long long offset, void const* data, std::size_t size) override {
+    try {
+      m_file->writeAt(offset, data, size);
+    } catch (std::exception const&) { // bad_alloc or length_error: more than memory can hold
+      throw CIOError(CIOError::WriteFailed, String("Cannot write file: Out of memory"), uriProps(m_uri), nullptr);
+    }
+  }
   long long size() override { return m_lengthUnknown ? -1 : m_file->size(); }
   void truncate(long long length) override {
-    if (length < 0) throw CIOError(CIOError::SetLengthFailed, String("Negative length"), uriProps(m_uri), nullptr);
-    m_file->truncate(length);
+    if (length < 0)
+      throw CIOError(CIOError::SetLengthFailed, String("Cannot set file length: Negative length"), uriProps(m_uri),
+                     nullptr);
+    try {
+      m_file->truncate(length);
+    } catch (std::exception const&) { // bad_alloc or length_error
+      throw CIOError(CIOError::SetLengthFailed, String("Cannot set file length: Out of memory"), uriProps(m_uri),
+                     nullptr);
+    }
   }
   void closeFile() override { m_file = nullptr; }
 
@@ -101,7 +114,8 @@ P<IInOutStream> CMemoryFileSystem::openStream(CURI const& uri, int access, int c
   }
   if (!file) throw CIOError(CIOError::OpenFailed, String("Cannot open file: No such file"), uriProps(uri), nullptr);
   P<IPositionalFile> handle = P<IPositionalFile>::adopt(new CMemoryHandle(file, uri, lengthUnknown));
-  return P<IInOutStream>::adopt(new CPositionalStream(handle, uri, access == AccessReadWrite, 0));
+  return P<IInOutStream>::adopt(
+      new CPositionalStream(handle, uri, access == AccessReadWrite, 0, "tal::CMemoryFileSystem::CStream"));
 }
 
 bool CMemoryFileSystem::exists(CURI const& uri) { return find(uri) != nullptr; }

@@ -8,16 +8,21 @@
 
 namespace tal {
 
-/// Files held in memory, named by any URI (for example "mem:/archive.zip");
-/// two URIs name the same file when their normalised text forms are equal.
-/// Every stream works directly on the file's bytes, so what one stream writes
-/// the others see at once. Safe under concurrent use: the file table and each
-/// file's bytes have their own locks (one thread at a time per stream).
+/// Files held in memory, reachable by whoever holds this file system. Any URI
+/// names a file; "mem:" URIs such as "mem:/archive.zip" are the suggested
+/// form. Two URIs name the same file when their normalised text forms are
+/// equal ("mem:/a/./b" and "MEM:/a/b" are one file). Streams are unbuffered and
+/// work directly on the file's bytes, so what one stream writes the others see
+/// at once. Safe under concurrent use: the file table and each file's bytes
+/// have their own locks (one thread at a time per stream).
 ///
-/// openStream: access 1 reads, 3 reads and writes; flags 2 or 4 create a
-/// missing file, otherwise a missing file throws CIOError OpenFailed "Cannot
-/// open file: No such file" with "uri". Stream failures follow the
-/// CLocalFileSystem conventions (UnexpectedEnd, StreamClosed, WriteFailed).
+/// openStream: access 1 reads, 3 reads and writes (any other access is a
+/// CInvalidArgError); flags 2 or 4 create a missing file, otherwise a missing
+/// file throws CIOError OpenFailed "Cannot open file: No such file" with
+/// "uri". Streams keep the CLocalFileSystem contract (reads and writes at any
+/// position, UnexpectedEnd, WriteFailed on read-only streams and negative
+/// positions, LockNotSupported, StreamClosed after close); their destructor
+/// reports a swallowed failure as "tal::CMemoryFileSystem::CStream".
 class CMemoryFileSystem : public CBase, public virtual IFileSystem {
 public:
   CMemoryFileSystem();
@@ -28,11 +33,12 @@ public:
   /// Deletes the file; open streams keep its bytes. CIOError DeleteFailed when missing.
   void remove(CURI const& uri) override;
 
-  /// Creates or replaces a file.
+  /// Creates or replaces a file; streams already open keep the bytes they had.
   void setFile(CURI const& uri, std::string bytes);
-  /// A copy of a file's bytes; CIOError OpenFailed when missing.
+  /// A copy of a file's bytes; CIOError OpenFailed "Cannot open file: No such file" with "uri" when missing.
   std::string getFile(CURI const& uri) const;
-  /// With true, streams opened afterwards report getLength() == -1 (unknown).
+  /// With true, streams opened afterwards report getLength() == -1 (unknown),
+  /// which makes seeking from the end impossible for their users.
   void setLengthUnknown(bool unknown);
 
   class CFile;

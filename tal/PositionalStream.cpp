@@ -5,15 +5,16 @@
 
 namespace tal {
 
-CPositionalStream::CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize)
-    : m_file(std::move(file)), m_uri(uri), m_writable(writable), m_bufferSize(bufferSize) {}
+CPositionalStream::CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize,
+                                     char const* context)
+    : m_file(std::move(file)), m_uri(uri), m_context(context), m_writable(writable), m_bufferSize(bufferSize) {}
 
 CPositionalStream::~CPositionalStream() {
   if (!m_file) return;
   try {
     close();
   } catch (std::exception& e) {
-    onExceptionInDestructorIgnored("tal::CPositionalStream", e, true);
+    onExceptionInDestructorIgnored(m_context, e, true);
   }
 }
 
@@ -87,6 +88,7 @@ std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
       m_position += static_cast<long long>(n);
     } else {
       m_readBuffer.resize(m_bufferSize);
+      m_readLength = 0; // stays empty when the read below throws
       m_readStart = at;
       m_readLength = m_file->readAt(at, m_readBuffer.data(), m_bufferSize);
       if (m_readLength == 0) break;
@@ -126,7 +128,8 @@ void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
     throw CIOError(CIOError::WriteFailed, String("The stream is open for reading only"), uriProps(m_uri), nullptr);
   if (size <= 0) return;
   if (m_position < 0)
-    throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(m_uri), nullptr);
+    throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(m_uri),
+                   nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
   m_readLength = 0; // the read buffer may hold what is being overwritten
   bool const contiguous = m_position == m_writeStart + static_cast<long long>(m_writeBuffer.size());

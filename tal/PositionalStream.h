@@ -34,8 +34,10 @@ public:
 /// straight to the file. One thread at a time may use a stream.
 class CPositionalStream : public CBase, public virtual IInOutStream {
 public:
-  CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize);
-  /// Closes the stream if still open; a failure goes to onExceptionInDestructorIgnored.
+  /// `context` names the stream's class in reports of failures its destructor swallows.
+  CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize,
+                    char const* context);
+  /// Closes the stream if still open; a failure goes to onExceptionInDestructorIgnored(context, e, true).
   ~CPositionalStream() override;
 
   long long getLength() const override;
@@ -68,6 +70,7 @@ private:
 
   P<IPositionalFile> m_file; ///< null once closed
   CURI m_uri;
+  char const* m_context;
   bool m_writable;
   std::size_t m_bufferSize;
   long long m_position = 0;

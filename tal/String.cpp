@@ -4,7 +4,14 @@
 
 namespace tal {
 
-String::String(char const* text) : wxString(text ? text : "", wxConvISO8859_1), CBase() {}
+String::String(char const* text) : CBase() {
+  // Each byte is the code point of the same value. Done here rather than with
+  // wxConvISO8859_1, which wxWidgets builds lazily without a lock.
+  if (!text) return;
+  std::wstring wide;
+  for (char const* p = text; *p; ++p) wide += static_cast<wchar_t>(static_cast<unsigned char>(*p));
+  wxString::operator=(wide);
+}
 
 String String::fromUTF8(char const* utf8, std::size_t length) {
   if (!utf8 || length == 0) return String();

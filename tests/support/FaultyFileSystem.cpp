@@ -94,8 +94,8 @@ CInjectedError CFaultyFileSystem::injectedError(Op op, long long n, tal::CURI co
   tal::CProps props;
   props["uri"] = uri.toString(true);
   props["injected"] = tal::String(opName(op)) + tal::String("#") + number;
-  return CInjectedError(kCodes[op], tal::String("Injected ") + tal::String(opName(op)) + tal::String(" fault #") + number,
-                        props);
+  tal::String const message = tal::String("Injected ") + tal::String(opName(op)) + tal::String(" fault #") + number;
+  return CInjectedError(kCodes[op], message, props);
 }
 
 void CFaultyFileSystem::failNth(Op op, long long n) {

@@ -20,6 +20,10 @@ public:
   [[noreturn]] void throwClone() const override;
 };
 
+/// Streams it opens forward every operation to the inner stream. Counted (and so failable): read, readLax and
+/// readAvailable as Read; write and writeKeepBuffer as Write; seek as Seek; getPosition as Tell; getLength as
+/// Length; close as Close (a failing close still closes the inner stream). A failing call does not reach
+/// the inner stream, except close. Counters are atomic: streams may be used from several threads.
 class CFaultyFileSystem : public tal::CBase, public virtual tal::IFileSystem {
 public:
   /// Tell is getPosition, Length is getLength.
@@ -44,6 +48,7 @@ public:
   /// Counts a call of `op`; throws when it is the armed one.
   void count(Op op, tal::CURI const& uri);
 
+  /// Counts an Open (failing before the inner file system is asked), then wraps the inner stream.
   tal::P<tal::IInOutStream> openStream(tal::CURI const& uri, int access, int const& flags) override;
   bool exists(tal::CURI const& uri) override;
   void remove(tal::CURI const& uri) override;

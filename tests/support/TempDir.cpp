@@ -21,6 +21,8 @@ TempDir::TempDir(std::string const& prefix) {
 
 TempDir::~TempDir() { runCommand("rm -rf " + shellQuote(m_path)); }
 
+tal::CURI TempDir::uri() const { return fileURI(m_path); }
+
 tal::CURI TempDir::uri(std::string const& name) const { return fileURI(file(name)); }
 
 tal::CURI fileURI(std::string const& path) {

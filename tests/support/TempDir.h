@@ -1,4 +1,5 @@
-// A temporary folder for tests, removed with everything in it on destruction.
+// A temporary folder for tests, removed with everything in it on destruction,
+// and small helpers for local files and shell commands.
 #pragma once
 
 #include "tal/String.h"
@@ -15,7 +16,10 @@ public:
   TempDir(TempDir const&) = delete;
   TempDir& operator=(TempDir const&) = delete;
 
+  /// The folder's local path (UTF-8, no trailing slash).
   std::string const& path() const { return m_path; }
+  /// The folder's `file:` URI.
+  tal::CURI uri() const;
   /// The local path of `name` inside the folder.
   std::string file(std::string const& name) const { return m_path + "/" + name; }
   /// The `file:` URI of `name` (UTF-8 text) inside the folder.

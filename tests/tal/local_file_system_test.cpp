@@ -4,8 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <typeinfo>
+
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using tal::CIOError;
 using tal::CURI;
@@ -16,22 +23,70 @@ namespace {
 
 std::string U(String const& s) { return s.toUTF8(); }
 
+/// Expects `call` to throw exactly a CIOError (not a subclass) with `code`, `message`, context "IO", no cause and
+/// the single property "uri" = `uri` text.
+void expectIOError(std::function<void()> const& call, CIOError::Code code, std::string const& message,
+                   CURI const& uri) {
+  try {
+    call();
+    ADD_FAILURE() << "no error thrown; expected: " << message;
+  } catch (CIOError const& e) {
+    EXPECT_EQ(typeid(e), typeid(CIOError));
+    EXPECT_EQ(e.getCode(), code);
+    EXPECT_EQ(U(e.getMessage()), message);
+    EXPECT_EQ(U(e.getContext()), "IO");
+    EXPECT_EQ(e.getProps(), tal::CProps({{String("uri"), uri.toString(true)}}));
+    EXPECT_EQ(e.getCause().get(), nullptr);
+  }
+}
+
+/// Expects the refusal of a URI that is not a local file.
+void expectNotSupported(std::function<void()> const& call, CURI const& uri) {
+  try {
+    call();
+    ADD_FAILURE() << "no error thrown for " << U(uri.toString(true));
+  } catch (tal::CFileSystemError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CFileSystemError));
+    EXPECT_EQ(e.getProblem(), tal::CFileSystemError::NotSupported);
+    EXPECT_EQ(U(e.getMessage()), "CLocalFileSystem supports only file: URIs.");
+    EXPECT_EQ(U(e.getContext()), "");
+    EXPECT_EQ(e.getCode(), -1);
+    EXPECT_EQ(e.getProps(),
+              tal::CProps({{String("uri"), uri.toString(true)}, {String("fileSysProblem"), String("6")}}));
+  }
+}
+
+std::string patterned(std::size_t size) {
+  std::string data(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * 7 + i / 251);
+  return data;
+}
+
+long long diskSize(std::string const& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
 class LocalFileSystemTest : public ::testing::Test {
 protected:
   tal::P<tal::CLocalFileSystem> fs = tal::newObj<tal::CLocalFileSystem>();
   TempDir dir;
-  tal::P<tal::IInOutStream> open(CURI const& uri, int access, int flags = 0) { return fs->openStream(uri, access, flags); }
+  tal::P<tal::IInOutStream> open(CURI const& uri, int access, int flags = 0) {
+    return fs->openStream(uri, access, flags);
+  }
 };
 
 TEST_F(LocalFileSystemTest, CreatesWritesAndReadsBack) {
   CURI uri = dir.uri("a.bin");
   auto out = open(uri, 3, 2);
+  EXPECT_EQ(out->getURI(), uri);
   out->write("hello world", 11, nullptr);
   EXPECT_EQ(out->getLength(), 11);
   EXPECT_EQ(out->getPosition(), 11);
   out->close();
   EXPECT_EQ(testsupport::readFile(dir.file("a.bin")), "hello world");
   auto in = open(uri, 1);
+  EXPECT_EQ(in->getLength(), 11);
   char buffer[16] = {};
   in->read(buffer, 5);
   EXPECT_EQ(std::string(buffer, 5), "hello");
@@ -43,170 +98,365 @@ TEST_F(LocalFileSystemTest, CreatesWritesAndReadsBack) {
   in->close();
 }
 
-TEST_F(LocalFileSystemTest, CreateForReadFlag) {
-  auto s = open(dir.uri("made.txt"), 1, 4);
-  EXPECT_EQ(s->getLength(), 0);
-  s->close();
+TEST_F(LocalFileSystemTest, CreateFlagsMakeMissingFilesWithUmaskedMode) {
+  mode_t const previous = ::umask(022);
+  auto rw = open(dir.uri("rw.txt"), 3, 2);
+  auto ro = open(dir.uri("ro.txt"), 1, 4);
+  ::umask(previous);
+  EXPECT_EQ(rw->getLength(), 0);
+  EXPECT_EQ(ro->getLength(), 0);
+  rw->close();
+  ro->close();
   struct stat st;
-  EXPECT_EQ(stat(dir.file("made.txt").c_str(), &st), 0);
+  ASSERT_EQ(::stat(dir.file("rw.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  ASSERT_EQ(::stat(dir.file("ro.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
 }
 
-TEST_F(LocalFileSystemTest, MissingFileFailsWithReasonAndUri) {
+TEST_F(LocalFileSystemTest, CreateFlagKeepsAnExistingFile) {
+  testsupport::writeFile(dir.file("kept"), "old contents");
+  auto s = open(dir.uri("kept"), 3, 2);
+  EXPECT_EQ(s->getLength(), 12);
+  s->write("new", 3, nullptr);
+  s->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("kept")), "new contents");
+}
+
+TEST_F(LocalFileSystemTest, MissingFileWithoutCreateFlagFails) {
   CURI uri = dir.uri("missing #1.zip");
-  try {
-    open(uri, 1);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::OpenFailed);
-    EXPECT_EQ(U(e.getMessage()), "Cannot open file: No such file or directory");
-    EXPECT_EQ(U(e.getContext()), "IO");
-    EXPECT_EQ(e.getProps().size(), 1u);
-    EXPECT_EQ(e.getProps().get("uri"), uri.toString(true));
-    EXPECT_NE(U(uri.toString(true)).find("missing%20%231.zip"), std::string::npos);
-  }
+  expectIOError([&] { open(uri, 1); }, CIOError::OpenFailed, "Cannot open file: No such file or directory", uri);
+  expectIOError([&] { open(uri, 3); }, CIOError::OpenFailed, "Cannot open file: No such file or directory", uri);
+  EXPECT_NE(U(uri.toString(true)).find("missing%20%231.zip"), std::string::npos);
+  EXPECT_FALSE(fs->exists(uri));
 }
 
-TEST_F(LocalFileSystemTest, DirectoryAndNotADirectoryFailToOpen) {
-  try {
-    open(CURI(String::fromUTF8("file://" + dir.path())), 1);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::OpenFailed);
-    EXPECT_EQ(U(e.getMessage()), "Cannot open file: Is a directory");
-  }
-  testsupport::writeFile(dir.file("plain"), "x");
-  try {
-    open(dir.uri("plain/x"), 3, 2);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::OpenFailed);
-    EXPECT_EQ(U(e.getMessage()), "Cannot open file: Not a directory");
-  }
+TEST_F(LocalFileSystemTest, FolderFailsToOpen) {
+  CURI uri = dir.uri();
+  expectIOError([&] { open(uri, 1); }, CIOError::OpenFailed, "Cannot open file: Is a directory", uri);
+  expectIOError([&] { open(uri, 3); }, CIOError::OpenFailed, "Cannot open file: Is a directory", uri);
+  expectIOError([&] { open(uri, 3, 2); }, CIOError::OpenFailed, "Cannot open file: Is a directory", uri);
 }
 
-TEST_F(LocalFileSystemTest, NonFileUriIsRefused) {
-  for (char const* text : {"http://host/x", "file://otherhost/x", "mem:/x"}) {
+TEST_F(LocalFileSystemTest, PathBelowARegularFileFailsToOpen) {
+  CURI uri(String("file:///etc/passwd/x"));
+  expectIOError([&] { open(uri, 1); }, CIOError::OpenFailed, "Cannot open file: Not a directory", uri);
+  expectIOError([&] { open(uri, 3, 2); }, CIOError::OpenFailed, "Cannot open file: Not a directory", uri);
+}
+
+// The check runs in a child process that gives up root (tests may run as root, who may open anything).
+TEST_F(LocalFileSystemTest, PermissionDeniedCarriesTheReason) {
+  testsupport::writeFile(dir.file("secret"), "x");
+  ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(dir.file("secret").c_str(), 0600), 0);
+  CURI uri = dir.uri("secret");
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(fds[0]);
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(2);
+    std::string report;
     try {
-      open(CURI(String(text)), 1);
-      FAIL() << text;
-    } catch (tal::CFileSystemError const& e) {
-      EXPECT_EQ(e.getProblem(), tal::CFileSystemError::NotSupported);
-      EXPECT_EQ(U(e.getMessage()), "CLocalFileSystem supports only local file: URIs.");
+      fs->openStream(uri, 1, 0);
+      report = "opened";
+    } catch (CIOError const& e) {
+      report = std::to_string(e.getCode()) + "|" + U(e.getMessage()) + "|" + U(e.getProps().get("uri"));
+    }
+    ssize_t written = ::write(fds[1], report.data(), report.size());
+    ::_exit(written == static_cast<ssize_t>(report.size()) ? 0 : 3);
+  }
+  ::close(fds[1]);
+  std::string report;
+  char buffer[512];
+  ssize_t n;
+  while ((n = ::read(fds[0], buffer, sizeof buffer)) > 0) report.append(buffer, static_cast<std::size_t>(n));
+  ::close(fds[0]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(report, "1|Cannot open file: Permission denied|" + U(uri.toString(true)));
+}
+
+TEST_F(LocalFileSystemTest, NonFileUrisAreRefused) {
+  for (char const* text : {"http://host/x", "file://otherhost/x", "mem:/x", "file:"}) {
+    CURI uri{String(text)};
+    expectNotSupported([&] { open(uri, 1); }, uri);
+    expectNotSupported([&] { open(uri, 3, 2); }, uri);
+    expectNotSupported([&] { fs->exists(uri); }, uri);
+    expectNotSupported([&] { fs->remove(uri); }, uri);
+  }
+}
+
+TEST_F(LocalFileSystemTest, LocalhostAndUpperCaseSchemeAreLocal) {
+  auto s = open(CURI(String::fromUTF8("file://localhost" + dir.path() + "/l")), 3, 2);
+  s->write("l", 1, nullptr);
+  s->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("l")), "l");
+  EXPECT_TRUE(fs->exists(CURI(String::fromUTF8("FILE://LOCALHOST" + dir.path() + "/l"))));
+}
+
+TEST_F(LocalFileSystemTest, OtherAccessModesAreInvalidArguments) {
+  testsupport::writeFile(dir.file("f"), "x");
+  for (int access : {0, 2, 4}) {
+    try {
+      open(dir.uri("f"), access);
+      ADD_FAILURE() << access;
+    } catch (tal::CInvalidArgError const& e) {
+      EXPECT_EQ(U(e.getMessage()), "Invalid argument passed to 'CLocalFileSystem::openStream': access must be 1 or 3.");
       EXPECT_EQ(e.getCode(), -1);
-      EXPECT_EQ(U(e.getProps().get("uri")), text);
-      EXPECT_EQ(U(e.getProps().get("fileSysProblem")), "6");
+      EXPECT_EQ(e.getProps().get("uri"), dir.uri("f").toString(true));
     }
   }
-  EXPECT_NO_THROW(open(CURI(String::fromUTF8("file://localhost" + dir.path() + "/l")), 3, 2)->close());
 }
 
-TEST_F(LocalFileSystemTest, ReadOnlyStreamRefusesWrites) {
+TEST_F(LocalFileSystemTest, ReadOnlyStreamRefusesWritesAndSetLength) {
   testsupport::writeFile(dir.file("r"), "abc");
-  auto in = open(dir.uri("r"), 1);
-  try {
-    in->write("x", 1, nullptr);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::WriteFailed);
-    EXPECT_EQ(U(e.getMessage()), "The stream is open for reading only");
+  CURI uri = dir.uri("r");
+  auto in = open(uri, 1);
+  expectIOError([&] { in->write("x", 1, nullptr); }, CIOError::WriteFailed, "The stream is open for reading only",
+                uri);
+  expectIOError([&] { in->setLength(0); }, CIOError::SetLengthFailed, "The stream is open for reading only", uri);
+  in->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("r")), "abc");
+}
+
+TEST_F(LocalFileSystemTest, ReadFailureCarriesTheReason) {
+  // Reading this process's memory at address 0 fails in the kernel with EIO.
+  CURI uri(String("file:///proc/self/mem"));
+  auto s = open(uri, 1);
+  char b[4];
+  expectIOError([&] { s->readLax(b, 4); }, CIOError::ReadFailed, "Cannot read file: Input/output error", uri);
+  expectIOError([&] { s->read(b, 4); }, CIOError::ReadFailed, "Cannot read file: Input/output error", uri);
+  EXPECT_EQ(s->getPosition(), 0);
+  s->close();
+}
+
+TEST_F(LocalFileSystemTest, WriteFailureSurfacesAtFlushAndAtClose) {
+  // The full device accepts no byte: ENOSPC.
+  CURI uri(String("file:///dev/full"));
+  auto s = open(uri, 3);
+  s->write("abc", 3, nullptr); // collected, not yet written
+  EXPECT_EQ(s->getLength(), 3);
+  expectIOError([&] { s->flush(); }, CIOError::WriteFailed, "Cannot write file: No space left on device", uri);
+  EXPECT_NO_THROW(s->createWriteBarrier(nullptr)); // the failed bytes are dropped: nothing is pending
+  s->write("d", 1, nullptr);
+  expectIOError([&] { s->createWriteBarrier(nullptr); }, CIOError::WriteFailed,
+                "Cannot write file: No space left on device", uri);
+  s->write("d", 1, nullptr);
+  expectIOError([&] { s->close(); }, CIOError::WriteFailed, "Cannot write file: No space left on device", uri);
+  expectIOError([&] { s->getPosition(); }, CIOError::StreamClosed, "Error: stream has been closed.", uri);
+}
+
+TEST_F(LocalFileSystemTest, SetLengthFailureCarriesTheReason) {
+  CURI uri = dir.uri("t");
+  auto s = open(uri, 3, 2);
+  expectIOError([&] { s->setLength(-1); }, CIOError::SetLengthFailed, "Cannot set file length: Invalid argument", uri);
+  s->close();
+  CURI full(String("file:///dev/full"));
+  auto device = open(full, 3);
+  expectIOError([&] { device->setLength(0); }, CIOError::SetLengthFailed, "Cannot set file length: Invalid argument",
+                full);
+}
+
+std::vector<std::string> g_reports;
+
+void recordReport(char const* className, std::exception& e, bool flag) {
+  auto const* error = dynamic_cast<CIOError*>(&e);
+  g_reports.push_back(std::string(className) + "|" + (flag ? "1" : "0") + "|" +
+                      (error ? std::to_string(error->getCode()) : std::string("?")) + "|" + e.what());
+}
+
+TEST_F(LocalFileSystemTest, DestructorClosesAndReportsAFailureItSwallows) {
+  g_reports.clear();
+  tal::DestructorExceptionHandler previous = tal::setDestructorExceptionHandler(&recordReport);
+  {
+    auto s = open(CURI(String("file:///dev/full")), 3);
+    s->write("x", 1, nullptr);
   }
-  EXPECT_THROW(in->setLength(0), CIOError);
+  {
+    auto s = open(dir.uri("ok"), 3, 2);
+    s->write("fine", 4, nullptr);
+  }
+  tal::setDestructorExceptionHandler(previous);
+  ASSERT_EQ(g_reports.size(), 1u);
+  EXPECT_EQ(g_reports[0], "tal::CLocalFileSystem::CStream|1|3|Cannot write file: No space left on device");
+  EXPECT_EQ(testsupport::readFile(dir.file("ok")), "fine");
 }
 
 TEST_F(LocalFileSystemTest, ReadPastEndIsUnexpectedEnd) {
   testsupport::writeFile(dir.file("short"), "abc");
-  auto in = open(dir.uri("short"), 1);
+  CURI uri = dir.uri("short");
+  auto in = open(uri, 1);
   char buffer[8];
-  try {
-    in->read(buffer, 8);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::UnexpectedEnd);
-    EXPECT_EQ(U(e.getMessage()), U(CIOError::getDefaultMessage(CIOError::UnexpectedEnd)));
-    EXPECT_EQ(e.getProps().get("uri"), dir.uri("short").toString(true));
-  }
-  in->seek(100);
-  EXPECT_EQ(in->readLax(buffer, 8), 0);
-  EXPECT_EQ(in->getPosition(), 100);
+  expectIOError([&] { in->read(buffer, 8); }, CIOError::UnexpectedEnd, "Unexpected end of data.", uri);
+  EXPECT_EQ(U(CIOError::getDefaultMessage(CIOError::UnexpectedEnd)), "Unexpected end of data.");
+  in->seek(0);
+  EXPECT_NO_THROW(in->read(buffer, 3));
+  EXPECT_EQ(std::string(buffer, 3), "abc");
+  EXPECT_NO_THROW(in->read(buffer, 0));
+}
+
+TEST_F(LocalFileSystemTest, SeekBeyondEndThenReadAndWrite) {
+  testsupport::writeFile(dir.file("s"), "abc");
+  CURI uri = dir.uri("s");
+  auto s = open(uri, 3);
+  s->seek(100);
+  EXPECT_EQ(s->getPosition(), 100);
+  EXPECT_TRUE(s->isEndOfStream());
+  char b[8];
+  EXPECT_EQ(s->readLax(b, 8), 0);
+  EXPECT_EQ(s->readAvailable(b, 8), 0);
+  expectIOError([&] { s->read(b, 1); }, CIOError::UnexpectedEnd, "Unexpected end of data.", uri);
+  EXPECT_EQ(s->getLength(), 3);
+  s->seek(6);
+  s->write("z", 1, nullptr);
+  EXPECT_EQ(s->getLength(), 7);
+  s->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("s")), std::string("abc\0\0\0z", 7));
 }
 
 TEST_F(LocalFileSystemTest, NegativePositionReadsAsPastTheEnd) {
-  auto s = open(dir.uri("s"), 3, 2);
+  CURI uri = dir.uri("s");
+  auto s = open(uri, 3, 2);
   s->write("abc", 3, nullptr);
-  s->seek(-1);
+  s->seek(-1); // what an unsigned offset of 2^64-1 becomes
   EXPECT_EQ(s->getPosition(), -1);
+  EXPECT_TRUE(s->isEndOfStream());
   char b[4];
   EXPECT_EQ(s->readLax(b, 4), 0);
-  try {
-    s->write("x", 1, nullptr);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::WriteFailed);
-    EXPECT_EQ(U(e.getMessage()), "Cannot write beyond the largest file offset");
-  }
+  expectIOError([&] { s->write("x", 1, nullptr); }, CIOError::WriteFailed,
+                "Cannot write beyond the largest file offset", uri);
   s->seek(1);
   EXPECT_EQ(s->readLax(b, 4), 2);
+  EXPECT_EQ(std::string(b, 2), "bc");
 }
 
-TEST_F(LocalFileSystemTest, EverythingAfterCloseIsStreamClosed) {
-  auto s = open(dir.uri("c"), 3, 2);
+TEST_F(LocalFileSystemTest, EverythingButGetUriAfterCloseIsStreamClosed) {
+  CURI uri = dir.uri("c");
+  auto s = open(uri, 3, 2);
   s->close();
   char b[1];
-  auto expectClosed = [&](auto&& call) {
-    try {
-      call();
-      ADD_FAILURE();
-    } catch (CIOError const& e) {
-      EXPECT_EQ(e.getCode(), CIOError::StreamClosed);
-      EXPECT_EQ(U(e.getMessage()), "Error: stream has been closed.");
-      EXPECT_EQ(e.getProps().get("uri"), dir.uri("c").toString(true));
-    }
+  std::vector<std::pair<char const*, std::function<void()>>> const calls = {
+      {"readLax", [&] { s->readLax(b, 1); }},
+      {"read", [&] { s->read(b, 1); }},
+      {"readAvailable", [&] { s->readAvailable(b, 1); }},
+      {"waitReadable", [&] { s->waitReadable(0); }},
+      {"isEndOfStream", [&] { s->isEndOfStream(); }},
+      {"isEndOfStream_NonBlocking", [&] { s->isEndOfStream_NonBlocking(); }},
+      {"write", [&] { s->write(b, 1, nullptr); }},
+      {"writeKeepBuffer", [&] { s->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(nullptr, 0, 0), nullptr); }},
+      {"createWriteBarrier", [&] { s->createWriteBarrier(nullptr); }},
+      {"flush", [&] { s->flush(); }},
+      {"setLength", [&] { s->setLength(0); }},
+      {"seek", [&] { s->seek(0); }},
+      {"getLength", [&] { s->getLength(); }},
+      {"getPosition", [&] { s->getPosition(); }},
+      {"lockRange", [&] { s->lockRange(0, 1, tal::IStreamBase::LockShared); }},
+      {"close", [&] { s->close(); }},
   };
-  expectClosed([&] { s->readLax(b, 1); });
-  expectClosed([&] { s->read(b, 1); });
-  expectClosed([&] { s->write(b, 1, nullptr); });
-  expectClosed([&] { s->seek(0); });
-  expectClosed([&] { s->getLength(); });
-  expectClosed([&] { s->getPosition(); });
-  expectClosed([&] { s->flush(); });
-  expectClosed([&] { s->close(); });
-  expectClosed([&] { s->waitReadable(0); });
-  expectClosed([&] { s->lockRange(0, 1, tal::IStreamBase::LockShared); });
-  EXPECT_EQ(s->getURI(), dir.uri("c"));
+  for (auto const& call : calls) {
+    SCOPED_TRACE(call.first);
+    expectIOError(call.second, CIOError::StreamClosed, "Error: stream has been closed.", uri);
+  }
+  EXPECT_EQ(s->getURI(), uri);
 }
 
 TEST_F(LocalFileSystemTest, LockRangeIsNotSupported) {
-  auto s = open(dir.uri("l"), 3, 2);
-  try {
-    s->lockRange(0, 1, tal::IStreamBase::LockExclusive);
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::LockNotSupported);
-    EXPECT_EQ(U(e.getMessage()), "");
-  }
+  CURI uri = dir.uri("l");
+  auto s = open(uri, 3, 2);
+  expectIOError([&] { s->lockRange(0, 1, tal::IStreamBase::LockExclusive); }, CIOError::LockNotSupported, "", uri);
+  expectIOError([&] { s->lockRange(0, 10, tal::IStreamBase::LockShared); }, CIOError::LockNotSupported, "", uri);
 }
 
-TEST_F(LocalFileSystemTest, LargeFileAndManySmallReads) {
-  std::string data;
-  for (int i = 0; i < 300000; ++i) data += static_cast<char>(i * 7 + i / 256);
+TEST_F(LocalFileSystemTest, WaitReadableAndNonBlockingEnd) {
+  testsupport::writeFile(dir.file("w"), "ab");
+  auto s = open(dir.uri("w"), 1);
+  EXPECT_TRUE(s->waitReadable(0));
+  EXPECT_TRUE(s->waitReadable(1000000));
+  EXPECT_EQ(s->isEndOfStream_NonBlocking(), 0);
+  EXPECT_FALSE(s->isEndOfStream());
+  char b[4];
+  EXPECT_EQ(s->readAvailable(b, 4), 2);
+  EXPECT_EQ(std::string(b, 2), "ab");
+  EXPECT_EQ(s->isEndOfStream_NonBlocking(), 1);
+  EXPECT_TRUE(s->waitReadable(0));
+}
+
+TEST_F(LocalFileSystemTest, FileLargerThanTheBufferAndManySmallReads) {
+  std::string const data = patterned(3 * tal::CLocalFileSystem::kBufferSize + 12345);
   auto out = open(dir.uri("big"), 3, 2);
   for (std::size_t at = 0; at < data.size(); at += 1000)
     out->write(data.data() + at, static_cast<int>(std::min<std::size_t>(1000, data.size() - at)), nullptr);
   out->close();
   ASSERT_EQ(testsupport::readFile(dir.file("big")), data);
   auto in = open(dir.uri("big"), 1);
+  EXPECT_EQ(in->getLength(), static_cast<long long>(data.size()));
   std::string back;
   char small[3];
   int n;
   while ((n = in->readLax(small, 3)) > 0) {
     back.append(small, static_cast<std::size_t>(n));
-    in->seek(in->getPosition()); // minizip seeks before reads: free and harmless
+    in->seek(in->getPosition()); // minizip seeks before reads
   }
   EXPECT_EQ(back, data);
-  in->seek(123457);
-  std::string big(200000, '\0');
-  in->read(&big[0], 100000);
-  EXPECT_EQ(big.substr(0, 100000), data.substr(123457, 100000));
+  in->seek(12345); // a read larger than the buffer, starting inside a buffered range
+  char one;
+  in->read(&one, 1);
+  std::string big(2 * tal::CLocalFileSystem::kBufferSize + 7, '\0');
+  in->read(&big[0], static_cast<int>(big.size()));
+  EXPECT_EQ(one, data[12345]);
+  EXPECT_EQ(big, data.substr(12346, big.size()));
+}
+
+TEST_F(LocalFileSystemTest, SeekInsideTheReadBufferKeepsIt) {
+  std::size_t const size = 2 * tal::CLocalFileSystem::kBufferSize;
+  testsupport::writeFile(dir.file("b"), std::string(size, 'A'));
+  auto in = open(dir.uri("b"), 1);
+  char c;
+  in->read(&c, 1);
+  EXPECT_EQ(c, 'A');
+  // Change the file behind the stream's back: what the stream already buffered does not change.
+  int fd = ::open(dir.file("b").c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  std::string const other(size, 'B');
+  ASSERT_EQ(::pwrite(fd, other.data(), other.size(), 0), static_cast<ssize_t>(size));
+  ::close(fd);
+  in->seek(in->getPosition());
+  in->read(&c, 1);
+  EXPECT_EQ(c, 'A');
+  in->seek(0);
+  in->read(&c, 1);
+  EXPECT_EQ(c, 'A');
+  in->seek(tal::CLocalFileSystem::kBufferSize - 1);
+  in->read(&c, 1);
+  EXPECT_EQ(c, 'A');
+  in->seek(tal::CLocalFileSystem::kBufferSize + 10); // outside: read again from the file
+  in->read(&c, 1);
+  EXPECT_EQ(c, 'B');
+}
+
+TEST_F(LocalFileSystemTest, WritesCollectUntilFlushAndGetLengthCountsThem) {
+  auto s = open(dir.uri("w"), 3, 2);
+  s->write("0123456789", 10, nullptr);
+  EXPECT_EQ(diskSize(dir.file("w")), 0);
+  EXPECT_EQ(s->getLength(), 10);
+  s->flush();
+  EXPECT_EQ(testsupport::readFile(dir.file("w")), "0123456789");
+  s->write("ab", 2, nullptr);
+  EXPECT_EQ(testsupport::readFile(dir.file("w")), "0123456789");
+  s->seek(0);
+  char b[12];
+  s->read(b, 12); // a read sees (and writes out) what was collected
+  EXPECT_EQ(std::string(b, 12), "0123456789ab");
+  EXPECT_EQ(testsupport::readFile(dir.file("w")), "0123456789ab");
+  std::string const large = patterned(tal::CLocalFileSystem::kBufferSize + 1);
+  s->write("x", 1, nullptr);
+  s->write(large.data(), static_cast<int>(large.size()), nullptr); // too large to collect: written at once
+  EXPECT_EQ(testsupport::readFile(dir.file("w")), "0123456789abx" + large);
+  s->close();
 }
 
 TEST_F(LocalFileSystemTest, WritesAfterSeekAndReadsSeeThem) {
@@ -223,12 +473,14 @@ TEST_F(LocalFileSystemTest, WritesAfterSeekAndReadsSeeThem) {
   EXPECT_EQ(s->getLength(), 21);
   s->setLength(5);
   EXPECT_EQ(s->getLength(), 5);
+  EXPECT_EQ(s->getPosition(), 21);
+  s->setLength(8);
   s->close();
-  EXPECT_EQ(testsupport::readFile(dir.file("rw")), "012ab");
+  EXPECT_EQ(testsupport::readFile(dir.file("rw")), std::string("012ab\0\0\0", 8));
 }
 
-TEST_F(LocalFileSystemTest, PathsWithSpecialCharacters) {
-  std::string name = "a b #1 %41 ?x caf\xC3\xA9.txt";
+TEST_F(LocalFileSystemTest, PathsWithSpacesHashPercentAndNonAscii) {
+  std::string const name = "a b #1 %41 ?x caf\xC3\xA9 \xE2\x82\xAC.txt";
   CURI uri = dir.uri(name);
   auto out = open(uri, 3, 2);
   out->write("x", 1, nullptr);
@@ -240,14 +492,36 @@ TEST_F(LocalFileSystemTest, PathsWithSpecialCharacters) {
   EXPECT_FALSE(fs->exists(uri));
 }
 
-TEST_F(LocalFileSystemTest, RemoveMissingFails) {
-  try {
-    fs->remove(dir.uri("none"));
-    FAIL();
-  } catch (CIOError const& e) {
-    EXPECT_EQ(e.getCode(), CIOError::DeleteFailed);
-    EXPECT_EQ(U(e.getMessage()), "Cannot delete file: No such file or directory");
-  }
+TEST_F(LocalFileSystemTest, PercentEncodedTextNamesTheDecodedPath) {
+  CURI uri(String::fromUTF8("file://" + dir.path() + "/a%20b%23c%25d%C3%A9"));
+  auto out = open(uri, 3, 2);
+  out->write("y", 1, nullptr);
+  out->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("a b#c%d\xC3\xA9")), "y");
+  auto in = open(dir.uri("a b#c%d\xC3\xA9"), 1);
+  EXPECT_EQ(in->getLength(), 1);
+}
+
+TEST_F(LocalFileSystemTest, ExistsAndRemove) {
+  testsupport::writeFile(dir.file("f"), "x");
+  EXPECT_TRUE(fs->exists(dir.uri("f")));
+  EXPECT_TRUE(fs->exists(dir.uri()));
+  EXPECT_FALSE(fs->exists(dir.uri("none")));
+  fs->remove(dir.uri("f"));
+  EXPECT_FALSE(fs->exists(dir.uri("f")));
+  expectIOError([&] { fs->remove(dir.uri("none")); }, CIOError::DeleteFailed,
+                "Cannot delete file: No such file or directory", dir.uri("none"));
+  expectIOError([&] { fs->remove(dir.uri()); }, CIOError::DeleteFailed, "Cannot delete file: Is a directory",
+                dir.uri());
+}
+
+TEST_F(LocalFileSystemTest, RemovedFileStaysReadableThroughAnOpenStream) {
+  testsupport::writeFile(dir.file("gone"), "still here");
+  auto in = open(dir.uri("gone"), 1);
+  fs->remove(dir.uri("gone"));
+  char b[10];
+  in->read(b, 10);
+  EXPECT_EQ(std::string(b, 10), "still here");
 }
 
 TEST_F(LocalFileSystemTest, WriteKeepBufferAndBarrier) {
@@ -257,10 +531,39 @@ TEST_F(LocalFileSystemTest, WriteKeepBufferAndBarrier) {
   std::memcpy(buffer->getData(), "abcdef", 6);
   s->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(buffer.get(), 1, 3), nullptr);
   s->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(nullptr, 0, 0), nullptr);
+  EXPECT_EQ(diskSize(dir.file("k")), 0);
   tal::P<tal::IWriteBarrier> barrier = s->createWriteBarrier(nullptr);
-  EXPECT_NE(barrier.get(), nullptr);
+  ASSERT_NE(barrier.get(), nullptr);
+  EXPECT_NE(dynamic_cast<tal::CDummyWriteBarrier*>(barrier.get()), nullptr);
   EXPECT_EQ(testsupport::readFile(dir.file("k")), "bcd"); // the barrier flushed
   s->close();
+}
+
+TEST(TempDirTest, MakesAUniqueFolderUnderTmpdirAndRemovesItWithItsContents) {
+  TempDir base;
+  char const* saved = std::getenv("TMPDIR");
+  std::string const savedText = saved ? saved : "";
+  ::setenv("TMPDIR", base.path().c_str(), 1);
+  std::string path;
+  {
+    TempDir a("unit");
+    TempDir b("unit");
+    EXPECT_NE(a.path(), b.path());
+    EXPECT_EQ(a.path().rfind(base.path() + "/unit.", 0), 0u);
+    path = a.path();
+    EXPECT_EQ(a.uri(), testsupport::fileURI(a.path()));
+    EXPECT_EQ(U(a.uri().getScheme()), "file");
+    EXPECT_EQ(U(a.uri("x y").getPath()), a.path() + "/x y");
+    EXPECT_EQ(a.file("x"), a.path() + "/x");
+    ASSERT_EQ(::mkdir(a.file("sub").c_str(), 0755), 0);
+    testsupport::writeFile(a.file("sub/f"), "data");
+  }
+  if (saved)
+    ::setenv("TMPDIR", savedText.c_str(), 1);
+  else
+    ::unsetenv("TMPDIR");
+  struct stat st;
+  EXPECT_NE(::stat(path.c_str(), &st), 0);
 }
 
 } // namespace
