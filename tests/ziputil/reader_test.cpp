@@ -218,6 +218,36 @@ TEST_F(ReaderTest, PasswordOpensUnencryptedEntriesToo) {
   EXPECT_EQ(readAll(*in), "plain text");
 }
 
+TEST_F(ReaderTest, OpenFailureNamesTheOpenCallThePasswordChose) {
+  // The local header's signature is broken: minizip refuses to open the entry
+  // (UNZ_BADZIPFILE). The reader's password alone decides which call was made.
+  testsupport::makeZip(dir.file("bad.zip"), {{"plain.txt", "plain text"}});
+  testsupport::runPython(R"(
+import sys
+data = bytearray(open(sys.argv[1], "rb").read())
+data[0:4] = b"XXXX"
+open(sys.argv[1], "wb").write(data)
+)",
+                         {dir.file("bad.zip")});
+  for (char const* password : {"", "secret"}) {
+    auto reader = tal::newObj<CZipReader>(fs.get(), dir.uri("bad.zip"), tal::String(password));
+    ASSERT_TRUE(reader->nextFile());
+    try {
+      reader->openCurrentFileStream();
+      FAIL();
+    } catch (tal::CFileSystemError const& e) {
+      EXPECT_EQ(typeid(e), typeid(tal::CFileSystemError));
+      EXPECT_EQ(e.getProblem(), tal::CFileSystemError::Unspecified);
+      std::string const expected = *password ? "unzOpenCurrentFilePassword failed" : "unzOpenCurrentFile failed";
+      EXPECT_EQ(utf8(e.getMessage()), expected);
+      EXPECT_EQ(e.getCode(), -1);
+      tal::CProps const props{{"uri", dir.uri("bad.zip").toString(true)}, {"result", "-103"}, {"fileSysProblem", "0"}};
+      EXPECT_EQ(e.getProps(), props);
+    }
+    EXPECT_FALSE(reader->nextFile()); // no stream was handed out, so the reader may move on
+  }
+}
+
 TEST_F(ReaderTest, ArchivePathsWithSpecialCharactersOnBothFileSystems) {
   std::string const name = "a b #1 %41 ?q caf\xC3\xA9.zip";
   testsupport::makeZip(dir.file(name), {{"e.txt", "content"}});
