@@ -198,11 +198,17 @@ int catEntry(Options const& options, std::string const& archive, std::string con
     std::fprintf(stderr, "ziputil: no entry \"%s\" in %s\n", entry.c_str(), archive.c_str());
     return 1;
   }
-  copyEntry(*reader, [](unsigned char const* data, std::size_t size) {
+  unsigned long const crc = copyEntry(*reader, [](unsigned char const* data, std::size_t size) {
     if (std::fwrite(data, 1, size, stdout) != size) throw std::runtime_error("cannot write to standard output");
   });
+  int status = std::fflush(stdout) == 0 ? 0 : 1;
+  if (crc != reader->getCurrentFileCRC32()) {
+    std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", entry.c_str(), crc,
+                 reader->getCurrentFileCRC32());
+    status = 1;
+  }
   reader->close();
-  return std::fflush(stdout) == 0 ? 0 : 1;
+  return status;
 }
 
 int extractArchive(Options const& options, std::string const& archive, std::string const& folder) {
