@@ -57,7 +57,8 @@ CZipWriter::~CZipWriter() {
 
 void CZipWriter::checkCanBegin(tal::CURI const& relativeURIInArchive) const {
   if (!m_state)
-    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), tal::uriProps(m_archiveURI), nullptr);
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"),
+                        tal::uriProps(m_archiveURI), nullptr);
   if (m_entryOpen)
     throw tal::CError(
         tal::String("Internal error: CZipWriter::beginAddFile called before previous added file was finished."),
@@ -101,8 +102,8 @@ void CZipWriter::close() {
   tal::P<tal::CError> bridgeError = result == ZIP_OK ? tal::P<tal::CError>() : m_state->bridge.getLastError();
   m_state.reset();
   if (result == ZIP_OK) return;
-  tal::CError const fallback(tal::String("zipClose failed"), tal::String(), -1, minizipFailureProps(m_archiveURI, result),
-                             nullptr);
+  tal::CError const fallback(tal::String("zipClose failed"), tal::String(), -1,
+                             minizipFailureProps(m_archiveURI, result), nullptr);
   throwMinizipFailure(bridgeError, result, fallback);
 }
 

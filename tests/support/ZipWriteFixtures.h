@@ -22,3 +22,30 @@ void addEntry(ziputil::CZipWriter& writer, std::string const& name, std::string 
 std::string describeWithPython(std::string const& archivePath);
 
 } // namespace testsupport
+
+#include <cstdint>
+#include <vector>
+
+namespace testsupport {
+
+/// One entry as its headers store it, read straight from the archive's bytes.
+struct RawEntry {
+  std::string name;
+  std::uint16_t versionMadeBy = 0;
+  std::uint16_t localFlags = 0, centralFlags = 0;
+  std::uint16_t localMethod = 0, centralMethod = 0;
+  std::uint16_t localTime = 0, localDate = 0, centralTime = 0, centralDate = 0;
+  std::vector<std::uint16_t> localExtraIds, centralExtraIds; // header IDs of the extra fields
+  std::uint16_t commentLength = 0;
+  std::uint16_t internalAttributes = 0;
+  std::uint32_t externalAttributes = 0;
+  std::uint32_t crc = 0;
+  std::uint64_t compressedSize = 0, uncompressedSize = 0;
+  std::string data; // the stored (compressed, perhaps encrypted) bytes
+};
+
+/// The entries of an archive of less than 4 GiB, walked through its central directory; the archive comment's
+/// length goes to `commentLength` when given. Throws std::runtime_error on a malformed archive.
+std::vector<RawEntry> parseArchive(std::string const& bytes, std::uint16_t* commentLength = nullptr);
+
+} // namespace testsupport

@@ -1,5 +1,6 @@
 #include "ziputil/CZipWriter.h"
 
+#include "support/FaultyFileSystem.h"
 #include "support/ZipFixtures.h"
 #include "support/ZipWriteFixtures.h"
 #include "tal/MemoryFileSystem.h"
@@ -116,6 +117,8 @@ TEST_F(OutStreamTest, AfterCloseEverythingButGetUriAndCloseIsStreamClosed) {
       EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
       EXPECT_EQ(utf8(e.getMessage()), "Error: stream has been closed.");
       EXPECT_TRUE(e.getProps().empty());
+      EXPECT_EQ(utf8(e.getContext()), "IO");
+      EXPECT_EQ(e.getCause(), nullptr);
     }
   };
   expectClosed([&] { out->write("x", 1, nullptr); });
@@ -159,6 +162,99 @@ TEST_F(OutStreamTest, FailureInTheDestructorIsReportedNotThrown) {
   tal::setDestructorExceptionHandler(previous);
   EXPECT_EQ(Seen::classes(), "drel::CZipWriter::CFileInZipOutStream");
   EXPECT_EQ(Seen::messages(), "Cannot close file in ZIP archive - archive has already been closed");
+}
+
+/// A writer over a file system that counts and fails I/O calls.
+class FaultyOutStreamTest : public ::testing::Test {
+protected:
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
+  tal::CURI uri{tal::String("mem:/faulty.zip")};
+  tal::P<ziputil::CZipWriter> writer = testsupport::newArchiveWriter(faulty.get(), uri, "", 0);
+  tal::P<tal::IOutStream> out = writer->beginAddFile(entryURI("e"), tal::CTimeFields());
+};
+
+TEST_F(FaultyOutStreamTest, FailedWriteLeavesPositionAndLengthUnchanged) {
+  out->write("0123456789", 10, nullptr);
+  // At level 0 minizip hands its 64 KiB buffer to the file system once it is full: that write fails.
+  faulty->failNth(testsupport::CFaultyFileSystem::Write, faulty->count(testsupport::CFaultyFileSystem::Write) + 1);
+  std::string const chunk(10000, 'b');
+  long long before = -1;
+  bool failed = false;
+  for (int i = 0; i < 100 && !failed; ++i) {
+    before = out->getPosition();
+    try {
+      out->write(chunk.data(), static_cast<int>(chunk.size()), nullptr);
+    } catch (testsupport::CInjectedError const& e) { // the file system's own error, unchanged
+      failed = true;
+      auto const expected = testsupport::CFaultyFileSystem::injectedError(
+          testsupport::CFaultyFileSystem::Write, faulty->count(testsupport::CFaultyFileSystem::Write), uri);
+      EXPECT_EQ(e.getCode(), expected.getCode());
+      EXPECT_EQ(e.getMessage(), expected.getMessage());
+      EXPECT_EQ(e.getProps(), expected.getProps());
+    }
+  }
+  ASSERT_TRUE(failed);
+  EXPECT_GT(before, 10);
+  EXPECT_TRUE(faulty->fired());
+  EXPECT_EQ(out->getPosition(), before);
+  EXPECT_EQ(out->getLength(), before);
+  try {
+    out->close();
+  } catch (tal::CError const&) {
+    // the entry may fail to finish after the lost write
+  }
+  EXPECT_THROW(out->getPosition(), tal::CIOError); // closed either way
+  writer->close();
+}
+
+TEST_F(FaultyOutStreamTest, BarriersAndFlushWriteNothing) {
+  out->write("abc", 3, nullptr);
+  long long const writes = faulty->count(testsupport::CFaultyFileSystem::Write);
+  long long const seeks = faulty->count(testsupport::CFaultyFileSystem::Seek);
+  tal::P<tal::IWriteBarrier> first = out->createWriteBarrier(nullptr);
+  tal::P<tal::IWriteBarrier> second = out->createWriteBarrier(nullptr);
+  out->flush();
+  EXPECT_NE(first.get(), second.get());
+  EXPECT_NE(dynamic_cast<tal::CDummyWriteBarrier*>(second.get()), nullptr);
+  EXPECT_EQ(faulty->count(testsupport::CFaultyFileSystem::Write), writes);
+  EXPECT_EQ(faulty->count(testsupport::CFaultyFileSystem::Seek), seeks);
+  out->close();
+  writer->close();
+}
+
+TEST_F(OutStreamTest, EmptySliceStillReachesTheArchive) {
+  // The empty slice goes to write (and so to minizip) like any other: once the archive is closed it fails
+  // as a write does.
+  writer->close();
+  try {
+    out->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(), nullptr);
+    FAIL();
+  } catch (tal::CFileSystemError const& e) {
+    EXPECT_EQ(e.getProblem(), tal::CFileSystemError::Unspecified);
+    EXPECT_EQ(e.getCode(), tal::CIOError::WriteFailed);
+    EXPECT_EQ(utf8(e.getMessage()), "Cannot write file in ZIP archive - archive has already been closed");
+    EXPECT_EQ(utf8(e.getContext()), "IO");
+    EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", tal::String(entryText.c_str())}, {"fileSysProblem", "0"}}));
+  }
+  EXPECT_NO_THROW(out->close()); // the failed write closed the stream: close is quiet
+}
+
+TEST_F(OutStreamTest, CloseAfterTheArchiveClosedReportsItOnce) {
+  out->write("x", 1, nullptr);
+  writer->close();
+  try {
+    out->close();
+    FAIL();
+  } catch (tal::CFileSystemError const& e) {
+    EXPECT_EQ(e.getProblem(), tal::CFileSystemError::Unspecified);
+    EXPECT_EQ(e.getCode(), tal::CIOError::WriteFailed);
+    EXPECT_EQ(utf8(e.getMessage()), "Cannot close file in ZIP archive - archive has already been closed");
+    EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", tal::String(entryText.c_str())}, {"fileSysProblem", "0"}}));
+  }
+  EXPECT_NO_THROW(out->close());
+  EXPECT_THROW(out->write("y", 1, nullptr), tal::CIOError);
+  EXPECT_EQ(entryBytes("dir/e #1.txt"), "x"); // the writer's close finished the entry
 }
 
 } // namespace

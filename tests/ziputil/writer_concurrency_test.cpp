@@ -38,6 +38,9 @@ TEST(WriterConcurrencyTest, ThreadsTakeTurnsAndEveryEntryArrivesIntact) {
             if (utf8(e.getMessage()) !=
                 "Internal error: CZipWriter::beginAddFile called before previous added file was finished.")
               throw;
+            EXPECT_EQ(typeid(e), typeid(tal::CError));
+            EXPECT_EQ(e.getCode(), -1);
+            EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", uri.toString(true)}}));
             ++retries;
             tal::threadYield(true);
           }

@@ -8,6 +8,9 @@
 #include "ziputil/CZipReader.h"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <vector>
 
 using testsupport::addEntry;
 using testsupport::runPython;
@@ -65,19 +68,25 @@ TEST_F(WriterInteropTest, TreeWithEmptyFilesAtLevelsZeroAndNine) {
 TEST_F(WriterInteropTest, Utf8NamesReadByPythonAndTestedByUnzip) {
   auto writer = testsupport::newArchiveWriter(fs.get(), dir.uri("utf8.zip"));
   addEntry(*writer, "caf\xC3\xA9/\xE2\x82\xAC uro.txt", "euro");
+  addEntry(*writer, "\xE6\x97\xA5\xE6\x9C\xAC #2.txt", std::string(5000, 'j'));
+  addEntry(*writer, "plain.txt", "");
   writer->close();
-  EXPECT_EQ(runPython("import zipfile,sys; z=zipfile.ZipFile(sys.argv[1]); print(z.namelist()[0], z.read(z.namelist()[0]).decode())",
+  EXPECT_EQ(runPython("import zipfile,sys; z=zipfile.ZipFile(sys.argv[1]);"
+                      " print(z.namelist()[0], z.read(z.namelist()[0]).decode())",
                       {dir.file("utf8.zip")}),
             "caf\xC3\xA9/\xE2\x82\xAC uro.txt euro\n");
-  EXPECT_EQ(pythonCheck(dir.file("utf8.zip")), "1\n");
+  EXPECT_EQ(pythonCheck(dir.file("utf8.zip")), "3\n");
   // Info-ZIP unzip 6.0 takes version-made-by 0 as MS-DOS, converts the central
-  // name from code page 437 and then warns that the local name differs
-  // (exit status 1); the entry itself tests OK.
+  // names from code page 437 and then warns that the local names differ
+  // (exit status 1); every entry itself tests OK.
   std::string output;
   EXPECT_EQ(unzipTest(dir.file("utf8.zip"), &output), 1) << output;
   EXPECT_NE(output.find("mismatching \"local\" filename"), std::string::npos) << output;
-  EXPECT_NE(output.find(" OK"), std::string::npos) << output;
+  int ok = 0;
+  for (std::size_t at = output.find("   OK"); at != std::string::npos; at = output.find("   OK", at + 1)) ++ok;
+  EXPECT_EQ(ok, 3) << output;
   EXPECT_EQ(output.find("bad CRC"), std::string::npos) << output;
+  EXPECT_NE(output.find("At least one warning-error was detected"), std::string::npos) << output; // warnings only
 }
 
 TEST_F(WriterInteropTest, PasswordEntriesAndOtherTools) {
@@ -110,6 +119,54 @@ except RuntimeError as e:
   EXPECT_EQ(std::string(text, 11), "secret text");
 }
 
+TEST_F(WriterInteropTest, PasswordCheckByteIsZero) {
+  // Data whose CRC's high byte happens to be 0 matches the zero check byte: other tools then take the password.
+  std::string lucky;
+  for (int i = 0;; ++i) {
+    lucky = "lucky data " + std::to_string(i);
+    if ((crc32(0, reinterpret_cast<Bytef const*>(lucky.data()), static_cast<uInt>(lucky.size())) >> 24) == 0) break;
+  }
+  std::string const unlucky = "secret text";
+  ASSERT_NE(crc32(0, reinterpret_cast<Bytef const*>(unlucky.data()), static_cast<uInt>(unlucky.size())) >> 24, 0u);
+  auto writer = testsupport::newArchiveWriter(fs.get(), dir.uri("check.zip"), "pw");
+  addEntry(*writer, "lucky.txt", lucky);
+  addEntry(*writer, "unlucky.txt", unlucky);
+  writer->close();
+  // The decrypted 12-byte encryption header ends in the two high bytes of crcForCrypting: 0 and 0.
+  EXPECT_EQ(runPython(R"(
+import sys, zipfile
+z = zipfile.ZipFile(sys.argv[1])
+raw = open(sys.argv[1], "rb").read()
+for info in z.infolist():
+    n, e = __import__("struct").unpack_from("<HH", raw, info.header_offset + 26)
+    start = info.header_offset + 30 + n + e
+    header = zipfile._ZipDecrypter(b"pw")(raw[start:start + 12])
+    try:
+        text = z.read(info.filename, pwd=b"pw").decode()
+    except RuntimeError as error:
+        text = "refused"
+    print(info.filename, header[10], header[11], text)
+)",
+                      {dir.file("check.zip")}),
+            "lucky.txt 0 0 " + lucky + "\nunlucky.txt 0 0 refused\n");
+  std::string output;
+  EXPECT_NE(unzipTest(dir.file("check.zip"), &output, "pw"), 0) << output;
+  EXPECT_NE(output.find("testing: lucky.txt"), std::string::npos) << output;
+  EXPECT_NE(output.find("OK"), std::string::npos) << output;
+  EXPECT_NE(output.find("unlucky.txt"), std::string::npos) << output;
+  EXPECT_NE(output.find("incorrect password"), std::string::npos) << output;
+  // The reader of this library reads both.
+  auto reader = tal::newObj<ziputil::CZipReader>(fs.get(), dir.uri("check.zip"), tal::String("pw"));
+  for (std::string const& expected : {lucky, unlucky}) {
+    ASSERT_TRUE(reader->nextFile());
+    auto in = reader->openCurrentFileStream();
+    std::string data(expected.size(), '\0');
+    in->read(&data[0], static_cast<int>(data.size()));
+    EXPECT_EQ(data, expected);
+    in->close();
+  }
+}
+
 TEST_F(WriterInteropTest, AddingToArchivesOfOtherTools) {
   testsupport::writeFile(dir.file("src.txt"), "made by another tool");
   std::string const cd = "cd " + shellQuote(dir.path()) + " && ";
@@ -133,6 +190,16 @@ print(z.namelist(), z.read("src.txt").decode(), "/", z.read("added.txt").decode(
               "['src.txt', 'added.txt'] made by another tool / added by the writer\n");
     std::string output;
     EXPECT_EQ(unzipTest(dir.file(archive), &output), 0) << output;
+    auto reader = tal::newObj<ziputil::CZipReader>(fs.get(), dir.uri(archive), tal::String());
+    std::vector<std::string> seen;
+    while (reader->nextFile()) {
+      auto in = reader->openCurrentFileStream();
+      std::string data(static_cast<std::size_t>(reader->getCurrentFileUncompressedSize()), '\0');
+      in->read(&data[0], static_cast<int>(data.size()));
+      in->close();
+      seen.push_back(utf8(reader->getCurrentFileRelativeURI().getPath()) + "=" + data);
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"src.txt=made by another tool", "added.txt=added by the writer"}));
   }
 }
 

@@ -1,5 +1,5 @@
 // One entry larger than 4 GiB written through the local file system, then
-// checked by Info-ZIP unzip and read back through the reader.
+// checked by Info-ZIP unzip and Python's zipfile and read back through the reader.
 #include "ziputil/CZipWriter.h"
 
 #include "support/TempDir.h"
@@ -10,12 +10,19 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <cstdio>
 #include <vector>
 
 namespace {
 
 constexpr long long kEntrySize = (4LL << 30) + 12345; // past 4 GiB
 constexpr int kChunk = 4 << 20;
+
+std::string hex8(unsigned long value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%08lx", value);
+  return text;
+}
 
 /// Compressible but not trivial: a 64 KiB pattern with the chunk number mixed in.
 void fillChunk(std::vector<unsigned char>& chunk, long long index) {
@@ -64,6 +71,18 @@ TEST(WriterLargeEntryTest, EntryBeyondFourGiB) {
   }
   EXPECT_EQ(total, kEntrySize);
   EXPECT_EQ(readCrc, crc);
+  in->close();
+  reader->close();
+
+  EXPECT_EQ(testsupport::runPython(R"(
+import sys, zipfile
+info = zipfile.ZipFile(sys.argv[1]).getinfo("large.bin")
+print(info.file_size, info.compress_type, "%08x" % info.CRC, info.compress_size < info.file_size // 10)
+)",
+                                   {dir.file("large.zip")}),
+            std::to_string(kEntrySize) + " 8 " + hex8(crc) + " True\n");
+  ASSERT_EQ(std::remove(dir.file("large.zip").c_str()), 0);
+  EXPECT_FALSE(fs->exists(uri));
 }
 
 } // namespace

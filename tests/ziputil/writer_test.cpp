@@ -1,5 +1,6 @@
 #include "ziputil/CZipWriter.h"
 
+#include "support/FaultyFileSystem.h"
 #include "support/TempDir.h"
 #include "support/ZipFixtures.h"
 #include "support/ZipWriteFixtures.h"
@@ -8,6 +9,7 @@
 #include "ziputil/CZipReader.h"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <sstream>
 
@@ -46,7 +48,41 @@ TEST_F(WriterTest, SecondCloseIsQuietAndBeginAfterCloseIsStreamClosedFirst) {
     EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
     EXPECT_EQ(utf8(e.getMessage()), "ZIP file already closed");
     EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", uri.toString(true)}}));
+    EXPECT_EQ(utf8(e.getContext()), "IO");
+    EXPECT_EQ(e.getCause(), nullptr);
   }
+  writer->close(); // still quiet
+}
+
+namespace destructorReport {
+std::string classes, messages;
+void handler(char const* className, std::exception& e, bool) {
+  classes += className;
+  classes += ";";
+  messages += e.what();
+  messages += ";";
+}
+} // namespace destructorReport
+
+TEST_F(WriterTest, DestructorReportsAFailedCloseAndDoesNotThrow) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
+  tal::CURI const archive(tal::String("mem:/dtor.zip"));
+  auto writer = testsupport::newArchiveWriter(faulty.get(), archive);
+  addEntry(*writer, "a", "a");
+  faulty->reset();
+  faulty->failNth(testsupport::CFaultyFileSystem::Close, 1); // the archive stream's close at zipClose
+  destructorReport::classes.clear();
+  destructorReport::messages.clear();
+  auto previous = tal::setDestructorExceptionHandler(&destructorReport::handler);
+  EXPECT_NO_THROW(writer = nullptr);
+  tal::setDestructorExceptionHandler(previous);
+  EXPECT_TRUE(faulty->fired());
+  EXPECT_EQ(destructorReport::classes, "ziputil::CZipWriter;");
+  EXPECT_EQ(destructorReport::messages,
+            utf8(testsupport::CFaultyFileSystem::injectedError(testsupport::CFaultyFileSystem::Close, 1, archive)
+                     .getMessage()) +
+                ";");
 }
 
 TEST_F(WriterTest, OneEntryAtATime) {
@@ -68,7 +104,8 @@ TEST_F(WriterTest, OneEntryAtATime) {
   first->close();
   addEntry(*writer, "second", "2");
   writer->close();
-  EXPECT_EQ(testsupport::runPython("import zipfile,sys; z=zipfile.ZipFile(sys.argv[1]); print(z.read('first').decode(), z.read('second').decode())",
+  EXPECT_EQ(testsupport::runPython("import zipfile,sys; z=zipfile.ZipFile(sys.argv[1]);"
+                                   " print(z.read('first').decode(), z.read('second').decode())",
                                    {dir.file("w.zip")}),
             "12345678 2\n");
 }
@@ -237,6 +274,188 @@ TEST_F(WriterTest, CreateEmptyArchiveReplacesTheFile) {
   EXPECT_THROW(ziputil::createEmptyArchive(fs.get(), dir.uri("no/such/dir.zip")), tal::CIOError);
 }
 
+/// Raw deflate of `data` as zlib makes it with the writer's parameters (window bits -15, memory level 8, default
+/// strategy) at `level`.
+std::string rawDeflate(std::string const& data, int level) {
+  z_stream stream{};
+  EXPECT_EQ(deflateInit2(&stream, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  std::string result(deflateBound(&stream, static_cast<uLong>(data.size())) + 16, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  stream.avail_in = static_cast<uInt>(data.size());
+  stream.next_out = reinterpret_cast<Bytef*>(&result[0]);
+  stream.avail_out = static_cast<uInt>(result.size());
+  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+  result.resize(stream.total_out);
+  deflateEnd(&stream);
+  return result;
+}
+
+/// Whether `data` is raw deflate data made of stored blocks only (as zlib makes at level 0) that inflates to
+/// `expected`.
+bool inflatesToStoredBlocks(std::string const& data, std::string const& expected) {
+  std::size_t at = 0;
+  for (bool last = false; !last;) { // stored blocks are byte-aligned: header byte, LEN, NLEN, bytes
+    if (at + 5 > data.size()) return false;
+    unsigned char const header = static_cast<unsigned char>(data[at]);
+    if ((header >> 1 & 3) != 0) return false;
+    last = header & 1;
+    std::size_t const length = static_cast<unsigned char>(data[at + 1]) | static_cast<unsigned char>(data[at + 2]) << 8;
+    at += 5 + length;
+  }
+  if (at != data.size()) return false;
+  z_stream stream{};
+  if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return false;
+  std::string result(expected.size() + 1, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  stream.avail_in = static_cast<uInt>(data.size());
+  stream.next_out = reinterpret_cast<Bytef*>(&result[0]);
+  stream.avail_out = static_cast<uInt>(result.size());
+  int const status = inflate(&stream, Z_FINISH);
+  result.resize(stream.total_out);
+  inflateEnd(&stream);
+  return status == Z_STREAM_END && result == expected;
+}
+
+/// Text that compresses differently at every level.
+std::string wordySample() {
+  static char const* const words[] = {"alpha ", "beta ", "gamma ", "delta ", "epsilon ", "zeta ", "eta ", "theta "};
+  std::string text;
+  unsigned state = 12345;
+  while (text.size() < 40000) {
+    state = state * 1103515245u + 12345u;
+    text += words[(state >> 16) % 8];
+    if ((state >> 8) % 5 == 0) text += std::to_string(state % 1000);
+  }
+  return text;
+}
+
+TEST_F(WriterTest, HeadersCarryTheFixedEntryParameters) {
+  std::string const sample = wordySample();
+  auto writer = testsupport::newArchiveWriter(fs.get(), uri, "", 0);
+  addEntry(*writer, "dated", sample, tal::CTimeFields(2015, 3, 7, 14, 5, 9, 0.0, 0, false));
+  addEntry(*writer, "undated", "");
+  writer->close();
+  std::uint16_t archiveComment = 99;
+  auto const entries = testsupport::parseArchive(testsupport::readFile(dir.file("w.zip")), &archiveComment);
+  EXPECT_EQ(archiveComment, 0);
+  ASSERT_EQ(entries.size(), 2u);
+  for (auto const& entry : entries) {
+    SCOPED_TRACE(entry.name);
+    EXPECT_EQ(entry.versionMadeBy, 0);
+    EXPECT_EQ(entry.localFlags, 0x800);   // UTF-8 names, no encryption, no data descriptor
+    EXPECT_EQ(entry.centralFlags, 0x800);
+    EXPECT_EQ(entry.localMethod, 8);      // deflated also at level 0
+    EXPECT_EQ(entry.centralMethod, 8);
+    ASSERT_FALSE(entry.localExtraIds.empty());
+    EXPECT_EQ(entry.localExtraIds[0], 0x0001); // Zip64 extra field in every local header
+    EXPECT_EQ(entry.commentLength, 0);
+    EXPECT_EQ(entry.internalAttributes, 0);
+    EXPECT_EQ(entry.externalAttributes, 0u);
+    EXPECT_EQ(entry.localTime, entry.centralTime);
+    EXPECT_EQ(entry.localDate, entry.centralDate);
+  }
+  // 2015-03-07 14:05:09: tm_year 2015, tm_mon 2, tm_mday 7, tm_hour 14, tm_min 5, tm_sec 9; minizip stores the
+  // month as tm_mon + 1 and the seconds halved.
+  EXPECT_EQ(entries[0].localTime, (14 << 11) | (5 << 5) | (9 / 2));
+  EXPECT_EQ(entries[0].localDate, ((2015 - 1980) << 9) | (3 << 5) | 7);
+  // A default time leaves every tm field zero: DOS time 0, and a date whose only bit is minizip's tm_mon + 1.
+  EXPECT_EQ(entries[1].localTime, 0);
+  EXPECT_EQ(entries[1].localDate, 1 << 5);
+  // Level 0 with method 8: deflate data made of stored blocks only.
+  EXPECT_TRUE(inflatesToStoredBlocks(entries[0].data, sample));
+  EXPECT_EQ(entries[0].uncompressedSize, sample.size());
+  EXPECT_TRUE(inflatesToStoredBlocks(entries[1].data, ""));
+}
+
+TEST_F(WriterTest, LevelReachesZlibUnchanged) {
+  std::string const sample = wordySample();
+  ASSERT_NE(rawDeflate(sample, 1), rawDeflate(sample, 9)); // the sample tells the levels apart
+  ASSERT_NE(rawDeflate(sample, 1), rawDeflate(sample, 6));
+  for (int level : {-1, 0, 1, 2, 6, 9}) {
+    SCOPED_TRACE(level);
+    auto writer = testsupport::newArchiveWriter(fs.get(), uri, "", level);
+    addEntry(*writer, "sample.txt", sample);
+    writer->close();
+    auto const entries = testsupport::parseArchive(testsupport::readFile(dir.file("w.zip")));
+    ASSERT_EQ(entries.size(), 1u);
+    if (level == 0) {
+      EXPECT_TRUE(inflatesToStoredBlocks(entries[0].data, sample));
+    } else {
+      std::string const expected = rawDeflate(sample, level);
+      EXPECT_EQ(entries[0].data.size(), expected.size());
+      EXPECT_TRUE(entries[0].data == expected);
+    }
+    EXPECT_EQ(entries[0].crc,
+              crc32(0, reinterpret_cast<Bytef const*>(sample.data()), static_cast<uInt>(sample.size())));
+  }
+}
+
+TEST_F(WriterTest, PasswordAddsTheEncryptionFlagAndHeader) {
+  std::string const sample = wordySample();
+  auto writer = testsupport::newArchiveWriter(fs.get(), uri, "pw", 6);
+  addEntry(*writer, "secret", sample);
+  addEntry(*writer, "empty", "");
+  writer->close();
+  auto const entries = testsupport::parseArchive(testsupport::readFile(dir.file("w.zip")));
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].localFlags, 0x801);
+  EXPECT_EQ(entries[0].centralFlags, 0x801);
+  EXPECT_EQ(entries[1].localFlags, 0x801); // also an empty entry is encrypted
+  // The 12-byte encryption header comes before the encrypted deflate data.
+  EXPECT_EQ(entries[0].compressedSize, rawDeflate(sample, 6).size() + 12);
+  EXPECT_FALSE(entries[0].data.substr(12) == rawDeflate(sample, 6));
+  EXPECT_EQ(entries[1].compressedSize, rawDeflate("", 6).size() + 12);
+}
+
+TEST_F(WriterTest, InvalidNameDoesNotReachTheArchive) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::P<testsupport::CFaultyFileSystem> counting = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
+  tal::CURI const archive(tal::String("mem:/invalid.zip"));
+  auto writer = testsupport::newArchiveWriter(counting.get(), archive);
+  std::string const before = memory->getFile(archive);
+  counting->reset();
+  for (tal::CURI const& bad :
+       {tal::CURI(), tal::CURI(tal::String("mem:/other.zip")), tal::CURI(tal::String("x:rel"))}) {
+    try {
+      writer->beginAddFile(bad, tal::CTimeFields());
+      FAIL() << utf8(bad.toString(true));
+    } catch (tal::CInvalidArgError const& e) {
+      EXPECT_EQ(typeid(e), typeid(tal::CInvalidArgError));
+      EXPECT_EQ(utf8(e.getContext()), "");
+      EXPECT_EQ(e.getCause(), nullptr);
+    }
+  }
+  for (int op = 0; op < testsupport::CFaultyFileSystem::OpCount; ++op)
+    EXPECT_EQ(counting->count(static_cast<testsupport::CFaultyFileSystem::Op>(op)), 0) << op; // minizip not called
+  // A rooted relative reference is not absolute: it is taken, and its leading slash is kept.
+  addEntry(*writer, "/rooted/x", "r");
+  writer->close();
+  auto const entries = testsupport::parseArchive(memory->getFile(archive));
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].name, "/rooted/x");
+}
+
+TEST_F(WriterTest, OpeningAMissingFileGivesTheFileSystemsError) {
+  tal::CURI const missing = dir.uri("missing.zip");
+  std::string expected;
+  try {
+    fs->openStream(missing, 3, 0); // what the bridge asks for
+    FAIL();
+  } catch (tal::CError const& e) {
+    expected = std::string(typeid(e).name()) + "|" + std::to_string(e.getCode()) + "|" + utf8(e.getMessage()) + "|" +
+               utf8(e.getProps().get("uri"));
+  }
+  try {
+    tal::newObj<CZipWriter>(fs.get(), missing, tal::String(), CZipWriter::CompDefault);
+    FAIL();
+  } catch (tal::CError const& e) {
+    EXPECT_EQ(std::string(typeid(e).name()) + "|" + std::to_string(e.getCode()) + "|" + utf8(e.getMessage()) + "|" +
+                  utf8(e.getProps().get("uri")),
+              expected);
+  }
+  EXPECT_FALSE(fs->exists(missing)); // not created
+}
+
 struct RoundTripCase {
   bool memory;
   char const* password;
@@ -259,7 +478,10 @@ TEST_P(WriterRoundTripTest, ReaderReadsBackExactly) {
   std::string big;
   for (int i = 0; i < 300000; ++i) big += static_cast<char>((i * 31) ^ (i >> 5));
   std::vector<std::pair<std::string, std::string>> const entries{
-      {"docs/readme.txt", "hello"}, {"empty", ""}, {"sp ace #1?%41.bin", big}, {"caf\xC3\xA9/\xE2\x82\xAC.txt", "euro"}};
+      {"docs/readme.txt", "hello"},
+      {"empty", ""},
+      {"sp ace #1?%41.bin", big},
+      {"caf\xC3\xA9/\xE2\x82\xAC.txt", "euro"}};
   tal::CTimeFields const time(2024, 2, 29, 23, 59, 58, 0.0, 0, false);
   {
     auto writer = testsupport::newArchiveWriter(fs.get(), uri, GetParam().password, GetParam().level);
@@ -287,14 +509,28 @@ TEST_P(WriterRoundTripTest, ReaderReadsBackExactly) {
   }
   EXPECT_FALSE(reader->nextFile());
   if (*GetParam().password) {
+    // The encryption header is random, and the reader accepts three of the 256 values of its check byte, so now and
+    // then a wrong password gets past the open; it never gives back the entry's bytes.
     auto wrong = tal::newObj<CZipReader>(fs.get(), uri, tal::String("wrong"));
     ASSERT_TRUE(wrong->nextFile());
+    tal::P<tal::IInStream> in;
     try {
-      wrong->openCurrentFileStream();
-      FAIL();
+      in = wrong->openCurrentFileStream();
     } catch (tal::CFileSystemError const& e) {
       EXPECT_EQ(utf8(e.getMessage()), "unzOpenCurrentFilePassword failed");
       EXPECT_EQ(utf8(e.getProps().get("result")), "-106");
+    }
+    if (in) {
+      std::string const& expected = entries[0].second;
+      std::string back(expected.size(), '\0');
+      bool failed = false;
+      try {
+        in->read(&back[0], static_cast<int>(back.size()));
+        in->close();
+      } catch (tal::CError const&) {
+        failed = true;
+      }
+      EXPECT_TRUE(failed || back != expected) << "a wrong password read the entry";
     }
   }
 }
