@@ -7,7 +7,7 @@
 namespace ziputil {
 
 CZipWriter::CFileInZipOutStream::CFileInZipOutStream(CZipWriter* const& writer, tal::CURI const& entryURI)
-    : m_writer(writer), m_uri(entryURI), m_position(0) {}
+    : m_writer(writer), m_owner(writer), m_open(true), m_uri(entryURI), m_position(0) {}
 
 CZipWriter::CFileInZipOutStream::~CFileInZipOutStream() {
   try {
@@ -19,54 +19,57 @@ CZipWriter::CFileInZipOutStream::~CFileInZipOutStream() {
 }
 
 void CZipWriter::CFileInZipOutStream::checkOpen() const {
-  if (!m_writer) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr);
+  if (!m_open) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr);
 }
 
-void CZipWriter::CFileInZipOutStream::throwWriteError(char const* message, int result, bool withResult) const {
+void CZipWriter::CFileInZipOutStream::detach() {
+  m_owner->m_entryOpen = false;
+  m_open = false;
+  m_writer = nullptr;
+}
+
+tal::CFileSystemError CZipWriter::CFileInZipOutStream::writeError(char const* message, int const* result) const {
   tal::CProps props = tal::uriProps(m_uri);
-  if (withResult) props["result"] = tal::toString(result);
+  if (result) props["result"] = tal::toString(*result);
   tal::CIOError const error(tal::CIOError::WriteFailed, tal::String(message), props, nullptr);
-  throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
+  return tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
 }
 
 void CZipWriter::CFileInZipOutStream::throwNotSupported(char const* message) const {
-  tal::CProps props;
-  props["uri"] = getURI().toString(true);
-  tal::CError const error(tal::String(message), tal::String(), -1, props, nullptr);
+  tal::CError const error(tal::String(message), tal::String(), -1, tal::uriProps(getURI()), nullptr);
   throw tal::CFileSystemError(tal::CFileSystemError::NotSupported, error);
 }
 
 void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWriteBarrier*) {
   checkOpen();
-  tal::P<CZipWriter> const writer = m_writer; // outlives the lock, so the mutex does too
-  tal::CMutexLock lock(writer->m_mutex);
+  tal::P<CZipWriter> writer; // released after the lock, so the mutex outlives it
+  tal::CMutexLock lock(m_owner->m_mutex);
+  checkOpen(); // another thread may have closed the stream meanwhile
+  writer = m_writer;
   if (!writer->m_state) {
-    writer->m_entryOpen = false;
-    m_writer = nullptr;
-    throwWriteError("Cannot write file in ZIP archive - archive has already been closed", 0, false);
+    detach();
+    throw writeError("Cannot write file in ZIP archive - archive has already been closed", nullptr);
   }
   int const result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
   if (result == ZIP_OK) {
     m_position += static_cast<long long>(size);
     return;
   }
-  tal::P<tal::CError> bridgeError = result == ZIP_ERRNO ? writer->m_state->bridge.getLastError() : nullptr;
-  if (bridgeError) bridgeError->throwClone();
-  throwWriteError("zipWriteInFileInZip failed", result, true);
+  throwMinizipFailure(writer->m_state->bridge.getLastError(), result, writeError("zipWriteInFileInZip failed", &result));
 }
 
 void CZipWriter::CFileInZipOutStream::close() {
-  if (!m_writer) return;
-  tal::P<CZipWriter> const writer = m_writer; // released after the lock
-  tal::CMutexLock lock(writer->m_mutex);
-  writer->m_entryOpen = false;
-  m_writer = nullptr;
-  if (!writer->m_state) throwWriteError("Cannot close file in ZIP archive - archive has already been closed", 0, false);
+  if (!m_open) return;
+  tal::P<CZipWriter> writer; // released after the lock
+  tal::CMutexLock lock(m_owner->m_mutex);
+  if (!m_open) return;
+  writer = m_writer;
+  detach();
+  if (!writer->m_state) throw writeError("Cannot close file in ZIP archive - archive has already been closed", nullptr);
   int const result = zipCloseFileInZip(writer->m_state->handle);
   tal::P<tal::CError> bridgeError = writer->m_state->bridge.getLastError();
   if (result == ZIP_OK) return;
-  if (result == ZIP_ERRNO && bridgeError) bridgeError->throwClone();
-  throwWriteError("zipCloseFileInZip failed", result, true);
+  throwMinizipFailure(bridgeError, result, writeError("zipCloseFileInZip failed", &result));
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

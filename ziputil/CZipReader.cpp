@@ -52,11 +52,9 @@ CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
   zlib_filefunc64_def* funcs = stuff->io.getFuncs();
   std::string const path = m_archiveURI.toString(true).toUTF8();
   stuff->handle = unzOpen2_64(path.c_str(), funcs);
-  if (!stuff->handle) {
-    tal::P<tal::CError> bridgeError = stuff->io.getLastError();
-    if (bridgeError) bridgeError->throwClone();
-    throw tal::CError(tal::String("File is not a valid ZIP archive."), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
-  }
+  if (!stuff->handle)
+    throwOpenFailure(stuff->io.getLastError(), tal::CError(tal::String("File is not a valid ZIP archive."), tal::String(),
+                                                           -1, tal::uriProps(m_archiveURI), nullptr));
   m_zipStuff = std::move(stuff);
 }
 

@@ -37,11 +37,9 @@ CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
   zlib_filefunc64_def* funcs = state->bridge.getFuncs();
   std::string const path = archiveURI.toString(true).toUTF8();
   state->handle = zipOpen2_64(path.c_str(), APPEND_STATUS_ADDINZIP, nullptr, funcs);
-  if (!state->handle) {
-    tal::P<tal::CError> bridgeError = state->bridge.getLastError();
-    if (bridgeError) bridgeError->throwClone();
-    throw tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
-  }
+  if (!state->handle)
+    throwOpenFailure(state->bridge.getLastError(),
+                     tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr));
   m_state = std::move(state);
 }
 

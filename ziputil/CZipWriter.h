@@ -6,6 +6,7 @@
 
 #include <zip.h>
 
+#include <atomic>
 #include <memory>
 
 namespace ziputil {
@@ -137,10 +138,21 @@ public:
 
 private:
   void checkOpen() const;
-  [[noreturn]] void throwWriteError(char const* message, int result, bool withResult) const;
+  /// CFileSystemError (Unspecified) from CIOError WriteFailed `message` with
+  /// {"uri"}, and {"result"} when `result` is given.
+  tal::CFileSystemError writeError(char const* message, int const* result) const;
   [[noreturn]] void throwNotSupported(char const* message) const;
 
+  /// Marks the stream closed and lets the writer begin another entry; under the writer's mutex.
+  void detach();
+
+  /// The counted reference that keeps the writer alive while the stream is
+  /// open; changed only under the writer's mutex.
   tal::P<CZipWriter> m_writer;
+  /// The same writer, for reaching its mutex; valid while the stream is open.
+  CZipWriter* const m_owner;
+  /// Open until closed; read without the lock, so it is atomic.
+  std::atomic<bool> m_open;
   tal::CURI m_uri;
   long long m_position;
 };

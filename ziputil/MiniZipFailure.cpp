@@ -14,4 +14,8 @@ void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal
   __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
+void throwOpenFailure(tal::P<tal::CError> const& bridgeError, tal::CError const& fallback) {
+  throwMinizipFailure(bridgeError, -1, fallback); // no handle: whatever the bridge recorded is the cause
+}
+
 } // namespace ziputil

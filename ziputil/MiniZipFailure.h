@@ -16,4 +16,8 @@ tal::CProps minizipFailureProps(tal::CURI const& uri, int result);
 /// error. Otherwise `fallback`, the caller's own error, is thrown as its class.
 [[noreturn]] void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback);
 
+/// Throws after a minizip open returned no handle: the bridge's recorded error
+/// unchanged when there is one, otherwise `fallback`.
+[[noreturn]] void throwOpenFailure(tal::P<tal::CError> const& bridgeError, tal::CError const& fallback);
+
 } // namespace ziputil

@@ -1,5 +1,6 @@
 #include "tal/LocalFileSystem.h"
 
+#include "support/StreamChecks.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -18,27 +19,11 @@ using tal::CIOError;
 using tal::CURI;
 using tal::String;
 using testsupport::TempDir;
+using testsupport::expectIOError;
 
 namespace {
 
 std::string U(String const& s) { return s.toUTF8(); }
-
-/// Expects `call` to throw exactly a CIOError (not a subclass) with `code`, `message`, context "IO", no cause and
-/// the single property "uri" = `uri` text.
-void expectIOError(std::function<void()> const& call, CIOError::Code code, std::string const& message,
-                   CURI const& uri) {
-  try {
-    call();
-    ADD_FAILURE() << "no error thrown; expected: " << message;
-  } catch (CIOError const& e) {
-    EXPECT_EQ(typeid(e), typeid(CIOError));
-    EXPECT_EQ(e.getCode(), code);
-    EXPECT_EQ(U(e.getMessage()), message);
-    EXPECT_EQ(U(e.getContext()), "IO");
-    EXPECT_EQ(e.getProps(), tal::CProps({{String("uri"), uri.toString(true)}}));
-    EXPECT_EQ(e.getCause().get(), nullptr);
-  }
-}
 
 /// Expects the refusal of a URI that is not a local file.
 void expectNotSupported(std::function<void()> const& call, CURI const& uri) {
@@ -338,29 +323,7 @@ TEST_F(LocalFileSystemTest, EverythingButGetUriAfterCloseIsStreamClosed) {
   CURI uri = dir.uri("c");
   auto s = open(uri, 3, 2);
   s->close();
-  char b[1];
-  std::vector<std::pair<char const*, std::function<void()>>> const calls = {
-      {"readLax", [&] { s->readLax(b, 1); }},
-      {"read", [&] { s->read(b, 1); }},
-      {"readAvailable", [&] { s->readAvailable(b, 1); }},
-      {"waitReadable", [&] { s->waitReadable(0); }},
-      {"isEndOfStream", [&] { s->isEndOfStream(); }},
-      {"isEndOfStream_NonBlocking", [&] { s->isEndOfStream_NonBlocking(); }},
-      {"write", [&] { s->write(b, 1, nullptr); }},
-      {"writeKeepBuffer", [&] { s->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(nullptr, 0, 0), nullptr); }},
-      {"createWriteBarrier", [&] { s->createWriteBarrier(nullptr); }},
-      {"flush", [&] { s->flush(); }},
-      {"setLength", [&] { s->setLength(0); }},
-      {"seek", [&] { s->seek(0); }},
-      {"getLength", [&] { s->getLength(); }},
-      {"getPosition", [&] { s->getPosition(); }},
-      {"lockRange", [&] { s->lockRange(0, 1, tal::IStreamBase::LockShared); }},
-      {"close", [&] { s->close(); }},
-  };
-  for (auto const& call : calls) {
-    SCOPED_TRACE(call.first);
-    expectIOError(call.second, CIOError::StreamClosed, "Error: stream has been closed.", uri);
-  }
+  testsupport::expectClosedStreamRefusesAll(*s, uri);
   EXPECT_EQ(s->getURI(), uri);
 }
 

@@ -1,5 +1,7 @@
 #include "tal/MemoryFileSystem.h"
 
+#include "support/StreamChecks.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -19,17 +21,7 @@ std::string U(String const& s) { return s.toUTF8(); }
 /// property "uri" = `uri`.
 void expectIOError(std::function<void()> const& call, CIOError::Code code, std::string const& message,
                    std::string const& uri) {
-  try {
-    call();
-    ADD_FAILURE() << "no error thrown; expected: " << message;
-  } catch (CIOError const& e) {
-    EXPECT_EQ(typeid(e), typeid(CIOError));
-    EXPECT_EQ(e.getCode(), code);
-    EXPECT_EQ(U(e.getMessage()), message);
-    EXPECT_EQ(U(e.getContext()), "IO");
-    EXPECT_EQ(e.getProps(), tal::CProps({{String("uri"), String::fromUTF8(uri)}}));
-    EXPECT_EQ(e.getCause().get(), nullptr);
-  }
+  testsupport::expectIOError(call, code, message, tal::CProps({{String("uri"), String::fromUTF8(uri)}}));
 }
 
 std::string patterned(std::size_t size) {
@@ -193,29 +185,7 @@ TEST_F(MemoryFileSystemTest, EverythingButGetUriAfterCloseIsStreamClosed) {
   fs->setFile(uri, "abc");
   auto s = fs->openStream(uri, 3, 0);
   s->close();
-  char b[1];
-  std::vector<std::pair<char const*, std::function<void()>>> const calls = {
-      {"readLax", [&] { s->readLax(b, 1); }},
-      {"read", [&] { s->read(b, 1); }},
-      {"readAvailable", [&] { s->readAvailable(b, 1); }},
-      {"waitReadable", [&] { s->waitReadable(0); }},
-      {"isEndOfStream", [&] { s->isEndOfStream(); }},
-      {"isEndOfStream_NonBlocking", [&] { s->isEndOfStream_NonBlocking(); }},
-      {"write", [&] { s->write(b, 1, nullptr); }},
-      {"writeKeepBuffer", [&] { s->writeKeepBuffer(tal::TConstBufferSlice<unsigned char>(nullptr, 0, 0), nullptr); }},
-      {"createWriteBarrier", [&] { s->createWriteBarrier(nullptr); }},
-      {"flush", [&] { s->flush(); }},
-      {"setLength", [&] { s->setLength(0); }},
-      {"seek", [&] { s->seek(0); }},
-      {"getLength", [&] { s->getLength(); }},
-      {"getPosition", [&] { s->getPosition(); }},
-      {"lockRange", [&] { s->lockRange(0, 1, tal::IStreamBase::LockShared); }},
-      {"close", [&] { s->close(); }},
-  };
-  for (auto const& call : calls) {
-    SCOPED_TRACE(call.first);
-    expectIOError(call.second, CIOError::StreamClosed, "Error: stream has been closed.", "mem:/dir/a.bin");
-  }
+  testsupport::expectClosedStreamRefusesAll(*s, uri);
   EXPECT_EQ(s->getURI(), uri);
   EXPECT_EQ(fs->getFile(uri), "abc");
 }

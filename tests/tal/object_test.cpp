@@ -127,13 +127,20 @@ struct CHolder {
 std::string const kMustAllocate = std::string("Objects of class ") + typeid(tal::TRequireNewAlloc<tal::CBase>).name() +
                                   " must be allocated with new.";
 
-void expectMustAllocate(tal::CError const& e) {
+/// Expects exactly a tal::CError with `message`, empty context, code -1, no properties and no cause.
+void expectPlainError(tal::CError const& e, std::string const& message) {
   EXPECT_EQ(typeid(e), typeid(tal::CError));
-  EXPECT_EQ(e.getMessage().toUTF8(), kMustAllocate);
+  EXPECT_EQ(e.getMessage().toUTF8(), message);
   EXPECT_EQ(e.getContext().toUTF8(), "");
   EXPECT_EQ(e.getCode(), -1);
   EXPECT_TRUE(e.getProps().empty());
   EXPECT_EQ(e.getCause(), nullptr);
+}
+
+void expectMustAllocate(tal::CError const& e) { expectPlainError(e, kMustAllocate); }
+
+void expectStaticConstructionFailed(tal::CError const& e) {
+  expectPlainError(e, "Construction of static object has failed.");
 }
 
 TEST(ObjectTest, HeapOnlyClassesComeFromNewObjOnly) {
@@ -253,11 +260,7 @@ TEST(ObjectTest, AFailedSingletonBuildFailsEveryLaterRequest) {
       failingSingleton();
       FAIL();
     } catch (tal::CError const& e) {
-      EXPECT_EQ(typeid(e), typeid(tal::CError));
-      EXPECT_EQ(e.getMessage().toUTF8(), "Construction of static object has failed.");
-      EXPECT_EQ(e.getContext().toUTF8(), "");
-      EXPECT_EQ(e.getCode(), -1);
-      EXPECT_TRUE(e.getProps().empty());
+      expectStaticConstructionFailed(e);
     }
   }
   EXPECT_EQ(g_builds, 1);
@@ -511,12 +514,7 @@ TEST(ObjectTest, AFailedBuildReleasesNothingItDidNotHoldAndResetsTheGuard) {
     holder.ready(none);
     FAIL();
   } catch (tal::CError const& e) {
-    EXPECT_EQ(typeid(e), typeid(tal::CError));
-    EXPECT_EQ(e.getMessage().toUTF8(), "Construction of static object has failed.");
-    EXPECT_EQ(e.getContext().toUTF8(), "");
-    EXPECT_EQ(e.getCode(), -1);
-    EXPECT_TRUE(e.getProps().empty());
-    EXPECT_EQ(e.getCause(), nullptr);
+    expectStaticConstructionFailed(e);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "ziputil/CZipReader.h"
 
+#include "support/StreamChecks.h"
 #include "support/TempDir.h"
 #include "support/ZipFixtures.h"
 #include "tal/MemoryFileSystem.h"
@@ -29,13 +30,6 @@ protected:
   }
   std::string entryText(std::string const& name) const { return "mem:/in.zip/" + name; }
 };
-
-void expectClosedError(tal::CIOError const& e) {
-  EXPECT_EQ(typeid(e), typeid(tal::CIOError));
-  EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
-  EXPECT_EQ(utf8(e.getMessage()), "Error: stream has been closed.");
-  EXPECT_TRUE(e.getProps().empty());
-}
 
 TEST_F(InStreamTest, SizeZeroOrNegative) {
   auto in = openEntry({{"a", "abc"}}, "a");
@@ -122,15 +116,8 @@ TEST_F(InStreamTest, LockRangeAndWaitReadable) {
   auto in = openEntry({{"l", "abc"}}, "l");
   EXPECT_TRUE(in->waitReadable(0));
   EXPECT_TRUE(in->waitReadable(1000000));
-  try {
-    in->lockRange(0, 1, tal::IStreamBase::LockShared);
-    FAIL();
-  } catch (tal::CIOError const& e) {
-    EXPECT_EQ(typeid(e), typeid(tal::CIOError));
-    EXPECT_EQ(e.getCode(), tal::CIOError::LockNotSupported);
-    EXPECT_EQ(utf8(e.getMessage()), "");
-    EXPECT_TRUE(e.getProps().empty());
-  }
+  testsupport::expectIOError([&] { in->lockRange(0, 1, tal::IStreamBase::LockShared); },
+                             tal::CIOError::LockNotSupported, "", tal::CProps());
 }
 
 TEST_F(InStreamTest, AfterCloseEverythingButGetUriAndCloseThrows) {
@@ -139,13 +126,8 @@ TEST_F(InStreamTest, AfterCloseEverythingButGetUriAndCloseThrows) {
   in->close();
   EXPECT_EQ(utf8(in->getURI().toString(true)), entryText("c"));
   char b[1];
-  auto expectClosed = [](auto&& call) {
-    try {
-      call();
-      ADD_FAILURE();
-    } catch (tal::CIOError const& e) {
-      expectClosedError(e);
-    }
+  auto expectClosed = [](std::function<void()> const& call) {
+    testsupport::expectIOError(call, tal::CIOError::StreamClosed, "Error: stream has been closed.", tal::CProps());
   };
   expectClosed([&] { in->readLax(b, 1); });
   expectClosed([&] { in->read(b, 1); });
