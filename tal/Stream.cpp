@@ -30,6 +30,16 @@ CMutexLock::~CMutexLock() {
   if (m_mutex) m_mutex->unlock();
 }
 
+void IFileSystem::sync(IOutStream& stream) {
+  CError refusal(String("This file system does not support sync."), String(), -1, uriProps(stream.getURI()), nullptr);
+  throw CFileSystemError(CFileSystemError::NotSupported, refusal);
+}
+
+void IFileSystem::move(CURI const& from, CURI const&) {
+  CError refusal(String("This file system does not support move."), String(), -1, uriProps(from), nullptr);
+  throw CFileSystemError(CFileSystemError::NotSupported, refusal);
+}
+
 namespace {
 
 /// Recursive, because singleton builds nest: building one singleton may

@@ -87,6 +87,29 @@ public:
   virtual bool exists(CURI const& uri) = 0;
   /// Deletes a file; throws CIOError DeleteFailed when it cannot.
   virtual void remove(CURI const& uri) = 0;
+
+  // Additions to the operations above. Both have a default implementation, so
+  // that existing file systems keep building; it refuses the operation.
+
+  /// Addition: makes everything written so far through `stream` durable: once
+  /// this returns, the bytes (and the file's length) survive a crash of the
+  /// process or of the machine. `stream` must be a stream this file system
+  /// opened, still open; its buffered writes are flushed first.
+  /// Errors are the file system's own (a stream it did not open is a
+  /// CInvalidArgError, a closed one CIOError StreamClosed, a failure to write
+  /// or to sync CIOError WriteFailed). The default throws CFileSystemError
+  /// NotSupported wrapping the CError "This file system does not support
+  /// sync." with {"uri": the stream's URI text}.
+  virtual void sync(IOutStream& stream);
+  /// Addition: moves the file `from` to `to`, replacing any file at `to`,
+  /// atomically: at every instant `to` names either its old file or the moved
+  /// one, never a mix or nothing (when it existed before). Durable once it
+  /// returns. Streams open on either file keep working on the bytes they had.
+  /// A failure throws CIOError MoveFailed with {"uri": from's text} (file
+  /// systems may add properties). The default throws CFileSystemError
+  /// NotSupported wrapping the CError "This file system does not support
+  /// move." with {"uri": from's text}.
+  virtual void move(CURI const& from, CURI const& to);
 };
 
 class IMutex : public virtual IBase {

@@ -263,6 +263,46 @@ TEST_F(MemoryFileSystemTest, LargeFileAndManySmallReads) {
   EXPECT_EQ(big, data.substr(1000, 200000));
 }
 
+/// A file system that implements only the original operations.
+class CBareFileSystem : public tal::CBase, public virtual tal::IFileSystem {
+public:
+  tal::P<tal::IInOutStream> openStream(CURI const& uri, int, int const&) override {
+    throw CIOError(CIOError::OpenFailed, String(), tal::uriProps(uri), nullptr);
+  }
+  bool exists(CURI const&) override { return false; }
+  void remove(CURI const& uri) override {
+    throw CIOError(CIOError::DeleteFailed, String(), tal::uriProps(uri), nullptr);
+  }
+};
+
+/// Expects exactly the refusal of the default implementation of `operation` for `uri`.
+void expectDefaultRefusal(std::function<void()> const& call, std::string const& operation, std::string const& uri) {
+  try {
+    call();
+    ADD_FAILURE() << "no error thrown by " << operation;
+  } catch (tal::CFileSystemError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CFileSystemError));
+    EXPECT_EQ(e.getProblem(), tal::CFileSystemError::NotSupported);
+    EXPECT_EQ(U(e.getMessage()), "This file system does not support " + operation + ".");
+    EXPECT_EQ(U(e.getContext()), "");
+    EXPECT_EQ(e.getCode(), -1);
+    EXPECT_EQ(e.getProps(),
+              tal::CProps({{String("uri"), String::fromUTF8(uri)}, {String("fileSysProblem"), String("6")}}));
+    EXPECT_EQ(e.getCause().get(), nullptr);
+  }
+}
+
+TEST_F(MemoryFileSystemTest, DefaultSyncAndMoveAreNotSupported) {
+  tal::P<tal::IFileSystem> bare(tal::newObj<CBareFileSystem>());
+  auto s = fs->openStream(uri, 3, 2);
+  s->write("abc", 3, nullptr);
+  expectDefaultRefusal([&] { bare->sync(*s); }, "sync", "mem:/dir/a.bin");
+  s->close();
+  expectDefaultRefusal([&] { bare->sync(*s); }, "sync", "mem:/dir/a.bin");
+  expectDefaultRefusal([&] { bare->move(CURI(String("x:/a b")), CURI(String("x:/b"))); }, "move", "x:/a%20b");
+  EXPECT_EQ(fs->getFile(uri), "abc");
+}
+
 std::vector<std::string> g_reports;
 
 void recordReport(char const* className, std::exception& e, bool) {
