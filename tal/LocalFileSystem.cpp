@@ -55,6 +55,11 @@ public:
       throwSystemError(CIOError::SetLengthFailed, "Cannot set file length", length < 0 ? EINVAL : errno, m_uri);
   }
 
+  void sync() override {
+    while (::fsync(m_fd) != 0)
+      if (errno != EINTR) throwSystemError(CIOError::WriteFailed, "Cannot sync file", errno, m_uri);
+  }
+
   void closeFile() override {
     int fd = m_fd;
     m_fd = -1;
@@ -65,6 +70,36 @@ private:
   int m_fd;
   CURI m_uri;
 };
+
+/// Tags the streams of every CLocalFileSystem: any of them can sync any local file.
+char const kLocalStreamTag = 0;
+
+/// The folder holding `path` (an absolute path; "/" for files at the root).
+std::string folderOf(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  std::size_t const slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+/// Makes the entries of the folder `path` durable; `uri` is a URI of it on the host of `near`.
+void syncFolder(std::string const& path, CURI const& near) {
+  String const host = near.getHost();
+  CURI const uri(String("file"), String::fromUTF8(path), nullptr, nullptr, host, -1, nullptr, nullptr);
+  int fd;
+  do fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) throwSystemError(CIOError::MoveFailed, "Cannot sync folder", errno, uri);
+  int failure = 0;
+  while (::fsync(fd) != 0) {
+    if (errno != EINTR) {
+      failure = errno;
+      break;
+    }
+  }
+  ::close(fd);
+  if (failure != 0) throwSystemError(CIOError::MoveFailed, "Cannot sync folder", failure, uri);
+}
 
 int openFlags(int access, int flags, CURI const& uri) {
   int result = O_CLOEXEC;
@@ -100,7 +135,8 @@ P<IInOutStream> CLocalFileSystem::openStream(CURI const& uri, int access, int co
   if (S_ISDIR(st.st_mode)) throwSystemError(CIOError::OpenFailed, "Cannot open file", EISDIR, uri);
   P<IPositionalFile> positional(file.get());
   return P<IInOutStream>::adopt(
-      new CPositionalStream(positional, uri, access == AccessReadWrite, kBufferSize, "tal::CLocalFileSystem::CStream"));
+      new CPositionalStream(positional, uri, access == AccessReadWrite, kBufferSize, "tal::CLocalFileSystem::CStream",
+                            &kLocalStreamTag));
 }
 
 bool CLocalFileSystem::exists(CURI const& uri) {
@@ -110,6 +146,29 @@ bool CLocalFileSystem::exists(CURI const& uri) {
 
 void CLocalFileSystem::remove(CURI const& uri) {
   if (::unlink(localPath(uri).c_str()) != 0) throwSystemError(CIOError::DeleteFailed, "Cannot delete file", errno, uri);
+}
+
+void CLocalFileSystem::sync(IOutStream& stream) {
+  auto* const positional = dynamic_cast<CPositionalStream*>(&stream);
+  if (!positional || !positional->isOwnedBy(&kLocalStreamTag))
+    throw CInvalidArgError(String("CLocalFileSystem::sync"), String("the stream was not opened by a CLocalFileSystem"),
+                           uriProps(stream.getURI()));
+  positional->sync();
+}
+
+void CLocalFileSystem::move(CURI const& from, CURI const& to) {
+  std::string const fromPath = localPath(from);
+  std::string const toPath = localPath(to);
+  if (::rename(fromPath.c_str(), toPath.c_str()) != 0) {
+    int const error = errno;
+    CProps props = uriProps(from);
+    props[String("to")] = to.toString(true);
+    throw CIOError(CIOError::MoveFailed, String("Cannot move file: ") + String(std::strerror(error)), props, nullptr);
+  }
+  std::string const toFolder = folderOf(toPath);
+  std::string const fromFolder = folderOf(fromPath);
+  syncFolder(toFolder, to);
+  if (fromFolder != toFolder) syncFolder(fromFolder, from);
 }
 
 } // namespace tal

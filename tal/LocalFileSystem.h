@@ -33,7 +33,7 @@ namespace tal {
 /// from any number of threads.
 ///
 /// Failures throw CIOError with the fitting code (OpenFailed, ReadFailed,
-/// WriteFailed, SetLengthFailed, DeleteFailed, UnexpectedEnd, StreamClosed;
+/// WriteFailed, SetLengthFailed, DeleteFailed, MoveFailed, UnexpectedEnd, StreamClosed;
 /// SeekFailed when the length cannot be read; Unknown when closing fails), the
 /// operating system's reason in the message ("Cannot open file: No such file or
 /// directory") and the URI text under "uri". A URI that is not a local `file:`
@@ -49,6 +49,20 @@ public:
   bool exists(CURI const& uri) override;
   /// Deletes the file; CIOError DeleteFailed with the reason when it cannot.
   void remove(CURI const& uri) override;
+  /// Flushes the stream's collected writes, then fsync(2)s its file. `stream`
+  /// must come from a CLocalFileSystem (any instance), else CInvalidArgError
+  /// "Invalid argument passed to 'CLocalFileSystem::sync': the stream was not
+  /// opened by a CLocalFileSystem." with "uri"; a closed stream throws CIOError
+  /// StreamClosed; a failed write or sync CIOError WriteFailed ("Cannot write
+  /// file: <reason>", "Cannot sync file: <reason>") with "uri".
+  void sync(IOutStream& stream) override;
+  /// rename(2)s `from` to `to`, then fsync(2)s the folder of `to` and, when it
+  /// is another one, the folder of `from`. A failed rename throws CIOError
+  /// MoveFailed "Cannot move file: <reason>" with {"uri": from, "to": to} and
+  /// changes nothing; a failed folder sync (after the file has moved) throws
+  /// CIOError MoveFailed "Cannot sync folder: <reason>" with "uri" the
+  /// folder's `file:` URI. Folders can be moved too, as rename(2) allows.
+  void move(CURI const& from, CURI const& to) override;
 
   /// The local path of a `file:` URI (UTF-8); throws as openStream does for
   /// other URIs.

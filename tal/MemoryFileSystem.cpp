@@ -80,6 +80,7 @@ public:
                      nullptr);
     }
   }
+  void sync() override {} // nothing outlives the process's memory anyway
   void closeFile() override { m_file = nullptr; }
 
 private:
@@ -115,7 +116,7 @@ P<IInOutStream> CMemoryFileSystem::openStream(CURI const& uri, int access, int c
   if (!file) throw CIOError(CIOError::OpenFailed, String("Cannot open file: No such file"), uriProps(uri), nullptr);
   P<IPositionalFile> handle = P<IPositionalFile>::adopt(new CMemoryHandle(file, uri, lengthUnknown));
   return P<IInOutStream>::adopt(
-      new CPositionalStream(handle, uri, access == AccessReadWrite, 0, "tal::CMemoryFileSystem::CStream"));
+      new CPositionalStream(handle, uri, access == AccessReadWrite, 0, "tal::CMemoryFileSystem::CStream", this));
 }
 
 bool CMemoryFileSystem::exists(CURI const& uri) { return find(uri) != nullptr; }

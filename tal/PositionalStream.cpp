@@ -6,8 +6,9 @@
 namespace tal {
 
 CPositionalStream::CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize,
-                                     char const* context)
-    : m_file(std::move(file)), m_uri(uri), m_context(context), m_writable(writable), m_bufferSize(bufferSize) {}
+                                     char const* context, void const* owner)
+    : m_file(std::move(file)), m_uri(uri), m_context(context), m_owner(owner), m_writable(writable),
+      m_bufferSize(bufferSize) {}
 
 CPositionalStream::~CPositionalStream() {
   if (!m_file) return;
@@ -156,6 +157,12 @@ P<IWriteBarrier> CPositionalStream::createWriteBarrier(IWriteBarrier*) {
 void CPositionalStream::flush() {
   checkOpen();
   flushWrites();
+}
+
+void CPositionalStream::sync() {
+  checkOpen();
+  flushWrites();
+  m_file->sync();
 }
 
 void CPositionalStream::setLength(long long length) {

@@ -19,6 +19,8 @@ public:
   /// Length in bytes, or -1 when unknown.
   virtual long long size() = 0;
   virtual void truncate(long long length) = 0;
+  /// Makes the bytes written so far (and the length) durable.
+  virtual void sync() = 0;
   /// Releases the file; called once.
   virtual void closeFile() = 0;
 };
@@ -32,11 +34,15 @@ public:
 /// nothing. Writes collect in a buffer flushed by flush(), close(), a read,
 /// a non-contiguous write or setLength(). `bufferSize` 0 passes every call
 /// straight to the file. One thread at a time may use a stream.
+///
+/// `owner` tags the stream with the file system that opened it (compared,
+/// never dereferenced), so that file system can recognise its own streams
+/// among the IOutStreams handed back to it, open or closed.
 class CPositionalStream : public CBase, public virtual IInOutStream {
 public:
   /// `context` names the stream's class in reports of failures its destructor swallows.
   CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize,
-                    char const* context);
+                    char const* context, void const* owner);
   /// Closes the stream if still open; a failure goes to onExceptionInDestructorIgnored(context, e, true).
   ~CPositionalStream() override;
 
@@ -63,6 +69,12 @@ public:
   void flush() override;
   void setLength(long long length) override;
 
+  /// Whether the stream was constructed with this `owner` tag.
+  bool isOwnedBy(void const* owner) const { return m_owner == owner; }
+  /// Flushes the collected writes, then makes the file durable (IPositionalFile::sync).
+  /// CIOError StreamClosed once closed.
+  void sync();
+
 private:
   void checkOpen() const;
   std::size_t readInto(unsigned char* out, std::size_t size);
@@ -71,6 +83,7 @@ private:
   P<IPositionalFile> m_file; ///< null once closed
   CURI m_uri;
   char const* m_context;
+  void const* m_owner;
   bool m_writable;
   std::size_t m_bufferSize;
   long long m_position = 0;

@@ -1,5 +1,7 @@
 #include "tal/LocalFileSystem.h"
+#include "tal/MemoryFileSystem.h"
 
+#include "support/FaultyFileSystem.h"
 #include "support/StreamChecks.h"
 #include "support/TempDir.h"
 
@@ -172,6 +174,8 @@ TEST_F(LocalFileSystemTest, NonFileUrisAreRefused) {
     expectNotSupported([&] { open(uri, 3, 2); }, uri);
     expectNotSupported([&] { fs->exists(uri); }, uri);
     expectNotSupported([&] { fs->remove(uri); }, uri);
+    expectNotSupported([&] { fs->move(uri, dir.uri("to")); }, uri);
+    expectNotSupported([&] { fs->move(dir.uri("from"), uri); }, uri);
   }
 }
 
@@ -500,6 +504,209 @@ TEST_F(LocalFileSystemTest, WriteKeepBufferAndBarrier) {
   EXPECT_NE(dynamic_cast<tal::CDummyWriteBarrier*>(barrier.get()), nullptr);
   EXPECT_EQ(testsupport::readFile(dir.file("k")), "bcd"); // the barrier flushed
   s->close();
+}
+
+/// Expects exactly the CInvalidArgError of CLocalFileSystem::sync refusing a stream of `uri`.
+void expectForeignStreamRefused(std::function<void()> const& call, CURI const& uri) {
+  try {
+    call();
+    ADD_FAILURE() << "no error thrown for " << U(uri.toString(true));
+  } catch (tal::CInvalidArgError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CInvalidArgError));
+    EXPECT_EQ(U(e.getMessage()),
+              "Invalid argument passed to 'CLocalFileSystem::sync': the stream was not opened by a CLocalFileSystem.");
+    EXPECT_EQ(U(e.getContext()), "");
+    EXPECT_EQ(e.getCode(), -1);
+    EXPECT_EQ(e.getProps(), tal::uriProps(uri));
+    EXPECT_EQ(e.getCause().get(), nullptr);
+  }
+}
+
+/// Expects exactly the CIOError MoveFailed of a refused rename.
+void expectMoveFailed(std::function<void()> const& call, std::string const& message, CURI const& from, CURI const& to) {
+  testsupport::expectIOError(call, CIOError::MoveFailed, message,
+                             tal::CProps({{String("uri"), from.toString(true)}, {String("to"), to.toString(true)}}));
+}
+
+/// Runs `job` in a child process that gives up root (as the permission test above does) and returns what
+/// it returned.
+std::string runUnprivileged(std::function<std::string()> const& job) {
+  int fds[2];
+  if (::pipe(fds) != 0) return "pipe failed";
+  pid_t child = ::fork();
+  if (child < 0) return "fork failed";
+  if (child == 0) {
+    ::close(fds[0]);
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(2);
+    std::string const report = job();
+    ssize_t written = ::write(fds[1], report.data(), report.size());
+    ::_exit(written == static_cast<ssize_t>(report.size()) ? 0 : 3);
+  }
+  ::close(fds[1]);
+  std::string report;
+  char buffer[512];
+  ssize_t n;
+  while ((n = ::read(fds[0], buffer, sizeof buffer)) > 0) report.append(buffer, static_cast<std::size_t>(n));
+  ::close(fds[0]);
+  int status = 0;
+  if (::waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    return "child failed: " + std::to_string(status);
+  return report;
+}
+
+TEST_F(LocalFileSystemTest, SyncWritesOutCollectedBytesAndKeepsTheStreamOpen) {
+  CURI uri = dir.uri("d");
+  auto s = open(uri, 3, 2);
+  s->write("durable", 7, nullptr);
+  EXPECT_EQ(diskSize(dir.file("d")), 0); // still collected in the stream
+  fs->sync(*s);
+  EXPECT_EQ(testsupport::readFile(dir.file("d")), "durable");
+  auto reader = open(uri, 1);
+  char b[16];
+  EXPECT_EQ(reader->readLax(b, 16), 7);
+  EXPECT_EQ(std::string(b, 7), "durable");
+  s->write(" bytes", 6, nullptr);
+  EXPECT_EQ(s->getPosition(), 13);
+  fs->sync(*s);
+  EXPECT_EQ(testsupport::readFile(dir.file("d")), "durable bytes");
+  s->setLength(4);
+  fs->sync(*s);
+  EXPECT_EQ(diskSize(dir.file("d")), 4);
+  fs->sync(*reader); // nothing written through it: nothing to fail
+  s->close();
+  EXPECT_EQ(testsupport::readFile(dir.file("d")), "dura");
+}
+
+TEST_F(LocalFileSystemTest, SyncAcceptsStreamsOfAnyLocalFileSystem) {
+  tal::P<tal::CLocalFileSystem> other = tal::newObj<tal::CLocalFileSystem>();
+  auto s = other->openStream(dir.uri("o"), 3, 2);
+  s->write("other", 5, nullptr);
+  fs->sync(*s);
+  EXPECT_EQ(testsupport::readFile(dir.file("o")), "other");
+  tal::P<tal::IFileSystem> asInterface(fs.get());
+  s->write("!", 1, nullptr);
+  asInterface->sync(*s);
+  EXPECT_EQ(testsupport::readFile(dir.file("o")), "other!");
+}
+
+TEST_F(LocalFileSystemTest, SyncRefusesStreamsItDidNotOpen) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  CURI memoryUri(String("mem:/x"));
+  auto inMemory = memory->openStream(memoryUri, 3, 2);
+  expectForeignStreamRefused([&] { fs->sync(*inMemory); }, memoryUri);
+  inMemory->close();
+  expectForeignStreamRefused([&] { fs->sync(*inMemory); }, memoryUri); // closed or not
+  // A wrapper around a local stream is not a local stream.
+  tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(fs.get());
+  CURI uri = dir.uri("w");
+  auto wrapped = faulty->openStream(uri, 3, 2);
+  wrapped->write("w", 1, nullptr);
+  expectForeignStreamRefused([&] { fs->sync(*wrapped); }, uri);
+  EXPECT_EQ(diskSize(dir.file("w")), 0);
+}
+
+TEST_F(LocalFileSystemTest, SyncOfAClosedStreamIsStreamClosed) {
+  CURI uri = dir.uri("c");
+  auto s = open(uri, 3, 2);
+  s->write("c", 1, nullptr);
+  s->close();
+  expectIOError([&] { fs->sync(*s); }, CIOError::StreamClosed, "Error: stream has been closed.", uri);
+  EXPECT_EQ(testsupport::readFile(dir.file("c")), "c");
+}
+
+TEST_F(LocalFileSystemTest, SyncFailuresCarryTheReason) {
+  // The full device takes no byte (ENOSPC), and cannot be synced (EINVAL).
+  CURI uri(String("file:///dev/full"));
+  auto s = open(uri, 3);
+  s->write("abc", 3, nullptr);
+  expectIOError([&] { fs->sync(*s); }, CIOError::WriteFailed, "Cannot write file: No space left on device", uri);
+  expectIOError([&] { fs->sync(*s); }, CIOError::WriteFailed, "Cannot sync file: Invalid argument", uri);
+  EXPECT_NO_THROW(s->close()); // the failed bytes were dropped by the first sync
+}
+
+TEST_F(LocalFileSystemTest, MoveReplacesTheTargetAndOpenStreamsKeepTheirBytes) {
+  testsupport::writeFile(dir.file("new"), "new bytes");
+  testsupport::writeFile(dir.file("target"), "old");
+  auto onOld = open(dir.uri("target"), 1);
+  auto onNew = open(dir.uri("new"), 3);
+  fs->move(dir.uri("new"), dir.uri("target"));
+  EXPECT_FALSE(fs->exists(dir.uri("new")));
+  EXPECT_EQ(testsupport::readFile(dir.file("target")), "new bytes");
+  char b[16];
+  EXPECT_EQ(onOld->readLax(b, 16), 3);
+  EXPECT_EQ(std::string(b, 3), "old");
+  EXPECT_EQ(onOld->getLength(), 3);
+  EXPECT_EQ(onNew->readLax(b, 3), 3);
+  EXPECT_EQ(std::string(b, 3), "new");
+  onNew->seek(9);
+  onNew->write("!", 1, nullptr); // still the moved file, now under its new name
+  fs->sync(*onNew);
+  EXPECT_EQ(testsupport::readFile(dir.file("target")), "new bytes!");
+  EXPECT_EQ(onNew->getURI(), dir.uri("new")); // a stream keeps the URI it was opened with
+}
+
+TEST_F(LocalFileSystemTest, MoveToAFreshNameAndAcrossFolders) {
+  ASSERT_EQ(::mkdir(dir.file("one").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(dir.file("two").c_str(), 0755), 0);
+  testsupport::writeFile(dir.file("one/a"), "a");
+  fs->move(dir.uri("one/a"), dir.uri("one/b #1"));
+  EXPECT_EQ(testsupport::readFile(dir.file("one/b #1")), "a");
+  fs->move(dir.uri("one/b #1"), dir.uri("two/c"));
+  EXPECT_FALSE(fs->exists(dir.uri("one/b #1")));
+  EXPECT_EQ(testsupport::readFile(dir.file("two/c")), "a");
+  fs->move(dir.uri("two/c"), dir.uri("two/c")); // onto itself: nothing changes
+  EXPECT_EQ(testsupport::readFile(dir.file("two/c")), "a");
+  fs->move(CURI(String::fromUTF8("file://localhost" + dir.path() + "/two/c")), dir.uri("top"));
+  EXPECT_EQ(testsupport::readFile(dir.file("top")), "a");
+}
+
+TEST_F(LocalFileSystemTest, FailedMoveChangesNothing) {
+  testsupport::writeFile(dir.file("target"), "untouched");
+  ASSERT_EQ(::mkdir(dir.file("folder").c_str(), 0755), 0);
+  CURI const missing = dir.uri("missing");
+  CURI const target = dir.uri("target");
+  expectMoveFailed([&] { fs->move(missing, target); }, "Cannot move file: No such file or directory", missing, target);
+  EXPECT_EQ(testsupport::readFile(dir.file("target")), "untouched");
+  CURI const nowhere = dir.uri("no/such/folder");
+  expectMoveFailed([&] { fs->move(target, nowhere); }, "Cannot move file: No such file or directory", target, nowhere);
+  CURI const folder = dir.uri("folder");
+  expectMoveFailed([&] { fs->move(target, folder); }, "Cannot move file: Is a directory", target, folder);
+  EXPECT_EQ(testsupport::readFile(dir.file("target")), "untouched");
+  struct stat st;
+  ASSERT_EQ(::stat(dir.file("folder").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+// A folder that may be written but not read: the rename succeeds, opening the folder to sync it does not.
+TEST_F(LocalFileSystemTest, FolderSyncFailureIsReportedAfterTheMove) {
+  ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(dir.file("hidden").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(dir.file("open").c_str(), 0777), 0);
+  ASSERT_EQ(::chmod(dir.file("open").c_str(), 0777), 0); // whatever the umask
+  testsupport::writeFile(dir.file("hidden/a"), "a");
+  testsupport::writeFile(dir.file("hidden/b"), "b");
+  testsupport::writeFile(dir.file("hidden/c"), "c");
+  ASSERT_EQ(::chmod(dir.file("hidden").c_str(), 0333), 0);
+  auto attempt = [this](CURI const& from, CURI const& to) -> std::string {
+    try {
+      fs->move(from, to);
+      return "moved";
+    } catch (CIOError const& e) {
+      return std::to_string(e.getCode()) + "|" + U(e.getMessage()) + "|" + U(e.getProps().get("uri")) + "|" +
+             std::to_string(e.getProps().size());
+    }
+  };
+  std::string const report = runUnprivileged([&] {
+    return attempt(dir.uri("hidden/a"), dir.uri("hidden/b")) + "\n" + attempt(dir.uri("hidden/c"), dir.uri("open/c"));
+  });
+  ASSERT_EQ(::chmod(dir.file("hidden").c_str(), 0755), 0);
+  std::string const hidden = U(dir.uri("hidden").toString(true));
+  EXPECT_EQ(report, "8|Cannot sync folder: Permission denied|" + hidden + "|1\n" + // the folder of both
+                        "8|Cannot sync folder: Permission denied|" + hidden + "|1"); // the folder moved from
+  EXPECT_EQ(testsupport::readFile(dir.file("hidden/b")), "a"); // moved all the same
+  EXPECT_FALSE(fs->exists(dir.uri("hidden/a")));
+  EXPECT_EQ(testsupport::readFile(dir.file("open/c")), "c");
+  EXPECT_FALSE(fs->exists(dir.uri("hidden/c")));
 }
 
 TEST(TempDirTest, MakesAUniqueFolderUnderTmpdirAndRemovesItWithItsContents) {
