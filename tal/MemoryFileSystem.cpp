@@ -127,6 +127,27 @@ void CMemoryFileSystem::remove(CURI const& uri) {
     throw CIOError(CIOError::DeleteFailed, String("Cannot delete file: No such file"), uriProps(uri), nullptr);
 }
 
+void CMemoryFileSystem::sync(IOutStream& stream) {
+  auto* const positional = dynamic_cast<CPositionalStream*>(&stream);
+  if (!positional || !positional->isOwnedBy(this))
+    throw CInvalidArgError(String("CMemoryFileSystem::sync"),
+                           String("the stream was not opened by this CMemoryFileSystem"), uriProps(stream.getURI()));
+  positional->sync(); // StreamClosed once closed; otherwise nothing is pending
+}
+
+void CMemoryFileSystem::move(CURI const& from, CURI const& to) {
+  std::string const fromKey = keyOf(from);
+  std::string const toKey = keyOf(to);
+  CMutexLock lock(m_mutex);
+  auto const it = m_files.find(fromKey);
+  if (it == m_files.end())
+    throw CIOError(CIOError::MoveFailed, String("Cannot move file: No such file"), uriProps(from), nullptr);
+  if (fromKey == toKey) return;
+  P<CFile> const file = it->second;
+  m_files[toKey] = file; // the replaced file lives on in the streams open on it
+  m_files.erase(fromKey);
+}
+
 void CMemoryFileSystem::setFile(CURI const& uri, std::string bytes) {
   P<CFile> file = newObj<CFile>();
   file->assign(bytes);

@@ -32,6 +32,18 @@ public:
   bool exists(CURI const& uri) override;
   /// Deletes the file; open streams keep its bytes. CIOError DeleteFailed when missing.
   void remove(CURI const& uri) override;
+  /// Checks that `stream` is open and was opened by this file system, and does
+  /// nothing more: memory is as durable as it gets. A stream of another file
+  /// system (or of another CMemoryFileSystem) throws CInvalidArgError "Invalid
+  /// argument passed to 'CMemoryFileSystem::sync': the stream was not opened by
+  /// this CMemoryFileSystem." with "uri"; a closed one CIOError StreamClosed.
+  void sync(IOutStream& stream) override;
+  /// Under the file table's lock, `to` becomes the name of from's file and
+  /// `from` names nothing; a file `to` named before is dropped from the table,
+  /// and streams open on either file keep their bytes. Moving a file onto its
+  /// own name changes nothing. A missing `from` throws CIOError MoveFailed
+  /// "Cannot move file: No such file" with {"uri": from} and changes nothing.
+  void move(CURI const& from, CURI const& to) override;
 
   /// Creates or replaces a file; streams already open keep the bytes they had.
   void setFile(CURI const& uri, std::string bytes);

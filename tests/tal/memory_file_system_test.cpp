@@ -263,6 +263,92 @@ TEST_F(MemoryFileSystemTest, LargeFileAndManySmallReads) {
   EXPECT_EQ(big, data.substr(1000, 200000));
 }
 
+/// Expects exactly the CInvalidArgError of CMemoryFileSystem::sync refusing a stream of `uri`.
+void expectForeignStreamRefused(std::function<void()> const& call, std::string const& uri) {
+  try {
+    call();
+    ADD_FAILURE() << "no error thrown for " << uri;
+  } catch (tal::CInvalidArgError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CInvalidArgError));
+    EXPECT_EQ(U(e.getMessage()), "Invalid argument passed to 'CMemoryFileSystem::sync': the stream was not opened by "
+                                 "this CMemoryFileSystem.");
+    EXPECT_EQ(U(e.getContext()), "");
+    EXPECT_EQ(e.getCode(), -1);
+    EXPECT_EQ(e.getProps(), tal::CProps({{String("uri"), String::fromUTF8(uri)}}));
+    EXPECT_EQ(e.getCause().get(), nullptr);
+  }
+}
+
+TEST_F(MemoryFileSystemTest, SyncOfAnOpenStreamChangesNothing) {
+  auto s = fs->openStream(uri, 3, 2);
+  s->write("abc", 3, nullptr);
+  fs->sync(*s);
+  EXPECT_EQ(fs->getFile(uri), "abc");
+  EXPECT_EQ(s->getPosition(), 3);
+  s->write("d", 1, nullptr); // still open
+  auto reader = fs->openStream(uri, 1, 0);
+  fs->sync(*reader);
+  char b[4];
+  reader->read(b, 4);
+  EXPECT_EQ(std::string(b, 4), "abcd");
+}
+
+TEST_F(MemoryFileSystemTest, SyncRefusesClosedAndForeignStreams) {
+  auto s = fs->openStream(uri, 3, 2);
+  s->close();
+  expectIOError([&] { fs->sync(*s); }, CIOError::StreamClosed, "Error: stream has been closed.", "mem:/dir/a.bin");
+  tal::P<tal::CMemoryFileSystem> other = tal::newObj<tal::CMemoryFileSystem>();
+  auto foreign = other->openStream(CURI(String("mem:/other")), 3, 2);
+  expectForeignStreamRefused([&] { fs->sync(*foreign); }, "mem:/other");
+  EXPECT_NO_THROW(other->sync(*foreign));
+  foreign->close();
+  expectForeignStreamRefused([&] { fs->sync(*foreign); }, "mem:/other"); // closed or not
+}
+
+TEST_F(MemoryFileSystemTest, MoveReplacesTheTargetAndOpenStreamsKeepTheirBytes) {
+  CURI const from(String("mem:/new"));
+  fs->setFile(from, "new bytes");
+  fs->setFile(uri, "old");
+  auto onOld = fs->openStream(uri, 1, 0);
+  auto onNew = fs->openStream(from, 3, 0);
+  fs->move(from, CURI(String("MEM:/dir/./a.bin"))); // names compare in normalised form
+  EXPECT_FALSE(fs->exists(from));
+  EXPECT_EQ(fs->getFile(uri), "new bytes");
+  char b[16];
+  EXPECT_EQ(onOld->readLax(b, 16), 3);
+  EXPECT_EQ(std::string(b, 3), "old");
+  onNew->seek(9);
+  onNew->write("!", 1, nullptr); // the moved file, under its new name
+  EXPECT_EQ(fs->getFile(uri), "new bytes!");
+  auto again = fs->openStream(uri, 1, 0);
+  EXPECT_EQ(again->getLength(), 10);
+}
+
+TEST_F(MemoryFileSystemTest, MoveToAFreshNameAndOntoItself) {
+  fs->setFile(uri, "x");
+  CURI const to(String("mem:/elsewhere/b"));
+  fs->move(uri, to);
+  EXPECT_FALSE(fs->exists(uri));
+  EXPECT_EQ(fs->getFile(to), "x");
+  fs->move(to, CURI(String("mem:/elsewhere/./b")));
+  EXPECT_EQ(fs->getFile(to), "x");
+  tal::P<tal::IFileSystem> asInterface(fs.get());
+  asInterface->move(to, uri);
+  EXPECT_EQ(fs->getFile(uri), "x");
+  EXPECT_FALSE(fs->exists(to));
+}
+
+TEST_F(MemoryFileSystemTest, MoveOfAMissingFileChangesNothing) {
+  fs->setFile(uri, "untouched");
+  expectIOError([&] { fs->move(CURI(String("mem:/missing")), uri); }, CIOError::MoveFailed,
+                "Cannot move file: No such file", "mem:/missing");
+  EXPECT_EQ(fs->getFile(uri), "untouched");
+  EXPECT_FALSE(fs->exists(CURI(String("mem:/missing"))));
+  expectIOError([&] { fs->move(CURI(String("mem:/missing")), CURI(String("mem:/fresh"))); }, CIOError::MoveFailed,
+                "Cannot move file: No such file", "mem:/missing");
+  EXPECT_FALSE(fs->exists(CURI(String("mem:/fresh"))));
+}
+
 /// A file system that implements only the original operations.
 class CBareFileSystem : public tal::CBase, public virtual tal::IFileSystem {
 public:
