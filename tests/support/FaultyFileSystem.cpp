@@ -63,6 +63,8 @@ public:
   void flush() override { m_inner->flush(); }
   void setLength(long long length) override { m_inner->setLength(length); }
 
+  tal::IInOutStream& inner() const { return *m_inner; }
+
 private:
   tal::P<CFaultyFileSystem> m_owner;
   tal::P<tal::IInOutStream> m_inner;
@@ -81,7 +83,8 @@ void CInjectedError::throwClone() const { throw CInjectedError(*this); }
 CFaultyFileSystem::CFaultyFileSystem(tal::IFileSystem* inner) : m_inner(inner) { reset(); }
 
 char const* CFaultyFileSystem::opName(Op op) {
-  static char const* const kNames[] = {"Open", "Read", "Write", "Seek", "Tell", "Close", "Length"};
+  static char const* const kNames[] = {"Open", "Read", "Write", "Seek", "Tell", "Close", "Length", "Sync", "Move"};
+  static_assert(sizeof kNames / sizeof kNames[0] == OpCount, "one name per operation");
   return op >= 0 && op < OpCount ? kNames[op] : "?";
 }
 
@@ -89,7 +92,9 @@ CInjectedError CFaultyFileSystem::injectedError(Op op, long long n, tal::CURI co
   static tal::CIOError::Code const kCodes[] = {tal::CIOError::OpenFailed, tal::CIOError::ReadFailed,
                                                tal::CIOError::WriteFailed, tal::CIOError::SeekFailed,
                                                tal::CIOError::SeekFailed, tal::CIOError::Unknown,
-                                               tal::CIOError::SeekFailed};
+                                               tal::CIOError::SeekFailed, tal::CIOError::WriteFailed,
+                                               tal::CIOError::MoveFailed};
+  static_assert(sizeof kCodes / sizeof kCodes[0] == OpCount, "one code per operation");
   tal::String const number = tal::toString(n);
   tal::CProps props;
   props["uri"] = uri.toString(true);
@@ -132,5 +137,16 @@ tal::P<tal::IInOutStream> CFaultyFileSystem::openStream(tal::CURI const& uri, in
 bool CFaultyFileSystem::exists(tal::CURI const& uri) { return m_inner->exists(uri); }
 
 void CFaultyFileSystem::remove(tal::CURI const& uri) { m_inner->remove(uri); }
+
+void CFaultyFileSystem::sync(tal::IOutStream& stream) {
+  count(Sync, stream.getURI());
+  auto* const wrapper = dynamic_cast<CFaultyStream*>(&stream);
+  m_inner->sync(wrapper ? static_cast<tal::IOutStream&>(wrapper->inner()) : stream);
+}
+
+void CFaultyFileSystem::move(tal::CURI const& from, tal::CURI const& to) {
+  count(Move, from);
+  m_inner->move(from, to);
+}
 
 } // namespace testsupport

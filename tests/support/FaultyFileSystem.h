@@ -10,7 +10,8 @@ namespace testsupport {
 
 /// The error a CFaultyFileSystem throws: its own class, so a test can tell it
 /// from any other. Code by operation (Open -> OpenFailed, Read -> ReadFailed,
-/// Write -> WriteFailed, Seek/Tell/Length -> SeekFailed, Close -> Unknown),
+/// Write -> WriteFailed, Seek/Tell/Length -> SeekFailed, Close -> Unknown,
+/// Sync -> WriteFailed, Move -> MoveFailed),
 /// message "Injected <op> fault #<n>", properties {"uri": the stream's URI
 /// text, "injected": "<op>#<n>"}.
 class CInjectedError : public tal::CIOError {
@@ -23,11 +24,12 @@ public:
 /// Streams it opens forward every operation to the inner stream. Counted (and so failable): read, readLax and
 /// readAvailable as Read; write and writeKeepBuffer as Write; seek as Seek; getPosition as Tell; getLength as
 /// Length; close as Close (a failing close still closes the inner stream). A failing call does not reach
-/// the inner stream, except close. Counters are atomic: streams may be used from several threads.
+/// the inner stream, except close. The file system's own sync and move count as Sync and Move; a failing one
+/// does not reach the inner file system. Counters are atomic: streams may be used from several threads.
 class CFaultyFileSystem : public tal::CBase, public virtual tal::IFileSystem {
 public:
-  /// Tell is getPosition, Length is getLength.
-  enum Op { Open, Read, Write, Seek, Tell, Close, Length, OpCount };
+  /// Tell is getPosition, Length is getLength; Sync and Move are the file system's sync and move.
+  enum Op { Open, Read, Write, Seek, Tell, Close, Length, Sync, Move, OpCount };
 
   explicit CFaultyFileSystem(tal::IFileSystem* inner);
 
@@ -52,6 +54,11 @@ public:
   tal::P<tal::IInOutStream> openStream(tal::CURI const& uri, int access, int const& flags) override;
   bool exists(tal::CURI const& uri) override;
   void remove(tal::CURI const& uri) override;
+  /// Counts a Sync (on the stream's URI), then syncs the inner stream of a stream this file system opened
+  /// through the inner file system; any other stream is handed to the inner file system as it is.
+  void sync(tal::IOutStream& stream) override;
+  /// Counts a Move (on `from`), then moves through the inner file system.
+  void move(tal::CURI const& from, tal::CURI const& to) override;
 
 private:
   tal::P<tal::IFileSystem> m_inner;

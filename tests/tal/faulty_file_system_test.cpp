@@ -31,7 +31,9 @@ OpCase const kCases[] = {{CFaultyFileSystem::Open, CIOError::OpenFailed, "Open"}
                          {CFaultyFileSystem::Seek, CIOError::SeekFailed, "Seek"},
                          {CFaultyFileSystem::Tell, CIOError::SeekFailed, "Tell"},
                          {CFaultyFileSystem::Close, CIOError::Unknown, "Close"},
-                         {CFaultyFileSystem::Length, CIOError::SeekFailed, "Length"}};
+                         {CFaultyFileSystem::Length, CIOError::SeekFailed, "Length"},
+                         {CFaultyFileSystem::Sync, CIOError::WriteFailed, "Sync"},
+                         {CFaultyFileSystem::Move, CIOError::MoveFailed, "Move"}};
 
 /// Expects exactly the injected error of `op` number `n` on `uri`.
 void expectInjected(CInjectedError const& e, OpCase const& c, long long n, std::string const& uri) {
@@ -59,10 +61,12 @@ protected:
     char b[2];
     s->readLax(b, 2);
     s->write("x", 1, nullptr);
+    faulty->sync(*s);
     s->seek(0);
     s->getPosition();
     s->getLength();
     s->close();
+    faulty->move(uri, uri);
   }
 };
 
@@ -105,6 +109,11 @@ TEST_F(FaultyFileSystemTest, CountsEveryCallOfEachOperationAcrossStreams) {
   a->getPosition();
   a->getLength();
   b->getLength();
+  faulty->sync(*a);
+  faulty->sync(*b);
+  faulty->sync(*a);
+  faulty->move(uri, CURI(String("mem:/g")));
+  faulty->move(CURI(String("mem:/g")), uri);
   // Not counted: they are not I/O calls a fault can be armed on.
   a->flush();
   a->createWriteBarrier(nullptr);
@@ -122,6 +131,8 @@ TEST_F(FaultyFileSystemTest, CountsEveryCallOfEachOperationAcrossStreams) {
   EXPECT_EQ(faulty->count(CFaultyFileSystem::Tell), 1);
   EXPECT_EQ(faulty->count(CFaultyFileSystem::Length), 2);
   EXPECT_EQ(faulty->count(CFaultyFileSystem::Close), 1);
+  EXPECT_EQ(faulty->count(CFaultyFileSystem::Sync), 3);
+  EXPECT_EQ(faulty->count(CFaultyFileSystem::Move), 2);
   EXPECT_FALSE(faulty->fired());
   faulty->reset();
   for (OpCase const& c : kCases) EXPECT_EQ(faulty->count(c.op), 0) << c.name;
@@ -240,6 +251,78 @@ TEST_F(FaultyFileSystemTest, FailingCloseStillClosesTheInnerStream) {
   EXPECT_EQ(overLocal->count(CFaultyFileSystem::Close), 1);
 }
 
+TEST_F(FaultyFileSystemTest, SyncReachesTheInnerStreamUnlessItFails) {
+  testsupport::TempDir dir;
+  tal::P<tal::CLocalFileSystem> local = tal::newObj<tal::CLocalFileSystem>();
+  tal::P<CFaultyFileSystem> overLocal = tal::newObj<CFaultyFileSystem>(local.get());
+  CURI const file = dir.uri("s");
+  auto s = overLocal->openStream(file, 3, 2);
+  s->write("data", 4, nullptr); // collected in the local stream's buffer
+  overLocal->failNth(CFaultyFileSystem::Sync, 1);
+  try {
+    overLocal->sync(*s);
+    FAIL();
+  } catch (CInjectedError const& e) {
+    expectInjected(e, kCases[7], 1, U(file.toString(true)));
+  }
+  EXPECT_EQ(testsupport::readFile(dir.file("s")), ""); // the inner stream was not flushed
+  overLocal->sync(*s); // the wrapper hands the local file system its own stream
+  EXPECT_EQ(testsupport::readFile(dir.file("s")), "data");
+  EXPECT_EQ(overLocal->count(CFaultyFileSystem::Sync), 2);
+  s->close();
+  try {
+    overLocal->sync(*s);
+    FAIL();
+  } catch (CIOError const& e) {
+    EXPECT_EQ(typeid(e), typeid(CIOError));
+    EXPECT_EQ(e.getCode(), CIOError::StreamClosed);
+  }
+  EXPECT_EQ(overLocal->count(CFaultyFileSystem::Sync), 3);
+}
+
+TEST_F(FaultyFileSystemTest, SyncHandsOtherStreamsToTheInnerFileSystemAsTheyAre) {
+  auto own = memory->openStream(uri, 3, 0); // opened by the inner file system itself
+  EXPECT_NO_THROW(faulty->sync(*own));
+  tal::P<tal::CMemoryFileSystem> other = tal::newObj<tal::CMemoryFileSystem>();
+  auto foreign = other->openStream(CURI(String("mem:/o")), 3, 2);
+  try {
+    faulty->sync(*foreign);
+    FAIL();
+  } catch (tal::CInvalidArgError const& e) {
+    EXPECT_EQ(U(e.getMessage()), "Invalid argument passed to 'CMemoryFileSystem::sync': the stream was not opened by "
+                                 "this CMemoryFileSystem.");
+  }
+  EXPECT_EQ(faulty->count(CFaultyFileSystem::Sync), 2);
+}
+
+TEST_F(FaultyFileSystemTest, FailedMoveLeavesTheFileWhereItWas) {
+  CURI const to(String("mem:/moved"));
+  memory->setFile(to, "old");
+  faulty->failNth(CFaultyFileSystem::Move, 2);
+  faulty->move(uri, to);
+  EXPECT_EQ(memory->getFile(to), "abcdef");
+  EXPECT_FALSE(memory->exists(uri));
+  memory->setFile(uri, "second");
+  try {
+    faulty->move(uri, to);
+    FAIL();
+  } catch (CInjectedError const& e) {
+    expectInjected(e, kCases[8], 2, "mem:/f");
+  }
+  EXPECT_EQ(memory->getFile(uri), "second");
+  EXPECT_EQ(memory->getFile(to), "abcdef");
+  EXPECT_TRUE(faulty->fired());
+  try {
+    faulty->move(CURI(String("mem:/missing")), to); // the inner file system's own error, unchanged
+    FAIL();
+  } catch (CIOError const& e) {
+    EXPECT_EQ(typeid(e), typeid(CIOError));
+    EXPECT_EQ(e.getCode(), CIOError::MoveFailed);
+    EXPECT_EQ(U(e.getMessage()), "Cannot move file: No such file");
+  }
+  EXPECT_EQ(faulty->count(CFaultyFileSystem::Move), 3);
+}
+
 TEST_F(FaultyFileSystemTest, InjectedErrorsCloneAndRethrowAsTheirOwnClass) {
   CInjectedError const e = CFaultyFileSystem::injectedError(CFaultyFileSystem::Length, 7, uri);
   expectInjected(e, kCases[6], 7, "mem:/f");
@@ -263,6 +346,10 @@ TEST_F(FaultyFileSystemTest, OperationNames) {
   EXPECT_STREQ(CFaultyFileSystem::opName(CFaultyFileSystem::Open), "Open");
   EXPECT_STREQ(CFaultyFileSystem::opName(CFaultyFileSystem::Tell), "Tell");
   EXPECT_STREQ(CFaultyFileSystem::opName(CFaultyFileSystem::Length), "Length");
+  EXPECT_STREQ(CFaultyFileSystem::opName(CFaultyFileSystem::Sync), "Sync");
+  EXPECT_STREQ(CFaultyFileSystem::opName(CFaultyFileSystem::Move), "Move");
+  EXPECT_EQ(CFaultyFileSystem::Length, 6); // the original operations keep their numbers
+  EXPECT_EQ(CFaultyFileSystem::OpCount, 9);
 }
 
 } // namespace
