@@ -26,7 +26,11 @@ String CProps::get(String const& key) const {
 
 CError::CError(String const& message, String const& context, long long code, CProps const& props, CError const* cause)
     : std::exception(), CBase(), m_message(message), m_context(context), m_code(code), m_props(props),
-      m_cause(const_cast<CError*>(cause)) {}
+      m_cause(cause ? cause->clone() : P<CError>()) {} // the caller's cause may live on its stack
+
+CError::CError(SharedCause, String const& message, String const& context, long long code, CProps const& props,
+               P<CError> const& cause)
+    : std::exception(), CBase(), m_message(message), m_context(context), m_code(code), m_props(props), m_cause(cause) {}
 
 CError::CError(CError const& other)
     : std::exception(other), CBase(), m_message(other.m_message), m_context(other.m_context), m_code(other.m_code),
@@ -111,8 +115,8 @@ CProps withProblem(CProps props, CFileSystemError::Problem problem) {
 } // namespace
 
 CFileSystemError::CFileSystemError(Problem problem, CError const& error)
-    : CError(error.getMessage(), error.getContext(), error.getCode(), withProblem(error.getProps(), problem),
-             error.getCause().get()) {}
+    : CError(SharedCause(), error.getMessage(), error.getContext(), error.getCode(),
+             withProblem(error.getProps(), problem), error.getCause()) {}
 
 CFileSystemError::~CFileSystemError() = default;
 

@@ -42,6 +42,8 @@ CProps uriProps(CURI const& uri);
 /// none), properties and an optional cause.
 class CError : public std::exception, public CBase {
 public:
+  /// A non-null `cause` is copied (clone()), so it may live anywhere, the
+  /// caller's stack included; copies of this error share that copy.
   CError(String const& message, String const& context, long long code, CProps const& props, CError const* cause);
   CError(CError const& other);
   CError& operator=(CError const&) = delete;
@@ -60,6 +62,15 @@ public:
   String const& getContext() const { return m_context; }
   long long getCode() const { return m_code; }
   CProps const& getProps() const { return m_props; }
+  /// Addition: sets one property (insert or overwrite), for code that adds
+  /// what it learnt to an error before passing it on.
+  void setProp(String const& key, String const& value) { m_props[key] = value; }
+
+protected:
+  /// For errors that copy another one: shares `cause` as copies do.
+  struct SharedCause {};
+  CError(SharedCause, String const& message, String const& context, long long code, CProps const& props,
+         P<CError> const& cause);
 
 private:
   String m_message;

@@ -206,19 +206,39 @@ void expectFields(CError const& e, std::type_info const& type, std::string const
 
 TEST(ErrorTest, ACopyIsANewObjectSharingTheCause) {
   tal::P<CError> cause = CError(String("cause"), String(), -1, CProps(), nullptr).clone();
+  tal::P<CError> held;
   {
     CError e(String("m"), String("c"), -7, CProps{{"a", "1"}}, cause.get());
-    EXPECT_EQ(cause->getRefCount(), 2); // the error holds the cause by reference
+    EXPECT_EQ(cause->getRefCount(), 1); // the error holds a copy of the cause, not the caller's object
+    held = e.getCause();
+    ASSERT_NE(held, nullptr);
+    EXPECT_NE(held.get(), cause.get());
+    EXPECT_EQ(U(held->getMessage()), "cause");
+    EXPECT_EQ(held->getRefCount(), 2);
     CError copy(e);
     EXPECT_EQ(copy.getRefCount(), 1);
-    EXPECT_EQ(cause->getRefCount(), 3);
-    expectFields(copy, typeid(CError), "m", "c", -7, CProps{{"a", "1"}}, cause.get());
+    EXPECT_EQ(held->getRefCount(), 3); // copies share it
+    expectFields(copy, typeid(CError), "m", "c", -7, CProps{{"a", "1"}}, held.get());
     tal::P<CError> clone = e.clone();
     EXPECT_EQ(e.getRefCount(), 1); // cloning leaves the original's count alone
     EXPECT_EQ(clone->getRefCount(), 1);
-    EXPECT_EQ(cause->getRefCount(), 4);
+    EXPECT_EQ(held->getRefCount(), 4);
   }
-  EXPECT_EQ(cause->getRefCount(), 1); // destroyed errors released it
+  EXPECT_EQ(held->getRefCount(), 1); // destroyed errors released it
+}
+
+TEST(ErrorTest, ACauseOnTheStackOutlivesItsScope) {
+  tal::P<CError> error;
+  {
+    CIOError cause(CIOError::ReadFailed, String("on the stack"), CProps{{"uri", "mem:/c"}}, nullptr);
+    error = CError(String("outer"), String(), -1, CProps(), &cause).clone();
+  }
+  tal::P<CError> cause = error->getCause();
+  ASSERT_NE(cause, nullptr);
+  EXPECT_EQ(typeid(*cause), typeid(CIOError)); // copied as its own class
+  EXPECT_EQ(U(cause->getMessage()), "on the stack");
+  EXPECT_EQ(cause->getProps(), (CProps{{"uri", "mem:/c"}}));
+  EXPECT_EQ(cause->getRefCount(), 2);
 }
 
 TEST(ErrorTest, WhatOfTextThatCannotBeEncodedIsEmpty) {
