@@ -159,6 +159,12 @@ void CLocalFileSystem::sync(IOutStream& stream) {
 void CLocalFileSystem::move(CURI const& from, CURI const& to) {
   std::string const fromPath = localPath(from);
   std::string const toPath = localPath(to);
+  struct stat replaced;
+  if (::stat(toPath.c_str(), &replaced) == 0 && S_ISREG(replaced.st_mode)) {
+    // Best effort: a replacement keeps who may read and write the file.
+    if (::chown(fromPath.c_str(), replaced.st_uid, replaced.st_gid) != 0) { /* not permitted: keep our own */ }
+    if (::chmod(fromPath.c_str(), replaced.st_mode & 07777) != 0) { /* keep the moved file's own bits */ }
+  }
   if (::rename(fromPath.c_str(), toPath.c_str()) != 0) {
     int const error = errno;
     CProps props = uriProps(from);

@@ -62,6 +62,10 @@ public:
   /// changes nothing; a failed folder sync (after the file has moved) throws
   /// CIOError MoveFailed "Cannot sync folder: <reason>" with "uri" the
   /// folder's `file:` URI. Folders can be moved too, as rename(2) allows.
+  /// A file that replaces a regular file first takes that file's permission
+  /// bits (and, where the process may, its owner and group), so that replacing
+  /// a file with a new version does not change who may read it; where that
+  /// cannot be done the move goes ahead with the moved file's own.
   void move(CURI const& from, CURI const& to) override;
 
   /// The local path of a `file:` URI (UTF-8); throws as openStream does for

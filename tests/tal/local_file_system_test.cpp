@@ -645,6 +645,23 @@ TEST_F(LocalFileSystemTest, MoveReplacesTheTargetAndOpenStreamsKeepTheirBytes) {
   EXPECT_EQ(onNew->getURI(), dir.uri("new")); // a stream keeps the URI it was opened with
 }
 
+TEST_F(LocalFileSystemTest, MoveOverAFileKeepsItsPermissions) {
+  testsupport::writeFile(dir.file("private"), "old secret");
+  ASSERT_EQ(::chmod(dir.file("private").c_str(), 0600), 0);
+  testsupport::writeFile(dir.file("replacement"), "new secret");
+  ASSERT_EQ(::chmod(dir.file("replacement").c_str(), 0644), 0);
+  fs->move(dir.uri("replacement"), dir.uri("private"));
+  struct stat st;
+  ASSERT_EQ(::stat(dir.file("private").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(testsupport::readFile(dir.file("private")), "new secret");
+  testsupport::writeFile(dir.file("fresh"), "x"); // to a new name: the file keeps its own bits
+  ASSERT_EQ(::chmod(dir.file("fresh").c_str(), 0640), 0);
+  fs->move(dir.uri("fresh"), dir.uri("fresh-moved"));
+  ASSERT_EQ(::stat(dir.file("fresh-moved").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
 TEST_F(LocalFileSystemTest, MoveToAFreshNameAndAcrossFolders) {
   ASSERT_EQ(::mkdir(dir.file("one").c_str(), 0755), 0);
   ASSERT_EQ(::mkdir(dir.file("two").c_str(), 0755), 0);
