@@ -65,11 +65,31 @@ endfunction()
 # itself): without that definition it reads encrypted entries.
 set(_unzip_crypt "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_crypt.c")
 # Its unzClose also ignores whether closing the file failed: the copy reports
-# UNZ_ERRNO then, so the reader can raise the file system's error.
+# UNZ_ERRNO then, so the reader can raise the file system's error. Its readers
+# of 2-, 4- and 8-byte fields answer a short read with UNZ_EOF, which equals
+# UNZ_OK, so a record cut short read as zeros (a damaged end record gave an
+# empty archive): the copy answers UNZ_BADZIPFILE, and stops reading a central
+# header whose signature is wrong (the walk probes past the last one). And it adds
+# ziputil_unzReadPastEnd (MiniZipExtras.h), with which the reader finds an
+# entry whose data goes on past its stored size.
 ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
   "#ifndef NOUNCRYPT\n        #define NOUNCRYPT\n#endif\n" ""
   "    ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return UNZ_OK;"
-  "    int closed = ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return closed == 0 ? UNZ_OK : UNZ_ERRNO;")
+  "    int closed = ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return closed == 0 ? UNZ_OK : UNZ_ERRNO;"
+  # A record cut short is damage: its missing bytes are not zeros (UNZ_EOF equals UNZ_OK).
+  "            return UNZ_EOF;\n    }\n}\n\nlocal int unz64local_getLong("
+  "            return UNZ_BADZIPFILE;\n    }\n}\n\nlocal int unz64local_getLong("
+  "            return UNZ_EOF;\n    }\n}\n\n\nlocal int unz64local_getLong64("
+  "            return UNZ_BADZIPFILE;\n    }\n}\n\n\nlocal int unz64local_getLong64("
+  "            return UNZ_EOF;\n    }\n}\n\n/* My own strcmpi"
+  "            return UNZ_BADZIPFILE;\n    }\n}\n\n/* My own strcmpi"
+  # A central header without its signature is not read on (past the last one lies the end record,
+  # whose fields may run past the end of the file).
+  "            err=UNZ_BADZIPFILE;\n    }\n\n    if (unz64local_getShort(&s->z_filefunc, s->filestream,&file_info.version) != UNZ_OK)"
+  "            err=UNZ_BADZIPFILE;\n    }\n    if (err!=UNZ_OK)\n        return err;\n\n    if (unz64local_getShort(&s->z_filefunc, s->filestream,&file_info.version) != UNZ_OK)"
+  # ziputil_unzReadPastEnd: what an open entry's data holds beyond its stored size.
+  "extern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len) {"
+  "extern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len);\n\nextern int ZEXPORT ziputil_unzReadPastEnd(unzFile file, voidp buf, unsigned len) {\n    file_in_zip64_read_info_s* p;\n    int read;\n    if (file == NULL)\n        return UNZ_PARAMERROR;\n    p = ((unz64_s*)file)->pfile_in_zip_read;\n    if (p == NULL || p->rest_read_uncompressed != 0)\n        return UNZ_PARAMERROR;\n    p->rest_read_uncompressed = len;\n    read = unzReadCurrentFile(file, buf, len);\n    p->rest_read_uncompressed = 0;\n    return read;\n}\n\nextern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len) {")
 # zip.c leaks on two failure paths, which the fault-injection tests reach:
 # zipOpen3 in add mode drops the open file (unless the header check closed it)
 # and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops
@@ -78,6 +98,13 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
 # zip.c overwrites or ignores (the values of a local header's Zip64 extra
 # field; the Zip64 end record and its locator in zipClose) and fails where a
 # failed tell would otherwise record offset 2^64-1 in a header or end record.
+# Finishing an entry keeps a failed write of deflate's last output (the next
+# deflate result overwrote it); the local header's Zip64 extra field receives
+# the entry's sizes also below 4 GiB (it kept zeros, which other tools report
+# as a header error); ziputil_zipDiscard (MiniZipExtras.h) releases a handle
+# without writing anything more, so that a failed writer can put the file back
+# as it was; and ziputil_zipFileStream gives the writer the file stream, so
+# that it can cut off what the old central directory left behind.
 set(_zip_fixed "${CMAKE_CURRENT_BINARY_DIR}/minizip/zip_fixed.c")
 ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    return ZIP_ERRNO;"
@@ -107,7 +134,16 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "    centraldir_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);"
   "    centraldir_pos_inzip = ZTELL64(zi->z_filefunc,zi->filestream);\n    if (centraldir_pos_inzip == (ZPOS64_T)-1 && err == ZIP_OK)\n        err = ZIP_ERRNO;"
   "      ZPOS64_T Zip64EOCDpos = ZTELL64(zi->z_filefunc,zi->filestream);"
-  "      ZPOS64_T Zip64EOCDpos = ZTELL64(zi->z_filefunc,zi->filestream);\n      if (Zip64EOCDpos == (ZPOS64_T)-1 && err == ZIP_OK)\n        err = ZIP_ERRNO;")
+  "      ZPOS64_T Zip64EOCDpos = ZTELL64(zi->z_filefunc,zi->filestream);\n      if (Zip64EOCDpos == (ZPOS64_T)-1 && err == ZIP_OK)\n        err = ZIP_ERRNO;"
+  # Finishing an entry: a failed write of deflate's output is not overwritten by the next deflate result.
+  "                                uTotalOutBefore = zi->ci.stream.total_out;\n                                err=deflate(&zi->ci.stream,  Z_FINISH);"
+  "                                if (err != ZIP_OK)\n                                        break;\n                                uTotalOutBefore = zi->ci.stream.total_out;\n                                err=deflate(&zi->ci.stream,  Z_FINISH);"
+  # The local header's Zip64 extra field gets the entry's real sizes below 4 GiB too (it held zeros).
+  "        else\n        {\n          if (err==ZIP_OK) /* compressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,4);\n\n          if (err==ZIP_OK) /* uncompressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,4);\n        }"
+  "        else\n        {\n          if (err==ZIP_OK) /* compressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,4);\n\n          if (err==ZIP_OK) /* uncompressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,4);\n\n          if (err==ZIP_OK && zi->ci.pos_zip64extrainfo > 0)\n          {\n            if (ZSEEK64(zi->z_filefunc,zi->filestream, zi->ci.pos_zip64extrainfo + 4,ZLIB_FILEFUNC_SEEK_SET)!=0)\n              err = ZIP_ERRNO;\n            if (err==ZIP_OK)\n              err = zip64local_putValue(&zi->z_filefunc, zi->filestream, uncompressed_size, 8);\n            if (err==ZIP_OK)\n              err = zip64local_putValue(&zi->z_filefunc, zi->filestream, compressed_size, 8);\n          }\n        }"
+  # ziputil_zipDiscard: releases a handle without writing anything more, so a writer can undo its changes.
+  "extern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
+  "extern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
 add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_zip_fixed}")

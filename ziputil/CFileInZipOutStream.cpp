@@ -42,6 +42,9 @@ void CZipWriter::CFileInZipOutStream::throwNotSupported(char const* message) con
 
 void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWriteBarrier*) {
   checkOpen();
+  if (size < 0 || (data == nullptr && size > 0))
+    throw tal::CInvalidArgError(tal::String("CZipWriter::CFileInZipOutStream::write"),
+                                tal::String(size < 0 ? "size is negative" : "data is null"), tal::uriProps(m_uri));
   tal::P<CZipWriter> writer; // released after the lock, so the mutex outlives it
   tal::CMutexLock lock(m_owner->m_mutex);
   checkOpen(); // another thread may have closed the stream meanwhile
@@ -50,12 +53,12 @@ void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWr
     detach();
     throw writeError("Cannot write file in ZIP archive - archive has already been closed", nullptr);
   }
+  // zlib's crc32 starts over for a null pointer: an empty write passes an empty buffer instead.
+  static unsigned char const kNothing = 0;
+  if (size == 0 && data == nullptr) data = &kNothing;
   int const result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
-  if (result == ZIP_OK) {
-    m_position += static_cast<long long>(size);
-    return;
-  }
-  throwMinizipFailure(writer->m_state->bridge.getLastError(), result, writeError("zipWriteInFileInZip failed", &result));
+  if (!writer->writeSucceeded(result)) writer->failWrite(result, writeError("zipWriteInFileInZip failed", &result));
+  m_position += static_cast<long long>(size);
 }
 
 void CZipWriter::CFileInZipOutStream::close() {
@@ -67,9 +70,7 @@ void CZipWriter::CFileInZipOutStream::close() {
   detach();
   if (!writer->m_state) throw writeError("Cannot close file in ZIP archive - archive has already been closed", nullptr);
   int const result = zipCloseFileInZip(writer->m_state->handle);
-  tal::P<tal::CError> bridgeError = writer->m_state->bridge.getLastError();
-  if (result == ZIP_OK) return;
-  throwMinizipFailure(bridgeError, result, writeError("zipCloseFileInZip failed", &result));
+  if (!writer->writeSucceeded(result)) writer->failWrite(result, writeError("zipCloseFileInZip failed", &result));
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

@@ -128,6 +128,14 @@ long ZCALLBACK CMiniZipIO::seek(voidpf opaque, voidpf stream, ZPOS64_T offset, i
 int ZCALLBACK CMiniZipIO::close(voidpf opaque, voidpf stream) {
   StreamHandle* handle = static_cast<StreamHandle*>(stream);
   int result = 0;
+  if (self(opaque).m_syncOnClose) {
+    try {
+      self(opaque).m_fileSystem->sync(*handle->stream);
+    } catch (std::exception& e) {
+      self(opaque).recordError(e);
+      result = -1;
+    }
+  }
   try {
     handle->stream->close();
   } catch (std::exception& e) {

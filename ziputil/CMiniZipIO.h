@@ -31,6 +31,12 @@ public:
   /// Never cleared by a later success.
   tal::P<tal::CError> getLastError() const;
 
+  /// Addition: with true, `close` first makes what was written through the
+  /// stream durable (tal::IFileSystem::sync) and then closes it; a failure of
+  /// the sync is the close's failure (recorded, -1), and the stream is closed
+  /// all the same. Off by default.
+  void setSyncOnClose(bool sync) { m_syncOnClose = sync; }
+
   /// What `open` hands to minizip and minizip hands back to every other callback.
   struct StreamHandle {
     tal::P<tal::IInOutStream> stream;
@@ -58,6 +64,7 @@ private:
   tal::P<tal::IFileSystem> m_fileSystem;
   zlib_filefunc64_def m_funcs;
   tal::P<tal::CError> m_lastError;
+  bool m_syncOnClose = false;
 };
 
 } // namespace ziputil

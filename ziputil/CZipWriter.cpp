@@ -1,11 +1,18 @@
 #include "ziputil/CZipWriter.h"
 
+#include "ziputil/ArchiveLayout.h"
+#include "ziputil/MiniZipExtras.h"
 #include "ziputil/MiniZipFailure.h"
 
 #include <wx/strconv.h>
 #include <zip.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <random>
+#include <vector>
 
 namespace ziputil {
 namespace {
@@ -24,6 +31,45 @@ zip_fileinfo fileInfoFor(tal::CTimeFields const& time) {
   return info;
 }
 
+/// Writes all of `data`, in pieces a stream's int size can carry.
+void writeAll(tal::IOutStream& out, std::string const& data) {
+  constexpr std::size_t kPiece = 1 << 30;
+  for (std::size_t done = 0; done < data.size(); done += kPiece)
+    out.write(data.data() + done, static_cast<int>(std::min(kPiece, data.size() - done)), nullptr);
+}
+
+void copyStream(tal::IInStream& in, tal::IOutStream& out) {
+  std::vector<char> buffer(1 << 20);
+  in.seek(0);
+  while (int const n = in.readLax(buffer.data(), static_cast<int>(buffer.size()))) out.write(buffer.data(), n, nullptr);
+}
+
+void removeQuietly(tal::IFileSystem* fileSystem, tal::CURI const& uri) {
+  try {
+    fileSystem->remove(uri);
+  } catch (std::exception&) {
+    // nothing more can be done for a copy that cannot be removed
+  }
+}
+
+/// A sibling of `uri` that does not exist yet: "<path>.tmp-<16 hex digits>".
+tal::CURI freshSibling(tal::IFileSystem* fileSystem, tal::CURI const& uri) {
+  static std::atomic<unsigned long long> counter{0};
+  std::random_device device;
+  for (;;) {
+    unsigned long long const n = (static_cast<unsigned long long>(device()) << 32) ^ device() ^ ++counter;
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, ".tmp-%016llx", n);
+    tal::String const path = uri.getPath() + tal::String(suffix);
+    auto present = [](bool has, tal::String const& value) { return has ? tal::TConstOptRef<tal::String>(value) : nullptr; };
+    tal::CURI const sibling(uri.getScheme(), path, present(uri.hasUser(), uri.getUser()),
+                            present(uri.hasPassword(), uri.getPassword()),
+                            present(uri.hasAuthority(), uri.getHost()), uri.getPort(),
+                            present(uri.hasQuery(), uri.getQuery()), nullptr);
+    if (!fileSystem->exists(sibling)) return sibling;
+  }
+}
+
 /// The 22-byte end-of-central-directory record of an archive without entries.
 constexpr unsigned char kEmptyArchive[22] = {0x50, 0x4b, 0x05, 0x06};
 
@@ -31,16 +77,77 @@ constexpr unsigned char kEmptyArchive[22] = {0x50, 0x4b, 0x05, 0x06};
 
 CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
                        CompLevel compressionLevel)
+    : CZipWriter(fileSystem, archiveURI, password, compressionLevel, Options()) {}
+
+CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
+                       CompLevel compressionLevel, Options const& options)
     : m_fileSystem(fileSystem), m_archiveURI(archiveURI), m_password(password), m_hasPassword(password.length() != 0),
       m_level(compressionLevel), m_entryOpen(false) {
-  auto state = std::make_unique<ArchiveState>(fileSystem);
-  zlib_filefunc64_def* funcs = state->bridge.getFuncs();
-  std::string const path = archiveURI.toString(true).toUTF8();
-  state->handle = zipOpen2_64(path.c_str(), APPEND_STATUS_ADDINZIP, nullptr, funcs);
-  if (!state->handle)
-    throwOpenFailure(state->bridge.getLastError(),
-                     tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr));
+  open(options);
+}
+
+void CZipWriter::open(Options const& options) {
+  auto state = std::make_unique<ArchiveState>(m_fileSystem.get());
+  state->atomic = options.atomicReplace;
+  if (state->atomic)
+    openCopy(*state);
+  else
+    openInPlace(*state);
   m_state = std::move(state);
+}
+
+void CZipWriter::openMinizip(ArchiveState& state) {
+  zlib_filefunc64_def* funcs = state.bridge.getFuncs();
+  std::string const path = state.target.toString(true).toUTF8();
+  state.handle = zipOpen2_64(path.c_str(), APPEND_STATUS_ADDINZIP, nullptr, funcs);
+  if (!state.handle)
+    throwOpenFailure(state.bridge.getLastError(),
+                     tal::CError(tal::String("zipOpen2_64 failed"), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr));
+  // minizip passes over some failures while it looks for the end records;
+  // what it then found cannot be trusted.
+  if (tal::P<tal::CError> absorbed = state.bridge.getLastError()) {
+    ziputil_zipDiscard(state.handle);
+    state.handle = nullptr;
+    absorbed->throwClone();
+  }
+}
+
+void CZipWriter::openInPlace(ArchiveState& state) {
+  state.target = m_archiveURI;
+  openMinizip(state);
+  try {
+    // What minizip found is checked whole before anything is written, and the
+    // part it will overwrite is kept for putting it back.
+    tal::P<tal::IInOutStream> in =
+        m_fileSystem->openStream(m_archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
+    ArchiveLayout const layout = readArchiveLayout(*in, m_archiveURI, state.tail);
+    in->close();
+    state.oldLength = layout.fileLength;
+    state.tailOffset = layout.centralStart;
+  } catch (...) {
+    ziputil_zipDiscard(state.handle);
+    state.handle = nullptr;
+    throw;
+  }
+}
+
+void CZipWriter::openCopy(ArchiveState& state) {
+  tal::P<tal::IInOutStream> in =
+      m_fileSystem->openStream(m_archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
+  std::string tail;
+  readArchiveLayout(*in, m_archiveURI, tail);
+  state.target = freshSibling(m_fileSystem.get(), m_archiveURI);
+  try {
+    tal::P<tal::IInOutStream> out =
+        m_fileSystem->openStream(state.target, tal::IFileSystem::AccessReadWrite, tal::IFileSystem::OpenCreate);
+    copyStream(*in, *out);
+    out->close();
+    in->close();
+    openMinizip(state);
+  } catch (...) {
+    removeQuietly(m_fileSystem.get(), state.target);
+    throw;
+  }
 }
 
 CZipWriter::~CZipWriter() {
@@ -69,6 +176,48 @@ void CZipWriter::checkCanBegin(tal::CURI const& relativeURIInArchive) const {
   }
 }
 
+void CZipWriter::undoChanges(ArchiveState& state) {
+  if (state.handle) {
+    ziputil_zipDiscard(state.handle); // closing minizip's stream may fail: what it wrote is undone below
+    state.handle = nullptr;
+  }
+  if (state.atomic) {
+    m_fileSystem->remove(state.target);
+    return;
+  }
+  tal::P<tal::IInOutStream> out =
+      m_fileSystem->openStream(state.target, tal::IFileSystem::AccessReadWrite, tal::IFileSystem::OpenNoFlags);
+  out->seek(state.tailOffset);
+  writeAll(*out, state.tail);
+  out->setLength(state.oldLength);
+  out->close();
+}
+
+void CZipWriter::rollBackAndThrow(tal::P<tal::CError> const& error) {
+  std::unique_ptr<ArchiveState> state = std::move(m_state); // the writer is closed from here on
+  try {
+    undoChanges(*state);
+  } catch (std::exception& e) {
+    error->setProp(tal::String("rollbackError"), tal::String::fromUTF8(e.what()));
+  }
+  state.reset();
+  error->throwClone();
+  __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
+}
+
+void CZipWriter::failWrite(int result, tal::CError const& fallback) {
+  rollBackAndThrow(writeFailure(m_state->bridge.getLastError(), result, fallback));
+}
+
+void CZipWriter::cutOldTail() {
+  auto* handle = static_cast<CMiniZipIO::StreamHandle*>(ziputil_zipFileStream(m_state->handle));
+  try {
+    handle->stream->setLength(handle->stream->getPosition());
+  } catch (std::exception& e) {
+    rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone());
+  }
+}
+
 int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time) {
   std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
   zip_fileinfo const info = fileInfoFor(time);
@@ -83,11 +232,9 @@ tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInA
   checkCanBegin(relativeURIInArchive);
   tal::CURI const entryURI = m_archiveURI << relativeURIInArchive;
   int const result = openEntry(relativeURIInArchive, time);
-  if (result != ZIP_OK) {
-    tal::CError const fallback(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                               minizipFailureProps(m_archiveURI, result), nullptr);
-    throwMinizipFailure(m_state->bridge.getLastError(), result, fallback);
-  }
+  if (!writeSucceeded(result))
+    failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                  minizipFailureProps(m_archiveURI, result), nullptr));
   tal::P<tal::IOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
   m_entryOpen = true;
   return stream;
@@ -96,13 +243,28 @@ tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInA
 void CZipWriter::close() {
   tal::CMutexLock lock(m_mutex);
   if (!m_state) return;
+  cutOldTail();
+  m_state->bridge.setSyncOnClose(m_state->atomic);
   int const result = zipClose(m_state->handle, "");
-  tal::P<tal::CError> bridgeError = result == ZIP_OK ? tal::P<tal::CError>() : m_state->bridge.getLastError();
+  m_state->handle = nullptr; // zipClose lets go of it, also when it fails
+  if (!writeSucceeded(result))
+    failWrite(result, tal::CError(tal::String("zipClose failed"), tal::String(), -1,
+                                  minizipFailureProps(m_archiveURI, result), nullptr));
+  if (m_state->atomic) {
+    try {
+      m_fileSystem->move(m_state->target, m_archiveURI);
+    } catch (std::exception& e) {
+      rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone());
+    }
+  }
   m_state.reset();
-  if (result == ZIP_OK) return;
-  tal::CError const fallback(tal::String("zipClose failed"), tal::String(), -1,
-                             minizipFailureProps(m_archiveURI, result), nullptr);
-  throwMinizipFailure(bridgeError, result, fallback);
+}
+
+void CZipWriter::discard() {
+  tal::CMutexLock lock(m_mutex);
+  if (!m_state) return;
+  std::unique_ptr<ArchiveState> state = std::move(m_state);
+  undoChanges(*state);
 }
 
 void createEmptyArchive(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI) {

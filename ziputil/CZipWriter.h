@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 namespace ziputil {
 
@@ -30,6 +31,30 @@ namespace ziputil {
 /// Threads: beginAddFile and close, and the entry stream's write and close,
 /// hold the writer's mutex for their whole run; several threads may add
 /// entries in turn.
+///
+/// Integrity (additions):
+/// - Before the first byte is written, the constructor reads the archive's end
+///   record and every central header whole; an archive whose end or central
+///   directory is cut short or damaged is refused with CError "Damaged
+///   archive: <what>." {"uri", "offset"} (a non-empty file without an end
+///   record: "Not a ZIP archive: no end-of-central-directory record." {"uri"}),
+///   and a failure of the file system while minizip reads it is thrown even
+///   where minizip would carry on. The file is untouched then.
+/// - One writer, from construction to close(), is one transaction. When
+///   anything fails after the writer may have changed the file (a minizip
+///   failure in beginAddFile, the entry stream's write or close, close(), the
+///   destructor's close), including a file-system failure that minizip itself
+///   would have passed over, the writer puts the file back as it was when it
+///   was opened and is closed afterwards; entries finished before the failure
+///   are gone with it. The caller gets the error documented for that call (the
+///   file system's own error where it failed). When putting the file back
+///   fails too, that error's message is added to it as "rollbackError".
+///   Putting back works from a copy, kept in memory from construction, of the
+///   file's bytes from the old central directory on (the central directory,
+///   end records and comment); a process killed meanwhile cannot put anything
+///   back: use Options::atomicReplace when that matters.
+/// - close() cuts off whatever the old central directory and comment left
+///   behind the new end record.
 class CZipWriter : public tal::TRequireNewAlloc<tal::CBase> {
 public:
   /// The deflate level, handed to zlib unchanged (any value -1..9 may be cast).
@@ -43,11 +68,39 @@ public:
 
   class CFileInZipOutStream;
 
+  /// Addition: how the writer commits.
+  struct Options {
+    /// false (the default): entries are added to the archive in place, and a
+    /// failure puts the file back (see above).
+    ///
+    /// true: the archive is never changed in place. The constructor checks the
+    /// archive's end and central directory (so that a file minizip could not
+    /// open either is refused with the "Damaged archive" and "Not a ZIP
+    /// archive" errors, not "zipOpen2_64 failed"), copies the whole archive to
+    /// a new sibling file "<archive>.tmp-<16 hex digits>" (created; it must not
+    /// exist), and entries are added to that copy. close()
+    /// writes its central directory, makes it durable (IFileSystem::sync on the
+    /// stream that wrote it) and moves it over the archive (IFileSystem::move).
+    /// So at every instant, whatever happens to the process or the machine, the
+    /// file at the archive's URI is either the old archive or the complete new
+    /// one. Any failure, including a file system without sync or move (their
+    /// NotSupported errors), removes the copy and leaves the archive untouched;
+    /// a process killed meanwhile leaves the copy behind. Costs a copy of the
+    /// archive (its size again in bytes written, and the same free space);
+    /// prefer it for archives that must survive crashes and full disks, the
+    /// default for large archives that other copies already protect. Errors
+    /// about the copy carry the copy's URI.
+    bool atomicReplace = false;
+  };
+
   /// Opens the archive for adding (zipOpen2_64, APPEND_STATUS_ADDINZIP); the
   /// file must already hold a ZIP archive (see createEmptyArchive). Throws the
   /// file system's error, or CError "zipOpen2_64 failed" {"uri"}.
   CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
              CompLevel compressionLevel);
+  /// Addition: as the constructor above, with `options` (see Options).
+  CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
+             CompLevel compressionLevel, Options const& options);
   /// Closes the archive; never throws (a failure is reported to
   /// tal::onExceptionInDestructorIgnored as "ziputil::CZipWriter").
   ~CZipWriter() override;
@@ -69,16 +122,51 @@ public:
   /// stream then reports the archive closed.
   void close();
 
+  /// Addition: gives up everything this writer did and closes it: in place,
+  /// the file is put back as it was when the writer was opened; with
+  /// Options::atomicReplace, the copy is removed and the archive was never
+  /// touched. An entry stream still open then reports the archive closed. A
+  /// second call, or a call after close(), does nothing. Throws the file
+  /// system's error when putting the file back fails (the writer is closed
+  /// all the same).
+  void discard();
+
 private:
-  /// The open archive: minizip's handle and the bridge it writes through.
+  /// The open archive: minizip's handle, the bridge it writes through, and
+  /// what undoing the writer's changes needs.
   struct ArchiveState {
     explicit ArchiveState(tal::IFileSystem* fileSystem) : handle(nullptr), bridge(fileSystem) {}
-    zipFile handle;
+    zipFile handle; ///< null once minizip has let go of it
     CMiniZipIO bridge;
+    /// The file minizip writes: the archive, or its copy when replacing atomically.
+    tal::CURI target;
+    bool atomic = false;
+    /// In place: the file's length at construction, and its bytes from
+    /// tailOffset (the old central directory) to the end.
+    long long oldLength = 0;
+    long long tailOffset = 0;
+    std::string tail;
   };
 
+  void open(Options const& options);
+  void openInPlace(ArchiveState& state);
+  void openCopy(ArchiveState& state);
+  /// Opens minizip on state.target; throws as the constructor documents.
+  void openMinizip(ArchiveState& state);
   void checkCanBegin(tal::CURI const& relativeURIInArchive) const;
   int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time);
+  /// Cuts the target at minizip's write position: what lies beyond is the old
+  /// central directory, end records and comment, which close() writes anew.
+  void cutOldTail();
+  /// Under the mutex, after a minizip call on the open archive: whether it
+  /// succeeded with no file-system call failing underneath.
+  bool writeSucceeded(int result) const { return result == ZIP_OK && !m_state->bridge.getLastError(); }
+  /// After a call that did not succeed: undoes the writer's changes, closes
+  /// the writer and throws the failure (see the class comment).
+  [[noreturn]] void failWrite(int result, tal::CError const& fallback);
+  [[noreturn]] void rollBackAndThrow(tal::P<tal::CError> const& error);
+  /// Puts the file back as it was (in place) or removes the copy (atomic).
+  void undoChanges(ArchiveState& state);
 
   std::unique_ptr<ArchiveState> m_state;
   tal::CMutex m_mutex;

@@ -14,6 +14,11 @@ void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal
   __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
+tal::P<tal::CError> writeFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback) {
+  if ((result == 0 || result == -1) && bridgeError) return bridgeError;
+  return fallback.clone();
+}
+
 void throwOpenFailure(tal::P<tal::CError> const& bridgeError, tal::CError const& fallback) {
   throwMinizipFailure(bridgeError, -1, fallback); // no handle: whatever the bridge recorded is the cause
 }

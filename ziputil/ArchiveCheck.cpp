@@ -1,0 +1,14 @@
+#include "ziputil/ArchiveCheck.h"
+
+#include "ziputil/ArchiveLayout.h"
+
+namespace ziputil {
+
+void checkArchiveLayout(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI) {
+  tal::P<tal::IInOutStream> stream =
+      fileSystem->openStream(archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
+  checkArchiveRecords(*stream, archiveURI);
+  stream->close();
+}
+
+} // namespace ziputil
