@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,34 +129,54 @@ tal::CTimeFields localTimeFields(long long seconds) {
                           local.tm_sec, 0.0, 0, false);
 }
 
-void addFileContents(tal::IOutStream& out, std::string const& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+/// A file opened for adding; closed when dropped. Opening does not wait (a
+/// pipe without writer would block it).
+class CInputFile {
+public:
+  explicit CInputFile(std::string const& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~CInputFile() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  CInputFile(CInputFile const&) = delete;
+  CInputFile& operator=(CInputFile const&) = delete;
+  int fd() const { return m_fd; }
+
+private:
+  int m_fd;
+};
+
+void copyFileContents(int fd, tal::IOutStream& out, std::string const& path) {
   std::vector<unsigned char> buffer(kChunk);
   for (;;) {
     ssize_t n = ::read(fd, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int error = errno;
-      ::close(fd);
-      throw std::runtime_error("cannot read " + path + ": " + std::strerror(error));
-    }
+    if (n < 0) throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
     if (n == 0) break;
     out.write(buffer.data(), static_cast<int>(n), nullptr);
   }
-  ::close(fd);
 }
 
-void addItem(ziputil::CZipWriter& writer, SourceItem const& item) {
+/// Adds one item; false when it was skipped because it cannot be read (the
+/// input is opened before its entry begins, so a skipped file leaves no entry).
+bool addItem(ziputil::CZipWriter& writer, SourceItem const& item) {
+  std::unique_ptr<CInputFile> input;
+  if (!item.isDirectory) {
+    input = std::make_unique<CInputFile>(item.localPath);
+    if (input->fd() < 0) {
+      std::fprintf(stderr, "ziputil: skipping %s: cannot read it: %s\n", item.localPath.c_str(), std::strerror(errno));
+      return false;
+    }
+    struct stat st;
+    if (::fstat(input->fd(), &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
+      std::fprintf(stderr, "ziputil: skipping %s: not a regular file\n", item.localPath.c_str());
+      return false;
+    }
+  }
   tal::P<tal::IOutStream> out = writer.beginAddFile(entryURIFromPath(textFromBytes(item.entryName)),
                                                     localTimeFields(item.modifiedTime));
-  try {
-    if (!item.isDirectory) addFileContents(*out, item.localPath);
-  } catch (...) {
-    out->close(); // the writer accepts no other entry until this one is closed
-    throw;
-  }
+  if (input) copyFileContents(input->fd(), *out, item.localPath);
   out->close();
+  return true;
 }
 
 std::vector<SourceItem> collectAll(std::vector<std::string> const& paths, std::string const& archivePath) {
@@ -251,16 +272,37 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
   tal::CURI uri = archiveURIFromArgument(archive);
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
   std::vector<SourceItem> items = collectAll(paths, localPathOf(uri));
-  if (!fileSystem->exists(uri)) ziputil::createEmptyArchive(fileSystem.get(), uri);
-  tal::P<ziputil::CZipWriter> writer = tal::newObj<ziputil::CZipWriter>(
-      fileSystem.get(), uri, textFromBytes(options.password), static_cast<ziputil::CZipWriter::CompLevel>(options.level));
-  CProgress progress("adding");
-  for (SourceItem const& item : items) {
-    progress.step(item.entryName);
-    addItem(*writer, item);
+  bool const created = !fileSystem->exists(uri);
+  if (created) ziputil::createEmptyArchive(fileSystem.get(), uri);
+  tal::P<ziputil::CZipWriter> writer;
+  try {
+    // The new archive is written beside the old one and moved over it when
+    // complete: whatever happens meanwhile, ARCHIVE is the old or the new one.
+    ziputil::CZipWriter::Options writerOptions;
+    writerOptions.atomicReplace = true;
+    writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
+                                             static_cast<ziputil::CZipWriter::CompLevel>(options.level),
+                                             writerOptions);
+    CProgress progress("adding");
+    bool skipped = false;
+    for (SourceItem const& item : items) {
+      progress.step(item.entryName);
+      if (!addItem(*writer, item)) {
+        progress.clear();
+        skipped = true;
+      }
+    }
+    writer->close();
+    return skipped ? 1 : 0;
+  } catch (...) {
+    try {
+      if (writer) writer->discard(); // nothing of this run reaches ARCHIVE
+      if (created) fileSystem->remove(uri);
+    } catch (std::exception const& e) {
+      reportError(e, "while giving up: ");
+    }
+    throw;
   }
-  writer->close();
-  return 0;
 }
 
 } // namespace ziputil_tool

@@ -32,7 +32,11 @@ Command const kCommands[] = {
     {"add", "add [--password P] [--level N] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
-     "times in local time. N is the deflate level, 0 to 9 (default 6).\n"},
+     "times in local time. N is the deflate level, 0 to 9 (default 6).\n"
+     "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
+     "always either the old archive or the new one, even if the program is killed or the disk\n"
+     "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"
+     "any other failure leaves ARCHIVE as it was.\n"},
     {"test", "test [--password P] ARCHIVE",
      "Reads every entry and checks its CRC-32 and size; names each bad entry.\n"},
 };

@@ -343,6 +343,180 @@ class AddTest(CliTestCase):
             self.assertEqual(z.namelist(), ["d/", "d/a.txt"])
 
 
+def leftovers(folder, archive_name):
+    """Sibling copies the program left behind (after being killed)."""
+    return [name for name in os.listdir(folder) if name.startswith(archive_name + ".tmp-")]
+
+
+class AddIntegrityTest(CliTestCase):
+    """Adding never loses or silently corrupts the archive it adds to."""
+
+    def old_archive(self, entries=3):
+        archive = self.path("old.zip")
+        make_zip(archive, [("old%d.txt" % i, ("old entry %d\n" % i).encode() * (i + 1)) for i in range(entries)])
+        with open(archive, "rb") as f:
+            return archive, f.read()
+
+    def assertOldEntriesIntact(self, archive, entries):
+        with zipfile.ZipFile(archive) as z:
+            self.assertIsNone(z.testzip())
+            for i in range(entries):
+                self.assertEqual(z.read("old%d.txt" % i), ("old entry %d\n" % i).encode() * (i + 1))
+        ok, report = unzip_tests_every_entry(archive)
+        self.assertTrue(ok, report)
+        self.assertResult(run("test", archive), 0)
+
+    def test_damaged_archives_are_refused_untouched(self):
+        archive, good = self.old_archive()
+        self.write("new.txt", b"new")
+        last = good.rindex(b"PK\x01\x02")  # the last central header
+        damaged = {
+            "end record cut short by 10": good[:-10],
+            "end record cut short by 14": good[:-14],
+            "stray end signature": good + b"PK\x05\x06",
+            "central header without signature": good[:last] + b"X" + good[last + 1:],
+            "central header name running past the directory": good[:last + 28] + b"\xff\x00" + good[last + 30:],
+        }
+        for what, data in damaged.items():
+            with self.subTest(what):
+                with open(archive, "wb") as f:
+                    f.write(data)
+                result = run("add", archive, "new.txt", cwd=self.dir)
+                self.assertResult(result, 1)
+                self.assertIn(b"Damaged archive: ", result.stderr)
+                self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
+                with open(archive, "rb") as f:
+                    self.assertEqual(f.read(), data)
+                self.assertEqual(leftovers(self.dir, "old.zip"), [])
+
+    def run_as_nobody(self, *args):
+        return subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PROGRAM, *args],
+                              cwd=self.dir, capture_output=True, timeout=120)
+
+    def test_unreadable_input_is_named_and_skipped(self):
+        archive, _ = self.old_archive()
+        self.write("in/a.txt", b"readable a")
+        self.write("in/secret.txt", b"cannot be read")
+        self.write("in/z.txt", b"readable z")
+        os.chmod(self.path("in", "secret.txt"), 0)
+        if os.getuid() == 0:  # root reads everything: run the program as an ordinary user
+            for path in (self.dir, self.path("in")):
+                os.chmod(path, 0o777)
+            os.chmod(archive, 0o666)
+            result = self.run_as_nobody("add", archive, "in")
+        else:
+            result = run("add", archive, "in", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertIn(b"skipping in/secret.txt: cannot read it: Permission denied", result.stderr)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["old0.txt", "old1.txt", "old2.txt", "in/", "in/a.txt", "in/z.txt"])
+            self.assertEqual(z.read("in/z.txt"), b"readable z")
+        self.assertOldEntriesIntact(archive, 3)
+
+    def test_special_files_are_skipped(self):
+        archive, _ = self.old_archive()
+        self.write("x.txt", b"x")
+        os.mkfifo(self.path("pipe"))  # opening it for reading would wait for a writer
+        result = run("add", archive, "x.txt", "pipe", "/dev/zero", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertIn(b"skipping pipe: not a regular file", result.stderr)
+        self.assertIn(b"skipping /dev/zero: not a regular file", result.stderr)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["old0.txt", "old1.txt", "old2.txt", "x.txt"])
+        self.assertOldEntriesIntact(archive, 3)
+
+    def test_failed_read_of_an_input_changes_nothing(self):
+        # /proc/self/mem opens, but reading its first page fails (EIO).
+        archive, old = self.old_archive()
+        self.write("x.txt", b"x")
+        result = run("add", archive, "x.txt", "/proc/self/mem", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertIn(b"cannot read /proc/self/mem: Input/output error", result.stderr)
+        with open(archive, "rb") as f:
+            self.assertEqual(f.read(), old)
+        self.assertEqual(leftovers(self.dir, "old.zip"), [])
+        fresh = self.path("fresh.zip")
+        self.assertResult(run("add", fresh, "x.txt", "/proc/self/mem", cwd=self.dir), 1)
+        self.assertFalse(os.path.exists(fresh))  # the archive it had created is gone again
+
+    def test_killed_add_leaves_old_or_complete_new_archive(self):
+        entries = 2000
+        archive, old = self.old_archive(entries)
+        # Incompressible data, so that the entry takes a while to deflate.
+        big = self.write("big.bin", os.urandom(24 << 20))
+        pristine = self.path("pristine.zip")
+        shutil.copyfile(archive, pristine)
+        start = time.monotonic()
+        self.assertResult(run("add", "--level", "1", archive, "big.bin", cwd=self.dir), 0)
+        duration = time.monotonic() - start
+        points = 24
+        seen = {"old": 0, "new": 0}
+        for k in range(points):
+            shutil.copyfile(pristine, archive)
+            process = subprocess.Popen([PROGRAM, "add", "--level", "1", archive, "big.bin"], cwd=self.dir,
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            # Kill points spread over the whole run, the last ones close to its end.
+            time.sleep(duration * (k + 0.5) / points * 1.05)
+            process.kill()
+            process.wait()
+            with open(archive, "rb") as f:
+                data = f.read()
+            if data == old:
+                seen["old"] += 1
+            else:
+                seen["new"] += 1
+                with zipfile.ZipFile(archive) as z:
+                    self.assertEqual(len(z.namelist()), entries + 1)
+                    with open(big, "rb") as f:
+                        self.assertEqual(z.read("big.bin"), f.read())
+            self.assertOldEntriesIntact(archive, entries)
+            for name in leftovers(self.dir, "old.zip"):
+                os.remove(self.path(name))
+        print("kill points: %d, old archive kept: %d, new archive complete: %d, run %.2f s"
+              % (points, seen["old"], seen["new"], duration))
+        self.assertGreater(seen["old"], points // 2)
+
+    def mount_small_disk(self, size):
+        disk = self.path("disk")
+        os.mkdir(disk)
+        result = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=%d" % size, "tmpfs", disk], capture_output=True)
+        if result.returncode != 0:
+            self.skipTest("cannot mount a small file system here: " + result.stderr.decode(errors="replace"))
+        self.addCleanup(subprocess.run, ["umount", disk])
+        return disk
+
+    def test_full_disk_keeps_the_old_archive(self):
+        disk = self.mount_small_disk(1 << 20)
+        archive = os.path.join(disk, "old.zip")
+        make_zip(archive, [("old%d.txt" % i, os.urandom(20000)) for i in range(8)], zipfile.ZIP_STORED)
+        with open(archive, "rb") as f:
+            old = f.read()
+        outcomes = {"refused": 0, "added": 0}
+        # Inputs around the room left, so that the disk fills at every stage of the add.
+        for size in list(range(100 << 10, 600 << 10, 100 << 10)) + list(range(600 << 10, 900 << 10, 8 << 10)):
+            data = os.urandom(size)
+            self.write("in.bin", data)
+            result = run("add", "--level", "0", archive, self.path("in.bin"), cwd=self.dir)
+            with open(archive, "rb") as f:
+                now = f.read()
+            if result.returncode == 0:
+                outcomes["added"] += 1
+                with zipfile.ZipFile(archive) as z:
+                    self.assertIsNone(z.testzip())
+                    self.assertEqual(z.read(self.path("in.bin").lstrip("/")), data)
+                with open(archive, "wb") as f:
+                    f.write(old)
+            else:
+                outcomes["refused"] += 1
+                self.assertResult(result, 1)
+                self.assertIn(b"No space left on device", result.stderr)
+                self.assertEqual(now, old)
+            self.assertEqual(leftovers(disk, "old.zip"), [])
+        print("full disk: %s" % outcomes)
+        self.assertGreater(outcomes["refused"], 10)
+        self.assertGreater(outcomes["added"], 10)
+
+
 class ProgressTest(CliTestCase):
     def run_with_terminal_stderr(self, *args):
         import pty
