@@ -1,6 +1,11 @@
 #include "ziputil/CZipReader.h"
 
+#include "ziputil/MiniZipExtras.h"
 #include "ziputil/MiniZipFailure.h"
+
+#include <zlib.h>
+
+#include <cstdio>
 
 namespace ziputil {
 namespace {
@@ -44,6 +49,7 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
                               tal::uriProps(m_uri), nullptr);
     throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
   }
+  if (m_verifyError) m_verifyError->throwClone();
   if (size <= 0) return 0;
   int const result = unzReadCurrentFile(reader->m_zipStuff->handle, buffer, static_cast<unsigned>(size));
   if (result < 0) {
@@ -54,8 +60,48 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
                         tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
   }
   m_position += result;
+  if (m_verify && !m_verified) {
+    m_crc = crc32(m_crc, static_cast<Bytef const*>(buffer), static_cast<uInt>(result));
+    if (result < size || m_position >= m_storedSize) verifyEnd(*reader->m_zipStuff);
+  }
   if (result < size) m_length = m_position;
   return result;
+}
+
+void CZipReader::CFileInZipInStream::verifyAgainst(unsigned long crc, long long size) {
+  m_verify = true;
+  m_storedCRC = crc;
+  m_storedSize = size;
+  m_crc = crc32(0L, Z_NULL, 0);
+}
+
+void CZipReader::CFileInZipInStream::throwVerifyFailure(std::string const& message) {
+  tal::CIOError const error(tal::CIOError::ReadFailed, tal::String(message.c_str()), tal::uriProps(m_uri), nullptr);
+  m_verifyError = tal::CFileSystemError(tal::CFileSystemError::Unspecified, error).clone();
+  m_verifyError->throwClone();
+  __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
+}
+
+void CZipReader::CFileInZipInStream::verifyEnd(ZipStuff& stuff) {
+  m_verified = true;
+  char text[160];
+  if (m_position < m_storedSize) {
+    std::snprintf(text, sizeof text, "ZIP entry is shorter than its stored size: %lld of %lld bytes", m_position,
+                  m_storedSize);
+    throwVerifyFailure(text);
+  }
+  unsigned char beyond = 0;
+  int const past = ziputil_unzReadPastEnd(stuff.handle, &beyond, 1);
+  if (past != 0) {
+    if (past == UNZ_ERRNO && stuff.io.getLastError()) stuff.io.getLastError()->throwClone(); // the file system failed
+    std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %lld bytes", m_storedSize);
+    throwVerifyFailure(text);
+  }
+  if (m_crc != m_storedCRC) {
+    std::snprintf(text, sizeof text, "ZIP entry's CRC-32 does not match: computed %08lx, stored %08lx", m_crc,
+                  m_storedCRC);
+    throwVerifyFailure(text);
+  }
 }
 
 void CZipReader::CFileInZipInStream::read(void* buffer, int size) {

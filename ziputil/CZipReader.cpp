@@ -5,6 +5,7 @@
 
 #include <wx/strconv.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace ziputil {
@@ -45,8 +46,12 @@ int CZipReader::ZipStuff::compareFileNames(void*, const char* name1, const char*
 // ---- CZipReader ----------------------------------------------------------------
 
 CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password)
-    : m_fileSystem(fileSystem), m_archiveURI(archiveURI), m_password(password), m_hasPassword(!password.empty()),
-      m_atFirst(true), m_streamOpen(false) {
+    : CZipReader(fileSystem, archiveURI, password, Options()) {}
+
+CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
+                       Options const& options)
+    : m_options(options), m_fileSystem(fileSystem), m_archiveURI(archiveURI), m_password(password),
+      m_hasPassword(!password.empty()), m_atFirst(true), m_streamOpen(false) {
   m_nameBuffer.setUsed(kNameBufferLength);
   auto stuff = std::make_unique<ZipStuff>(fileSystem);
   zlib_filefunc64_def* funcs = stuff->io.getFuncs();
@@ -143,9 +148,10 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
   }
   long long const size = getCurrentFileUncompressedSize();
   tal::CURI const entryURI = m_archiveURI << m_currentRelativeURI;
-  tal::P<tal::IInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
+  tal::P<CFileInZipInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
+  if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), size);
   m_streamOpen = true;
-  return stream;
+  return tal::P<tal::IInStream>(stream);
 }
 
 tal::CURI CZipReader::getCurrentFileRelativeURI() const { return tal::CURI(m_currentRelativeURI, nullptr); }
@@ -177,6 +183,18 @@ bool CZipReader::isCurrentFileDirectory() const {
 unsigned long CZipReader::getCurrentFileCRC32() const {
   return isPositioned() ? static_cast<unsigned long>(m_zipStuff->fileInfo.crc) : 0;
 }
+
+int CZipReader::getCurrentFileMethod() const {
+  return isPositioned() ? static_cast<int>(m_zipStuff->fileInfo.compression_method) : -1;
+}
+
+std::string CZipReader::getCurrentFileRawName() const {
+  if (!isPositioned()) return std::string();
+  std::size_t const stored = static_cast<std::size_t>(m_zipStuff->fileInfo.size_filename);
+  return std::string(m_nameBuffer.getData(), std::min<std::size_t>(stored, kNameBufferLength - 1));
+}
+
+bool CZipReader::isCurrentFileNameUTF8() const { return isPositioned() && (m_zipStuff->fileInfo.flag & 0x800) != 0; }
 
 void CZipReader::close() {
   tal::CMutexLock lock(m_mutex);

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 namespace ziputil {
 
@@ -56,11 +57,31 @@ public:
 
   class CFileInZipInStream;
 
+  /// Addition: what the reader checks.
+  struct Options {
+    /// When true, every entry stream checks the entry when a read reaches its
+    /// end (the read that returns the entry's last stored byte, or returns
+    /// short): that read throws CFileSystemError (Unspecified) from CIOError
+    /// ReadFailed {"uri": the entry's URI text} when the entry holds fewer
+    /// bytes than its stored size ("ZIP entry is shorter than its stored
+    /// size: <n> of <size> bytes"), when its data goes on past the stored size
+    /// or its deflate stream does not end there ("ZIP entry's data does not
+    /// end at its stored size of <size> bytes"), or when its bytes do not match
+    /// the stored CRC-32 ("ZIP entry's CRC-32 does not match: computed
+    /// <8 hex digits>, stored <8 hex digits>"). Every later read throws the
+    /// same error. Off by default: the entry stream then hands out what minizip
+    /// decompresses, up to the stored size, unchecked.
+    bool verifyEntries = false;
+  };
+
   /// Opens the archive (unzOpen2_64 through the bridge); does not position it.
   /// Throws the file system's error when the archive cannot be read, else
   /// CError "File is not a valid ZIP archive." {"uri"}. A non-empty `password`
   /// is used for every entry opened.
   CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password);
+  /// Addition: as the constructor above, with `options` (see Options).
+  CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
+             Options const& options);
   /// Closes the archive; never throws (a failure is reported to
   /// tal::onExceptionInDestructorIgnored as "ziputil::CZipReader").
   ~CZipReader() override;
@@ -81,7 +102,10 @@ public:
   /// has one). Throws CError "CZipReader not positioned at a file. Cannot open
   /// stream." when not positioned, and CFileSystemError (Unspecified) from
   /// CError "unzOpenCurrentFilePassword failed" / "unzOpenCurrentFile failed"
-  /// {"uri", "result"} when minizip refuses. Takes no lock.
+  /// {"uri", "result"} when minizip refuses: among others with result -106
+  /// (ZIPUTIL_UNZ_BADPASSWORD) for a wrong password and -107
+  /// (ZIPUTIL_UNZ_BADMETHOD) for an entry compressed with another method than
+  /// stored or deflated, which is never handed out as raw bytes. Takes no lock.
   tal::P<tal::IInStream> openCurrentFileStream();
 
   /// The current entry's cleaned relative URI; empty when not positioned.
@@ -97,6 +121,17 @@ public:
   bool isCurrentFileDirectory() const;
   /// The CRC-32 stored for the current entry; 0 when not positioned.
   unsigned long getCurrentFileCRC32() const;
+  /// Addition: the current entry's compression method as stored (0 stored,
+  /// 8 deflated, anything else cannot be read); -1 when not positioned.
+  int getCurrentFileMethod() const;
+  /// Addition: the current entry's name exactly as stored, as bytes (whatever
+  /// its encoding; the relative URI always decodes it as UTF-8); empty when
+  /// not positioned.
+  std::string getCurrentFileRawName() const;
+  /// Addition: whether the current entry's UTF-8 flag (general-purpose bit
+  /// 11) is set, which says its stored name is UTF-8; without it the name's
+  /// encoding is the writer's (often code page 437). False when not positioned.
+  bool isCurrentFileNameUTF8() const;
 
   /// Closes the archive; a second call does nothing. The archive counts as
   /// closed even when unzClose fails ("unzClose failed" {"uri", "result"}, or
@@ -112,6 +147,7 @@ private:
   [[noreturn]] void throwFailure(int result, char const* message) const;
 
   std::unique_ptr<ZipStuff> m_zipStuff;
+  Options m_options;
   tal::CMutex m_mutex;
   tal::P<tal::IFileSystem> m_fileSystem;
   tal::CURI m_archiveURI;
@@ -174,6 +210,11 @@ private:
   void checkOpen() const;
   /// Marks the stream closed and lets the reader move on.
   void detach();
+  /// Makes the stream check the entry against its stored CRC-32 and size.
+  void verifyAgainst(unsigned long crc, long long size);
+  /// Under the reader's mutex, once a read has reached the entry's end.
+  void verifyEnd(ZipStuff& stuff);
+  [[noreturn]] void throwVerifyFailure(std::string const& message);
 
   /// The counted reference that keeps the reader alive while the stream is
   /// open; changed only under the reader's mutex.
@@ -185,6 +226,15 @@ private:
   tal::CURI m_uri;
   long long m_length;
   long long m_position;
+  /// Checking (see CZipReader::Options::verifyEntries).
+  bool m_verify = false;
+  bool m_verified = false;
+  unsigned long m_storedCRC = 0;
+  long long m_storedSize = 0;
+  unsigned long m_crc = 0;
+  tal::P<tal::CError> m_verifyError;
+
+  friend class CZipReader;
 };
 
 } // namespace ziputil

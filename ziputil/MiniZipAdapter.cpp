@@ -112,6 +112,10 @@ bool passwordFits(const char* password, unsigned char const (&header)[12], unz_f
   return check == ((info.crc >> 24) & 0xFF) || check == ((info.dosDate >> 8) & 0xFF) || check == 0;
 }
 
+bool supportedMethod(unz_file_info64 const& info) {
+  return info.compression_method == 0 || info.compression_method == Z_DEFLATED;
+}
+
 int currentEntry(unzFile file, unz_file_info64& info) {
   return unzGetCurrentFileInfo64(file, &info, nullptr, 0, nullptr, 0, nullptr, 0);
 }
@@ -150,6 +154,7 @@ int unzOpenCurrentFile(unzFile file) {
   unz_file_info64 info;
   int err = currentEntry(file, info);
   if (err != UNZ_OK) return err;
+  if (!supportedMethod(info)) return ZIPUTIL_UNZ_BADMETHOD;
   if (info.flag & 1) return UNZ_PARAMERROR;
   return ::unzOpenCurrentFile(file);
 }
@@ -158,6 +163,7 @@ int unzOpenCurrentFilePassword(unzFile file, const char* password) {
   unz_file_info64 info;
   int err = currentEntry(file, info);
   if (err != UNZ_OK) return err;
+  if (!supportedMethod(info)) return ZIPUTIL_UNZ_BADMETHOD;
   if (!(info.flag & 1)) return ::unzOpenCurrentFile(file);
   if (password == nullptr) return UNZ_PARAMERROR;
   unsigned char header[12];

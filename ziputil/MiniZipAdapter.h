@@ -8,6 +8,11 @@
 /// Returned by ziputil::minizip::unzOpenCurrentFilePassword when the password
 /// does not open the entry.
 #define ZIPUTIL_UNZ_BADPASSWORD (-106)
+/// Returned by ziputil::minizip::unzOpenCurrentFile and
+/// unzOpenCurrentFilePassword for an entry compressed with another method than
+/// 0 (stored) or 8 (deflated), which this build cannot decompress (stock
+/// minizip hands out such an entry's compressed bytes as its contents).
+#define ZIPUTIL_UNZ_BADMETHOD (-107)
 
 namespace ziputil {
 namespace minizip {
@@ -46,7 +51,8 @@ typedef int (*unzFileNameComparer)(unzFile file, const char* fileName1, const ch
 int unzLocateFile(unzFile file, const char* fileName, unzFileNameComparer comparer);
 
 /// Opens the current entry for reading. An encrypted entry cannot be read
-/// without a password: UNZ_PARAMERROR.
+/// without a password: UNZ_PARAMERROR. A method other than stored or deflated:
+/// ZIPUTIL_UNZ_BADMETHOD.
 int unzOpenCurrentFile(unzFile file);
 
 /// Opens the current entry for reading with a password. An entry that is not
@@ -55,7 +61,8 @@ int unzOpenCurrentFile(unzFile file);
 /// header: its last byte, decrypted, must be the CRC-32's high byte, the DOS
 /// time's high byte (writers that stream the entry) or 0 (writers that do not
 /// know the CRC in advance). A password that fails gives ZIPUTIL_UNZ_BADPASSWORD;
-/// a null password for an encrypted entry gives UNZ_PARAMERROR.
+/// a null password for an encrypted entry gives UNZ_PARAMERROR. A method other
+/// than stored or deflated gives ZIPUTIL_UNZ_BADMETHOD before anything else.
 int unzOpenCurrentFilePassword(unzFile file, const char* password);
 
 } // namespace minizip
