@@ -6,10 +6,26 @@
 
 namespace testsupport {
 
+namespace {
+
+/// The interpreter that "python3" names, resolved once: a version manager's
+/// shim in front of it costs a second or more per start.
+std::string const& pythonInterpreter() {
+  static std::string const interpreter = [] {
+    std::string path;
+    if (runCommand("python3 -c 'import sys; print(sys.executable, end=\"\")'", &path) != 0 || path.empty())
+      return std::string("python3");
+    return shellQuote(path);
+  }();
+  return interpreter;
+}
+
+} // namespace
+
 std::string runPython(std::string const& program, std::vector<std::string> const& arguments) {
   TempDir dir("ziputil-python");
   writeFile(dir.file("program.py"), program);
-  std::string command = "python3 " + shellQuote(dir.file("program.py"));
+  std::string command = pythonInterpreter() + " " + shellQuote(dir.file("program.py"));
   for (std::string const& argument : arguments) command += " " + shellQuote(argument);
   std::string output;
   if (runCommand(command, &output) != 0) throw std::runtime_error("python program failed: " + command);
