@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
+#include <vector>
 
 namespace ziputil {
 namespace {
@@ -15,7 +17,28 @@ constexpr int kNameBufferLength = 65537;
 
 tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(text)); }
 
+/// What compareFileNames compares of a stored name: its cleaned path, decoded
+/// as UTF-8, as UTF-8 text. False when decoding or cleaning throws (the names
+/// are then compared as bytes).
+bool comparisonKey(const char* name, std::string& key) noexcept {
+  try {
+    wxMBConvUTF8 converter;
+    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(name, converter))).getPath().toUTF8();
+    return true;
+  } catch (std::exception&) {
+    return false;
+  }
+}
+
 } // namespace
+
+struct CZipReader::NameIndex {
+  std::unordered_map<std::string, unz64_file_pos> byKey;
+  /// Entries whose key could not be made, by their stored bytes.
+  std::unordered_map<std::string, unz64_file_pos> byRawName;
+  /// Whether the walk reached the end of the central directory.
+  bool complete = false;
+};
 
 // ---- ZipStuff: entry names ---------------------------------------------------
 
@@ -51,7 +74,7 @@ CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
 CZipReader::CZipReader(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, tal::String const& password,
                        Options const& options)
     : m_options(options), m_fileSystem(fileSystem), m_archiveURI(archiveURI), m_password(password),
-      m_hasPassword(!password.empty()), m_atFirst(true), m_streamOpen(false) {
+      m_hasPassword(!password.empty()), m_atFirst(true), m_streamOpen(false), m_nameUsed(kNameBufferLength) {
   m_nameBuffer.setUsed(kNameBufferLength);
   auto stuff = std::make_unique<ZipStuff>(fileSystem);
   zlib_filefunc64_def* funcs = stuff->io.getFuncs();
@@ -87,7 +110,50 @@ void CZipReader::checkCanMove(char const* stillOpenMessage) const {
 
 void CZipReader::clearEntry() {
   std::memset(&m_zipStuff->fileInfo, 0, sizeof m_zipStuff->fileInfo);
-  std::memset(m_nameBuffer.getData(), 0, kNameBufferLength);
+  std::memset(m_nameBuffer.getData(), 0, m_nameUsed); // the rest is zero already
+  m_nameUsed = 0;
+}
+
+void CZipReader::noteNameWritten(int result) {
+  // minizip writes the name and a terminating zero; after a failure it may have written any part of the buffer.
+  std::size_t const written = static_cast<std::size_t>(m_zipStuff->fileInfo.size_filename) + 1;
+  m_nameUsed = result == UNZ_OK ? std::min<std::size_t>(written, kNameBufferLength) : kNameBufferLength;
+}
+
+void CZipReader::buildIndex() {
+  auto index = std::make_unique<NameIndex>();
+  unzFile const handle = m_zipStuff->handle;
+  unz64_file_pos saved;
+  bool const wasPositioned = unzGetFilePos64(handle, &saved) == UNZ_OK;
+  std::vector<char> name(kNameBufferLength);
+  unz_file_info64 info;
+  int err = minizip::unzGoToFirstFile2(handle, &info, name.data(), kNameBufferLength - 1, nullptr, 0, nullptr, 0);
+  std::string key;
+  while (err == UNZ_OK) {
+    unz64_file_pos position;
+    err = unzGetFilePos64(handle, &position);
+    if (err != UNZ_OK) break;
+    if (comparisonKey(name.data(), key))
+      index->byKey.emplace(key, position); // the first entry of a name wins, as in the linear locate
+    else
+      index->byRawName.emplace(name.data(), position);
+    err = minizip::unzGoToNextFile2(handle, &info, name.data(), kNameBufferLength - 1, nullptr, 0, nullptr, 0);
+  }
+  index->complete = err == UNZ_END_OF_LIST_OF_FILE;
+  if (wasPositioned) unzGoToFilePos64(handle, &saved); // back where the walk found minizip
+  m_index = std::move(index);
+}
+
+bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) const {
+  found = nullptr;
+  std::string key;
+  if (!comparisonKey(name.c_str(), key)) return false; // compared as bytes with every entry: the linear locate
+  auto const byKey = m_index->byKey.find(key);
+  if (byKey != m_index->byKey.end()) found = &byKey->second;
+  auto const byRaw = m_index->byRawName.find(std::string(name.c_str()));
+  if (byRaw != m_index->byRawName.end() && (!found || byRaw->second.num_of_file < found->num_of_file))
+    found = &byRaw->second;
+  return found || m_index->complete;
 }
 
 bool CZipReader::takeCurrentEntry() {
@@ -104,6 +170,7 @@ bool CZipReader::nextFile() {
   auto const position = m_atFirst ? &minizip::unzGoToFirstFile2 : &minizip::unzGoToNextFile2;
   int const result = position(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1, nullptr,
                               0, nullptr, 0);
+  noteNameWritten(result);
   if (result == UNZ_OK) return takeCurrentEntry();
   if (result == UNZ_END_OF_LIST_OF_FILE) {
     m_currentRelativeURI = tal::CURI();
@@ -118,10 +185,20 @@ bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   clearEntry();
   ZipStuff& stuff = *m_zipStuff;
   std::string const name = relativeURI.getPath().toUTF8();
-  int result = minizip::unzLocateFile(stuff.handle, name.c_str(), &ZipStuff::compareFileNames);
-  if (result == UNZ_OK)
+  if (!m_index) buildIndex();
+  unz64_file_pos const* found = nullptr;
+  int result = UNZ_OK;
+  if (!lookUp(name, found))
+    result = minizip::unzLocateFile(stuff.handle, name.c_str(), &ZipStuff::compareFileNames);
+  else if (found)
+    result = unzGoToFilePos64(stuff.handle, found);
+  else
+    result = UNZ_END_OF_LIST_OF_FILE; // absent: minizip stays where it was, as after a failed linear locate
+  if (result == UNZ_OK) {
     result = unzGetCurrentFileInfo64(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1,
                                      nullptr, 0, nullptr, 0);
+    noteNameWritten(result);
+  }
   if (result == UNZ_OK) return takeCurrentEntry();
   if (result == UNZ_END_OF_LIST_OF_FILE) {
     m_currentRelativeURI = tal::CURI();
@@ -199,6 +276,7 @@ bool CZipReader::isCurrentFileNameUTF8() const { return isPositioned() && (m_zip
 void CZipReader::close() {
   tal::CMutexLock lock(m_mutex);
   if (!m_zipStuff) return;
+  m_index.reset();
   int const result = unzClose(m_zipStuff->handle);
   tal::P<tal::CError> bridgeError = result == UNZ_OK ? tal::P<tal::CError>() : m_zipStuff->io.getLastError();
   m_zipStuff.reset();

@@ -141,7 +141,20 @@ public:
 private:
   bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }
   void checkCanMove(char const* stillOpenMessage) const;
+  /// Clears the entry information and the name buffer: the whole buffer,
+  /// though only the bytes the last positioning may have written need it.
   void clearEntry();
+  /// Notes how much of the name buffer the positioning that returned `result` wrote.
+  void noteNameWritten(int result);
+  /// Where each entry's name, as compareFileNames compares it, first occurs:
+  /// built by one walk at the first tryGoToFile, so that a lookup costs a hash
+  /// find instead of a comparison with every entry.
+  struct NameIndex;
+  void buildIndex();
+  /// The indexed answer for `name`: true with `found` set when found, true
+  /// with `found` null when surely absent, false when the index cannot tell
+  /// (the walk that built it stopped early): the linear locate decides.
+  bool lookUp(std::string const& name, unz64_file_pos const*& found) const;
   /// Takes the entry minizip has just positioned at as the current one.
   bool takeCurrentEntry();
   [[noreturn]] void throwFailure(int result, char const* message) const;
@@ -156,6 +169,9 @@ private:
   bool m_atFirst;
   bool m_streamOpen;
   tal::TBuffer<char> m_nameBuffer;
+  /// Bytes of the name buffer that may be non-zero.
+  std::size_t m_nameUsed;
+  std::unique_ptr<NameIndex> m_index;
   tal::CURI m_currentRelativeURI;
 
   friend class CFileInZipInStream;
