@@ -273,6 +273,68 @@ std::string CZipReader::getCurrentFileRawName() const {
 
 bool CZipReader::isCurrentFileNameUTF8() const { return isPositioned() && (m_zipStuff->fileInfo.flag & 0x800) != 0; }
 
+bool CZipReader::isCurrentFileEncrypted() const { return isPositioned() && (m_zipStuff->fileInfo.flag & 1) != 0; }
+
+int CZipReader::getCurrentFileVersionMadeBy() const {
+  return isPositioned() ? static_cast<int>(m_zipStuff->fileInfo.version) : -1;
+}
+
+unsigned long CZipReader::getCurrentFileExternalAttributes() const {
+  return isPositioned() ? static_cast<unsigned long>(m_zipStuff->fileInfo.external_fa) : 0;
+}
+
+int CZipReader::getCurrentFileUnixMode() const {
+  if (!isPositioned() || (m_zipStuff->fileInfo.version >> 8) != 3) return -1;
+  int const mode = static_cast<int>((m_zipStuff->fileInfo.external_fa >> 16) & 0xFFFF);
+  return mode != 0 ? mode : -1;
+}
+
+bool CZipReader::isCurrentFileSymbolicLink() const {
+  int const mode = getCurrentFileUnixMode();
+  return mode != -1 && (mode & 0170000) == 0120000;
+}
+
+std::string CZipReader::readEntryText(bool comment) const {
+  if (!isPositioned()) return std::string();
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff) return std::string();
+  unz_file_info64 const& info = m_zipStuff->fileInfo;
+  std::string text(static_cast<std::size_t>(comment ? info.size_file_comment : info.size_file_extra), '\0');
+  if (text.empty()) return text;
+  int const result = comment ? unzGetCurrentFileInfo64(m_zipStuff->handle, nullptr, nullptr, 0, nullptr, 0, &text[0],
+                                                       static_cast<uLong>(text.size()))
+                             : unzGetCurrentFileInfo64(m_zipStuff->handle, nullptr, nullptr, 0, &text[0],
+                                                       static_cast<uLong>(text.size()), nullptr, 0);
+  if (result != UNZ_OK) throwFailure(result, "unzGetCurrentFileInfo64 failed");
+  return text;
+}
+
+std::string CZipReader::getCurrentFileComment() const { return readEntryText(true); }
+
+std::string CZipReader::getCurrentFileExtraField() const { return readEntryText(false); }
+
+long long CZipReader::getEntryCount() const {
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff) return -1;
+  unz_global_info64 global;
+  int const result = unzGetGlobalInfo64(m_zipStuff->handle, &global);
+  if (result != UNZ_OK) throwFailure(result, "unzGetGlobalInfo64 failed");
+  return static_cast<long long>(global.number_entry);
+}
+
+std::string CZipReader::getArchiveComment() const {
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff) return std::string();
+  unz_global_info64 global;
+  int result = unzGetGlobalInfo64(m_zipStuff->handle, &global);
+  if (result != UNZ_OK) throwFailure(result, "unzGetGlobalInfo64 failed");
+  std::string comment(static_cast<std::size_t>(global.size_comment) + 1, '\0');
+  result = unzGetGlobalComment(m_zipStuff->handle, &comment[0], static_cast<uLong>(comment.size()));
+  if (result < 0) throwFailure(result, "unzGetGlobalComment failed");
+  comment.resize(static_cast<std::size_t>(result));
+  return comment;
+}
+
 void CZipReader::close() {
   tal::CMutexLock lock(m_mutex);
   if (!m_zipStuff) return;

@@ -132,6 +132,40 @@ public:
   /// 11) is set, which says its stored name is UTF-8; without it the name's
   /// encoding is the writer's (often code page 437). False when not positioned.
   bool isCurrentFileNameUTF8() const;
+  /// Addition: whether the current entry is encrypted (general-purpose bit 0).
+  /// False when not positioned.
+  bool isCurrentFileEncrypted() const;
+  /// Addition: the current entry's "version made by" field, whole: the high
+  /// byte names the system that wrote it (0 MS-DOS, 3 Unix, ...), the low byte
+  /// the format version. -1 when not positioned.
+  int getCurrentFileVersionMadeBy() const;
+  /// Addition: the current entry's external file attributes as stored (their
+  /// meaning depends on the system that made the entry). 0 when not positioned.
+  unsigned long getCurrentFileExternalAttributes() const;
+  /// Addition: the Unix mode (type and permission bits, as st_mode) carried in
+  /// the high 16 bits of the external attributes when the entry was made by
+  /// Unix (version made by 3) and those bits are not all zero; -1 otherwise,
+  /// and when not positioned.
+  int getCurrentFileUnixMode() const;
+  /// Addition: whether the current entry is a symbolic link: made by Unix
+  /// with the link type in its mode. Its contents are then the link's target.
+  /// False when not positioned.
+  bool isCurrentFileSymbolicLink() const;
+  /// Addition: the current entry's comment and its central extra field, as
+  /// stored (bytes). Empty when not positioned. They are read from the archive
+  /// when asked for, under the reader's mutex, so that a read of an entry
+  /// stream on another thread is not disturbed. Throw as nextFile does when
+  /// minizip fails ("unzGetCurrentFileInfo64 failed" {"uri", "result"}).
+  std::string getCurrentFileComment() const;
+  std::string getCurrentFileExtraField() const;
+  /// Addition: the number of entries as the end record states it (an archive
+  /// of more than 65,535 entries without a Zip64 end record states only the
+  /// low 16 bits of it; nextFile walks them all). -1 after close().
+  long long getEntryCount() const;
+  /// Addition: the archive comment as stored (bytes); empty after close().
+  /// Reads from the archive under the reader's mutex; throws as
+  /// getCurrentFileComment does ("unzGetGlobalComment failed").
+  std::string getArchiveComment() const;
 
   /// Closes the archive; a second call does nothing. The archive counts as
   /// closed even when unzClose fails ("unzClose failed" {"uri", "result"}, or
@@ -158,10 +192,12 @@ private:
   /// Takes the entry minizip has just positioned at as the current one.
   bool takeCurrentEntry();
   [[noreturn]] void throwFailure(int result, char const* message) const;
+  /// The current entry's comment (`comment` true) or central extra field.
+  std::string readEntryText(bool comment) const;
 
   std::unique_ptr<ZipStuff> m_zipStuff;
   Options m_options;
-  tal::CMutex m_mutex;
+  mutable tal::CMutex m_mutex;
   tal::P<tal::IFileSystem> m_fileSystem;
   tal::CURI m_archiveURI;
   tal::String m_password;
