@@ -1,0 +1,160 @@
+#include "ZipData.h"
+
+#include <zip.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+
+namespace bench {
+
+namespace {
+
+char const* const kWords[] = {
+    "the",     "archive", "entry",   "of",       "and",      "data",    "stream",   "header",   "central",
+    "file",    "system",  "reader",  "writer",   "to",       "in",      "is",       "a",        "with",
+    "offset",  "size",    "name",    "level",    "deflate",  "inflate", "checksum", "record",   "local",
+    "folder",  "memory",  "buffer",  "error",    "result",   "open",    "close",    "read",     "write",
+    "seek",    "length",  "position", "version", "method",   "time",    "date",     "comment",  "extra",
+    "field",   "zip64",   "end",     "directory", "signature", "bytes", "value",    "count",    "table",
+    "index",   "lookup",  "hash",    "walk",     "list",     "test",    "copy",     "move",     "sync",
+    "lock"};
+constexpr std::uint32_t kWordCount = sizeof kWords / sizeof kWords[0];
+
+[[noreturn]] void fail(std::string const& what) { throw std::runtime_error(what); }
+
+} // namespace
+
+std::string makeText(std::size_t size, std::uint32_t seed) {
+  std::string text;
+  text.reserve(size + 32);
+  std::uint32_t state = seed * 2654435761u + 1u;
+  std::size_t lineLength = 0;
+  while (text.size() < size) {
+    state = state * 1664525u + 1013904223u;
+    std::uint32_t const r = state >> 8;
+    if ((r & 15) == 0) {
+      char number[16];
+      int const n = std::snprintf(number, sizeof number, "%u", (r >> 4) % 100000);
+      text.append(number, static_cast<std::size_t>(n));
+    } else {
+      text.append(kWords[(r >> 4) % kWordCount]);
+    }
+    if (++lineLength == 12) {
+      text.push_back('\n');
+      lineLength = 0;
+    } else {
+      text.push_back(' ');
+    }
+  }
+  text.resize(size);
+  return text;
+}
+
+std::string manyEntriesName(std::size_t index) {
+  char name[64];
+  std::snprintf(name, sizeof name, "d%03zu/entry%06zu.txt", index / 1000, index);
+  return name;
+}
+
+void writeManyEntriesArchive(std::string const& path, std::size_t count) {
+  zipFile zip = zipOpen64(path.c_str(), APPEND_STATUS_CREATE);
+  if (!zip) fail("cannot create " + path);
+  std::string const text = makeText(4096, 7);
+  for (std::size_t i = 0; i < count; ++i) {
+    std::string const name = manyEntriesName(i);
+    zip_fileinfo info = {};
+    info.tmz_date.tm_year = 2024;
+    info.tmz_date.tm_mon = 4;
+    info.tmz_date.tm_mday = 1;
+    unsigned const length = 16 + static_cast<unsigned>(i % 48);
+    if (zipOpenNewFileInZip64(zip, name.c_str(), &info, nullptr, 0, nullptr, 0, nullptr, 0, 0, 0) != ZIP_OK ||
+        zipWriteInFileInZip(zip, text.data() + (i * 61) % 4000, length) != ZIP_OK || zipCloseFileInZip(zip) != ZIP_OK)
+      fail("cannot write " + path);
+  }
+  if (zipClose(zip, nullptr) != ZIP_OK) fail("cannot close " + path);
+}
+
+void writeOneEntryArchive(std::string const& path, std::string const& name, std::string const& data, int level) {
+  zipFile zip = zipOpen64(path.c_str(), APPEND_STATUS_CREATE);
+  if (!zip) fail("cannot create " + path);
+  zip_fileinfo info = {};
+  info.tmz_date.tm_year = 2024;
+  info.tmz_date.tm_mon = 4;
+  info.tmz_date.tm_mday = 1;
+  if (zipOpenNewFileInZip64(zip, name.c_str(), &info, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED, level,
+                            data.size() >= 0xffffffffu) != ZIP_OK)
+    fail("cannot write " + path);
+  for (std::size_t done = 0; done < data.size();) {
+    unsigned const chunk = static_cast<unsigned>(std::min<std::size_t>(data.size() - done, 1u << 20));
+    if (zipWriteInFileInZip(zip, data.data() + done, chunk) != ZIP_OK) fail("cannot write " + path);
+    done += chunk;
+  }
+  if (zipCloseFileInZip(zip) != ZIP_OK || zipClose(zip, nullptr) != ZIP_OK) fail("cannot close " + path);
+}
+
+std::string readFile(std::string const& path) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) fail("cannot open " + path);
+  std::string bytes;
+  char buffer[1 << 16];
+  std::size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.append(buffer, n);
+  bool const bad = std::ferror(f) != 0;
+  std::fclose(f);
+  if (bad) fail("cannot read " + path);
+  return bytes;
+}
+
+void writeFile(std::string const& path, std::string const& bytes) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) fail("cannot create " + path);
+  bool const ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  if (std::fclose(f) != 0 || !ok) fail("cannot write " + path);
+}
+
+bool findCentralDirectory(unsigned char const* file, std::size_t size, CentralDirectory& cd) {
+  if (size < 22) return false;
+  std::size_t const lowest = size > 22 + 65535 ? size - 22 - 65535 : 0;
+  for (std::size_t at = size - 22 + 1; at-- > lowest;) {
+    unsigned char const* e = file + at;
+    if (le32(e) != 0x06054b50u) continue;
+    std::uint64_t count = le16(e + 10);
+    std::uint64_t cdSize = le32(e + 12);
+    std::uint64_t cdOffset = le32(e + 16);
+    if ((count == 0xffff || cdSize == 0xffffffffu || cdOffset == 0xffffffffu) && at >= 20 &&
+        le32(e - 20) == 0x07064b50u) {
+      std::uint64_t const z = le64(e - 20 + 8);
+      if (z > size || size - z < 56 || le32(file + z) != 0x06064b50u) return false;
+      count = le64(file + z + 32);
+      cdSize = le64(file + z + 40);
+      cdOffset = le64(file + z + 48);
+    }
+    if (cdOffset > size || size - cdOffset < cdSize) return false;
+    cd.begin = file + cdOffset;
+    cd.end = cd.begin + cdSize;
+    cd.count = count;
+    return true;
+  }
+  return false;
+}
+
+std::string entryCompressedBytes(std::string const& archive, std::string const& name, CentralEntry& entry) {
+  auto const* bytes = reinterpret_cast<unsigned char const*>(archive.data());
+  CentralDirectory cd;
+  if (!findCentralDirectory(bytes, archive.size(), cd)) fail("no central directory");
+  bool found = false;
+  walkCentralDirectory(cd, [&](CentralEntry const& e) {
+    if (e.nameLength != name.size() || std::memcmp(e.name, name.data(), name.size()) != 0) return true;
+    entry = e;
+    found = true;
+    return false;
+  });
+  if (!found || entry.localHeaderOffset + 30 > archive.size()) fail("no entry " + name);
+  unsigned char const* local = bytes + entry.localHeaderOffset;
+  std::uint64_t const start = entry.localHeaderOffset + 30 + le16(local + 26) + le16(local + 28);
+  if (start > archive.size() || archive.size() - start < entry.compressedSize) fail("entry " + name + " cut short");
+  return archive.substr(start, entry.compressedSize);
+}
+
+} // namespace bench
