@@ -3,8 +3,8 @@
 // a CZipReader (without a password and verifying every entry, then with the
 // password "fuzz" and without verification): every entry described, opened
 // and read to its end (at most 1 MiB per entry, 2 MiB per pass, then 4 KiB
-// per entry), a few names looked up, an
-// entry stream left open over the reader's close, everything closed.
+// per entry), a few names looked up, an entry stream left open over the
+// reader's close, everything closed.
 //
 // Errors are what hostile input should give: every std::exception (tal::CError
 // among them) is caught. Anything else is a finding: a crash, a sanitizer
