@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev libzip-dev
   zip unzip libarchive-tools p7zip-full python3
   dpkg-dev
+  clang libclang-rt-dev
 )
 
 missing=()

@@ -4,6 +4,8 @@
 #   build/        plain (RelWithDebInfo), every test including the long ones
 #   build-asan/   AddressSanitizer + UndefinedBehaviorSanitizer, all but the long tests
 #   build-tsan/   ThreadSanitizer, the concurrency tests
+# and then, with clang, build-fuzz/: the archive reader's fuzzer, run for a
+# bounded time (ZIPUTIL_FUZZ_SECONDS, default 75).
 # Each configuration is built once. Pass a CTest regex to run only matching
 # tests in every configuration, e.g.  scripts/test.sh 'tal\.Uri'
 set -euo pipefail
@@ -65,5 +67,29 @@ mapfile -t targets < <(concurrency_targets)
 [ ${#targets[@]} -eq 0 ] || cmake --build build-tsan -j"$jobs" --target "${targets[@]}"
 section "ThreadSanitizer tests"
 run_ctest build-tsan -L concurrency
+
+# The archive reader's libFuzzer target (fuzz/), built with clang under the
+# same sanitizers, fuzzed for a bounded time from a fresh copy of its seed
+# corpus. A crash, sanitizer report, leak, timeout or memory blow-up fails the
+# run; the input that caused it is kept in build-fuzz/fuzz/findings/. Skipped
+# when a test filter is given.
+fuzz_seconds=${ZIPUTIL_FUZZ_SECONDS:-75}
+if [ -z "$filter" ]; then
+  section "libFuzzer build (clang, AddressSanitizer + UndefinedBehaviorSanitizer)"
+  configure_and_build build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DZIPUTIL_SANITIZE=address,undefined -DZIPUTIL_BUILD_FUZZ=ON -DZIPUTIL_BUILD_TESTS=OFF
+  section "fuzzing the archive reader for ${fuzz_seconds}s"
+  fuzz=build-fuzz/fuzz
+  rm -rf "$fuzz/corpus" "$fuzz/findings"
+  mkdir -p "$fuzz/corpus" "$fuzz/findings"
+  cp "$fuzz"/seeds/* "$fuzz/corpus/"
+  if ! "$fuzz/zip_reader_fuzzer" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 -timeout=10 \
+      -print_final_stats=1 -artifact_prefix="$fuzz/findings/" "$fuzz/corpus" >"$fuzz/fuzz.log" 2>&1; then
+    tail -n 80 "$fuzz/fuzz.log"
+    echo "fuzzer finding: the input is in $fuzz/findings/, the whole log in $fuzz/fuzz.log" >&2
+    exit 1
+  fi
+  grep -E '^#[0-9]+[[:space:]]+DONE|^stat::' "$fuzz/fuzz.log"
+fi
 
 section "all tests passed"
