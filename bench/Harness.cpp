@@ -84,9 +84,11 @@ Times runOnce(Impl& impl, long n) {
   return impl.run(n);
 }
 
-/// The n for which one run takes about `target` seconds (the runs made
-/// meanwhile warm the implementation up).
+/// The n for which one run takes about `target` seconds. A first run of one
+/// operation warms the implementation up (an index built at the first lookup,
+/// say) and is not counted; the runs made while calibrating warm it further.
 long calibrate(Impl& impl, double target) {
+  runOnce(impl, 1);
   long n = 1;
   Times t = runOnce(impl, n);
   while (t.wall < target / 20 && n < 1000000000L) {
