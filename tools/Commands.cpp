@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include "EntryNames.h"
 #include "LocalPaths.h"
 #include "Progress.h"
 
@@ -31,12 +32,6 @@ tal::P<tal::IFileSystem> localFileSystem() { return tal::P<tal::IFileSystem>(tal
 tal::P<ziputil::CZipReader> openReader(Options const& options, std::string const& archive) {
   return tal::newObj<ziputil::CZipReader>(localFileSystem().get(), archiveURIFromArgument(archive),
                                           textFromBytes(options.password));
-}
-
-/// The entry's path as the reader reports it, with "/" after a folder entry.
-std::string entryDisplayName(ziputil::CZipReader const& reader) {
-  std::string name = utf8(reader.getCurrentFileRelativeURI().getPath());
-  return reader.isCurrentFileDirectory() ? name + "/" : name;
 }
 
 std::string formatTime(tal::CTimeFields const& time) {
@@ -91,12 +86,15 @@ bool extractFile(ziputil::CZipReader& reader, std::string const& path, std::stri
 
 /// Extracts the current entry under `folder`; false when it was refused or failed.
 bool extractCurrent(ziputil::CZipReader& reader, std::string const& folder) {
-  std::string name = entryDisplayName(reader);
+  EntryName const entry = currentEntryName(reader);
+  std::string const name = entry.shown();
   try {
-    ExtractTarget target = prepareExtractTarget(folder, utf8(reader.getCurrentFileRelativeURI().getPath()),
-                                                reader.isCurrentFileDirectory());
+    ExtractTarget target = entry.path.find('\0') != std::string::npos
+                               ? ExtractTarget{std::string(), "its name holds a NUL byte"}
+                               : prepareExtractTarget(folder, entry.path, entry.isDirectory);
     if (!target.refusal.empty()) {
-      std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(), target.refusal.c_str());
+      std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
+                   escapeForTerminal(target.refusal).c_str());
       return false;
     }
     return reader.isCurrentFileDirectory() || extractFile(reader, target.path, name);
@@ -108,7 +106,7 @@ bool extractCurrent(ziputil::CZipReader& reader, std::string const& folder) {
 
 /// Reads the current entry whole and checks its CRC-32; false for a bad entry.
 bool testCurrent(ziputil::CZipReader& reader) {
-  std::string name = entryDisplayName(reader);
+  std::string const name = currentEntryName(reader).shown();
   try {
     long long size = 0;
     unsigned long crc = copyEntry(reader, [&](unsigned char const*, std::size_t n) { size += static_cast<long long>(n); });
@@ -163,12 +161,14 @@ bool addItem(ziputil::CZipWriter& writer, SourceItem const& item) {
   if (!item.isDirectory) {
     input = std::make_unique<CInputFile>(item.localPath);
     if (input->fd() < 0) {
-      std::fprintf(stderr, "ziputil: skipping %s: cannot read it: %s\n", item.localPath.c_str(), std::strerror(errno));
+      int const failure = errno;
+      std::fprintf(stderr, "ziputil: skipping %s: cannot read it: %s\n", escapeForTerminal(item.localPath).c_str(),
+                   std::strerror(failure));
       return false;
     }
     struct stat st;
     if (::fstat(input->fd(), &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
-      std::fprintf(stderr, "ziputil: skipping %s: not a regular file\n", item.localPath.c_str());
+      std::fprintf(stderr, "ziputil: skipping %s: not a regular file\n", escapeForTerminal(item.localPath).c_str());
       return false;
     }
   }
@@ -194,20 +194,21 @@ std::string localPathOf(tal::CURI const& uri) { return utf8(uri.getPath()); }
 } // namespace
 
 void reportError(std::exception const& error, std::string const& prefix) {
-  std::string line = "ziputil: " + prefix + error.what();
+  std::string line = prefix + error.what();
   if (auto const* e = dynamic_cast<tal::CError const*>(&error)) {
     if (e->getProps().has("uri")) line += " (" + utf8(e->getProps().get("uri")) + ")";
   }
-  std::fprintf(stderr, "%s\n", line.c_str());
+  std::fprintf(stderr, "ziputil: %s\n", escapeForTerminal(line).c_str());
 }
 
 int listArchive(Options const& options, std::string const& archive) {
   tal::P<ziputil::CZipReader> reader = openReader(options, archive);
   while (reader->nextFile()) {
     if (options.longListing)
-      std::printf("%12lld %12lld %s  ", reader->getCurrentFileUncompressedSize(),
-                  reader->getCurrentFileCompressedSize(), formatTime(reader->getCurrentFileModifiedTimeFields()).c_str());
-    std::printf("%s\n", entryDisplayName(*reader).c_str());
+      std::printf("%12llu %12llu %s  ", static_cast<unsigned long long>(reader->getCurrentFileUncompressedSize()),
+                  static_cast<unsigned long long>(reader->getCurrentFileCompressedSize()),
+                  formatTime(reader->getCurrentFileModifiedTimeFields()).c_str());
+    std::printf("%s\n", currentEntryName(*reader).shown().c_str());
   }
   reader->close();
   return 0;
@@ -215,8 +216,14 @@ int listArchive(Options const& options, std::string const& archive) {
 
 int catEntry(Options const& options, std::string const& archive, std::string const& entry) {
   tal::P<ziputil::CZipReader> reader = openReader(options, archive);
-  if (!reader->tryGoToFile(entryURIFromPath(textFromBytes(entry)))) {
-    std::fprintf(stderr, "ziputil: no entry \"%s\" in %s\n", entry.c_str(), archive.c_str());
+  // ENTRY is matched against the names as list shows them (decoded, cleaned);
+  // the first entry of that name counts.
+  std::string const wanted = cleanEntryPath(utf8(textFromBytes(entry)));
+  bool found = false;
+  while (!found && reader->nextFile()) found = currentEntryName(*reader).path == wanted;
+  if (!found) {
+    std::fprintf(stderr, "ziputil: no entry \"%s\" in %s\n", escapeForTerminal(entry).c_str(),
+                 escapeForTerminal(archive).c_str());
     return 1;
   }
   unsigned long const crc = copyEntry(*reader, [](unsigned char const* data, std::size_t size) {
@@ -224,7 +231,7 @@ int catEntry(Options const& options, std::string const& archive, std::string con
   });
   int status = std::fflush(stdout) == 0 ? 0 : 1;
   if (crc != reader->getCurrentFileCRC32()) {
-    std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", entry.c_str(), crc,
+    std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", escapeForTerminal(entry).c_str(), crc,
                  reader->getCurrentFileCRC32());
     status = 1;
   }
@@ -238,7 +245,7 @@ int extractArchive(Options const& options, std::string const& archive, std::stri
   CProgress progress("extracting");
   bool ok = true;
   while (reader->nextFile()) {
-    progress.step(entryDisplayName(*reader));
+    progress.step(currentEntryName(*reader).shown());
     bool extracted = extractCurrent(*reader, folder);
     if (!extracted) progress.clear();
     ok = extracted && ok;
@@ -252,7 +259,7 @@ int testArchive(Options const& options, std::string const& archive) {
   CProgress progress("testing");
   long long entries = 0, bad = 0;
   while (reader->nextFile()) {
-    progress.step(entryDisplayName(*reader));
+    progress.step(currentEntryName(*reader).shown());
     ++entries;
     if (!testCurrent(*reader)) {
       progress.clear();
@@ -262,9 +269,9 @@ int testArchive(Options const& options, std::string const& archive) {
   reader->close();
   progress.clear();
   if (bad == 0)
-    std::printf("No errors in %lld entries of %s\n", entries, archive.c_str());
+    std::printf("No errors in %lld entries of %s\n", entries, escapeForTerminal(archive).c_str());
   else
-    std::printf("%lld of %lld entries of %s are bad\n", bad, entries, archive.c_str());
+    std::printf("%lld of %lld entries of %s are bad\n", bad, entries, escapeForTerminal(archive).c_str());
   return bad == 0 ? 0 : 1;
 }
 
@@ -286,7 +293,7 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     CProgress progress("adding");
     bool skipped = false;
     for (SourceItem const& item : items) {
-      progress.step(item.entryName);
+      progress.step(escapeForTerminal(item.entryName));
       if (!addItem(*writer, item)) {
         progress.clear();
         skipped = true;

@@ -14,7 +14,8 @@ public:
   CProgress(CProgress const&) = delete;
   CProgress& operator=(CProgress const&) = delete;
 
-  /// Counts one more entry, named `name`.
+  /// Counts one more entry, named `name` (UTF-8, already escaped for the
+  /// terminal; its first 60 characters are shown).
   void step(std::string const& name);
   /// Removes the line (before other output goes to standard error).
   void clear();

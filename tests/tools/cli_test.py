@@ -5,11 +5,13 @@ temporary folder on real files, and checks output and exit status.
 """
 import os
 import shutil
+import struct
 import subprocess
 import tempfile
 import time
 import unittest
 import zipfile
+import zlib
 
 PROGRAM = os.environ.get("ZIPUTIL_PROGRAM", "ziputil")
 
@@ -41,6 +43,48 @@ def make_zip(path, entries, compression=zipfile.ZIP_DEFLATED):
                 z.writestr(name, data)
 
 
+def deflated(data):
+    compressor = zlib.compressobj(6, zlib.DEFLATED, -15)
+    return compressor.compress(data) + compressor.flush()
+
+
+def raw_entry(name, data, method=zipfile.ZIP_STORED, flags=0, crc=None, size=None, zip64=None):
+    """One entry for raw_zip. name: str (stored as UTF-8) or bytes (stored as they are);
+    data: the uncompressed bytes. crc and size default to those of data; zip64, a pair
+    (uncompressed size, compressed size), goes into the central header's Zip64 field."""
+    stored = deflated(data) if method == zipfile.ZIP_DEFLATED else data
+    return {"name": name.encode() if isinstance(name, str) else name, "stored": stored, "method": method,
+            "flags": flags, "crc": zlib.crc32(data) if crc is None else crc,
+            "size": len(data) if size is None else size, "zip64": zip64}
+
+
+def raw_zip(path, entries, central=None):
+    """Writes a ZIP archive assembled byte by byte. central lists the central headers
+    as (entry index, name or None for the entry's own); by default one per entry."""
+    out = bytearray()
+    offsets = []
+    for e in entries:
+        offsets.append(len(out))
+        out += struct.pack("<IHHHHHIIIHH", 0x04034b50, 20, e["flags"], e["method"], 0, 0x21, e["crc"],
+                           len(e["stored"]), e["size"], len(e["name"]), 0) + e["name"] + e["stored"]
+    directory = bytearray()
+    headers = central if central is not None else [(i, None) for i in range(len(entries))]
+    for index, name in headers:
+        e = entries[index]
+        name = e["name"] if name is None else name
+        compressed, size, extra = len(e["stored"]), e["size"], b""
+        if e["zip64"]:
+            extra = struct.pack("<HHQQ", 1, 16, *e["zip64"])
+            compressed = size = 0xffffffff
+        directory += struct.pack("<IHHHHHHIIIHHHHHII", 0x02014b50, 20, 20, e["flags"], e["method"], 0, 0x21,
+                                 e["crc"], compressed, size, len(name), len(extra), 0, 0, 0, 0,
+                                 offsets[index]) + name + extra
+    end = struct.pack("<IHHHHIIH", 0x06054b50, 0, 0, len(headers), len(headers), len(directory), len(out), 0)
+    with open(path, "wb") as f:
+        f.write(bytes(out + directory + end))
+    return path
+
+
 class CliTestCase(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="ziputil cli #")
@@ -55,6 +99,28 @@ class CliTestCase(unittest.TestCase):
         with open(full, "wb") as f:
             f.write(data)
         return full
+
+    def run_with_terminal_stderr(self, *args):
+        import pty
+        master, slave = pty.openpty()
+        try:
+            result = subprocess.run([PROGRAM, *args], stdout=subprocess.PIPE, stderr=slave, timeout=120)
+            os.close(slave)
+            slave = None
+            chunks = []
+            while True:
+                try:
+                    data = os.read(master, 4096)
+                except OSError:
+                    break
+                if not data:
+                    break
+                chunks.append(data)
+            return result.returncode, b"".join(chunks)
+        finally:
+            if slave is not None:
+                os.close(slave)
+            os.close(master)
 
     def assertResult(self, result, status):
         self.assertEqual(result.returncode, status, msg=result.stderr.decode(errors="replace"))
@@ -117,6 +183,17 @@ class ListTest(CliTestCase):
         fields = result.stdout.decode().split()
         self.assertEqual(fields, ["1000", str(compressed), "2021-03-04", "05:06", "data.txt"])
 
+    def test_long_listing_shows_sizes_from_2_63_up_unsigned(self):
+        archive = raw_zip(self.path("huge.zip"), [
+            raw_entry("huge.bin", b"", zip64=(2 ** 63, 2 ** 63 + 5)),
+            raw_entry("top.bin", b"", zip64=(2 ** 64 - 1, 2 ** 63 - 1)),
+        ])
+        result = run("list", "--long", archive)
+        self.assertResult(result, 0)
+        self.assertEqual([line.split()[:2] + line.split()[-1:] for line in result.stdout.decode().splitlines()],
+                         [[str(2 ** 63), str(2 ** 63 + 5), "huge.bin"],
+                          [str(2 ** 64 - 1), str(2 ** 63 - 1), "top.bin"]])
+
     def test_not_an_archive_names_the_uri(self):
         archive = self.write("plain #1.txt", b"this is not a zip archive" * 10)
         result = run("list", archive)
@@ -148,6 +225,105 @@ class ListTest(CliTestCase):
         result = run("list", "rel.zip", cwd=self.dir)
         self.assertResult(result, 0)
         self.assertEqual(result.stdout, b"r.txt\n")
+
+
+class NamesTest(CliTestCase):
+    """Stored names as users see them: legacy code page 437 names decoded, control
+    characters escaped, and one output path per extract run."""
+
+    HIGH = bytes(range(0x80, 0x100))  # every byte that code page 437 gives a non-ASCII character
+
+    def test_legacy_names_read_as_code_page_437(self):
+        archive = raw_zip(self.path("dos.zip"), [
+            raw_entry(b"caf\x82 " + self.HIGH[:64] + b".txt", b"first half"),
+            raw_entry(b"d\x81r/", b""),
+            raw_entry(b"d\x81r/" + self.HIGH[64:] + b"x", b"second half"),
+            raw_entry("caf\u00e9 utf8.txt".encode(), b"valid UTF-8 without the flag stays UTF-8"),
+        ])
+        first = "caf\u00e9 " + self.HIGH[:64].decode("cp437") + ".txt"
+        second = "d\u00fcr/" + self.HIGH[64:].decode("cp437") + "x"
+        result = run("list", archive)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode().splitlines(), [first, "d\u00fcr/", second, "caf\u00e9 utf8.txt"])
+        out = self.path("out")
+        self.assertResult(run("extract", archive, out), 0)
+        for name, data in ((first, b"first half"), (second, b"second half")):
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data)
+        self.assertEqual(sorted(os.listdir(out)), sorted([first, "d\u00fcr", "caf\u00e9 utf8.txt"]))
+        cat = run("cat", archive, second)
+        self.assertResult(cat, 0)
+        self.assertEqual(cat.stdout, b"second half")
+        self.assertResult(run("test", archive), 0)
+
+    def test_broken_utf8_under_the_flag_shows_replacement_characters(self):
+        archive = raw_zip(self.path("broken.zip"), [raw_entry(b"ok\xff\xc3\xa9.txt", b"x", flags=0x800)])
+        result = run("list", archive)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode(), "ok\ufffd\u00e9.txt\n")
+
+    def test_an_earlier_run_is_overwritten_without_complaint(self):
+        archive = self.path("again.zip")
+        make_zip(archive, [("a.txt", b"a"), ("d/b.txt", b"b")])
+        out = self.path("out")
+        self.assertResult(run("extract", archive, out), 0)
+        result = run("extract", archive, out)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"")
+
+    CONTROLS = ["new\nline.txt", "tab\there", "bell\x07", "del\x7f", "c1 \u0085\u009f x", "esc\x1b[2J",
+                "nul\x00byte"]
+    SHOWN = ["new^Jline.txt", "tab^Ihere", "bell^G", "del^?", "c1 \\u0085\\u009f x", "esc^[[2J", "nul^@byte"]
+
+    def control_archive(self, extra=()):
+        return raw_zip(self.path("ctl.zip"), [raw_entry(name, name.encode() * 3, zipfile.ZIP_DEFLATED, flags=0x800)
+                                              for name in self.CONTROLS] + list(extra))
+
+    def test_control_characters_in_names_are_escaped(self):
+        archive = self.control_archive()
+        result = run("list", archive)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode().splitlines(), self.SHOWN)
+        result = run("list", "--long", archive)
+        self.assertResult(result, 0)
+        self.assertEqual([line[44:] for line in result.stdout.decode().splitlines()], self.SHOWN)
+        for raw in (result.stdout, run("list", archive).stdout):
+            self.assertFalse(any(b < 0x20 and b != 0x0a or b == 0x7f for b in raw), raw)
+            self.assertNotIn("\u0085".encode(), raw)
+
+    def test_a_newline_cannot_forge_a_listing_line(self):
+        archive = self.path("forged.zip")
+        make_zip(archive, [("harmless.txt\n     1000         10 2020-01-01 00:00  forged.txt", b"x")])
+        for args in (["list"], ["list", "--long"]):
+            result = run(*args, archive)
+            self.assertResult(result, 0)
+            lines = result.stdout.decode().splitlines()
+            self.assertEqual(len(lines), 1, lines)
+            # (colons go from names, like any other cleaning of the stored name)
+            self.assertTrue(lines[0].endswith("harmless.txt^J     1000         10 2020-01-01 0000  forged.txt"))
+
+    def test_messages_escape_names(self):
+        bad = raw_entry("bad\nentry.txt", b"0123456789", crc=0x12345678)
+        archive = self.control_archive([bad, raw_entry("../up\rhere", b"u")])
+        result = run("test", archive)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
+        self.assertIn(b'bad entry "bad^Jentry.txt": ', result.stderr)
+        result = run("extract", archive, self.path("out"))
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.count(b"\n"), 3, result.stderr)
+        self.assertIn(b'"bad^Jentry.txt": ', result.stderr)
+        self.assertIn(b'refusing to extract "../up^Mhere": ', result.stderr)
+        self.assertIn(b'refusing to extract "nul^@byte": its name holds a NUL byte', result.stderr)
+        self.assertEqual(run("cat", archive, "none\x1b").stderr.count(b"\x1b"), 0)
+
+    def test_progress_line_escapes_names(self):
+        archive = self.control_archive()
+        status, terminal = self.run_with_terminal_stderr("test", archive)
+        self.assertEqual(status, 0)
+        self.assertIn(b"testing 1: new^Jline.txt", terminal.replace(b"\x1b[K", b""))
+        self.assertNotIn(b"\x1b[2J", terminal)
+        self.assertNotIn(b"new\r\nline", terminal)
 
 
 class CatTest(CliTestCase):
@@ -518,28 +694,6 @@ class AddIntegrityTest(CliTestCase):
 
 
 class ProgressTest(CliTestCase):
-    def run_with_terminal_stderr(self, *args):
-        import pty
-        master, slave = pty.openpty()
-        try:
-            result = subprocess.run([PROGRAM, *args], stdout=subprocess.PIPE, stderr=slave, timeout=120)
-            os.close(slave)
-            slave = None
-            chunks = []
-            while True:
-                try:
-                    data = os.read(master, 4096)
-                except OSError:
-                    break
-                if not data:
-                    break
-                chunks.append(data)
-            return result.returncode, b"".join(chunks)
-        finally:
-            if slave is not None:
-                os.close(slave)
-            os.close(master)
-
     def test_progress_line_only_on_a_terminal(self):
         self.sample_tree()
         archive = self.path("p.zip")
