@@ -101,7 +101,11 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
 # Finishing an entry keeps a failed write of deflate's last output (the next
 # deflate result overwrote it); the local header's Zip64 extra field receives
 # the entry's sizes also below 4 GiB (it kept zeros, which other tools report
-# as a header error); ziputil_zipDiscard (MiniZipExtras.h) releases a handle
+# as a header error); an entry written with general-purpose bit 3 (streamed)
+# is followed by a data descriptor (Zip64 sizes when it has a Zip64 extra
+# field) instead of having its local header rewritten; Zip64 sizes no longer
+# overwrite the system that made the entry (the high byte of version made by);
+# ziputil_zipDiscard (MiniZipExtras.h) releases a handle
 # without writing anything more, so that a failed writer can put the file back
 # as it was; and ziputil_zipFileStream gives the writer the file stream, so
 # that it can cut off what the old central directory left behind.
@@ -141,6 +145,12 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   # The local header's Zip64 extra field gets the entry's real sizes below 4 GiB too (it held zeros).
   "        else\n        {\n          if (err==ZIP_OK) /* compressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,4);\n\n          if (err==ZIP_OK) /* uncompressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,4);\n        }"
   "        else\n        {\n          if (err==ZIP_OK) /* compressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,4);\n\n          if (err==ZIP_OK) /* uncompressed size, unknown */\n              err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,4);\n\n          if (err==ZIP_OK && zi->ci.pos_zip64extrainfo > 0)\n          {\n            if (ZSEEK64(zi->z_filefunc,zi->filestream, zi->ci.pos_zip64extrainfo + 4,ZLIB_FILEFUNC_SEEK_SET)!=0)\n              err = ZIP_ERRNO;\n            if (err==ZIP_OK)\n              err = zip64local_putValue(&zi->z_filefunc, zi->filestream, uncompressed_size, 8);\n            if (err==ZIP_OK)\n              err = zip64local_putValue(&zi->z_filefunc, zi->filestream, compressed_size, 8);\n          }\n        }"
+  # Zip64 sizes raise the version needed, not the system that made the entry (the high byte).
+  "      zip64local_putValue_inmemory(zi->ci.central_header+4,(uLong)45,2);"
+  "      zip64local_putValue_inmemory(zi->ci.central_header+4,(uLong)45 | ((uLong)(unsigned char)zi->ci.central_header[5] << 8),2);"
+  # A streamed entry (general-purpose bit 3) is followed by a data descriptor; its local header keeps zeros.
+  "    if (err==ZIP_OK)\n    {\n        // Update the LocalFileHeader with the new values."
+  "    if (err==ZIP_OK && (zi->ci.flag & 8))\n    {\n        err = zip64local_putValue(&zi->z_filefunc,zi->filestream,(uLong)0x08074b50,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,crc32,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n    }\n    else if (err==ZIP_OK)\n    {\n        // Update the LocalFileHeader with the new values."
   # ziputil_zipDiscard: releases a handle without writing anything more, so a writer can undo its changes.
   "extern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
   "extern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {")

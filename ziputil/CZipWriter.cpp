@@ -31,6 +31,28 @@ zip_fileinfo fileInfoFor(tal::CTimeFields const& time) {
   return info;
 }
 
+/// Version made by Unix, format 3.0, as Info-ZIP writes it.
+constexpr uLong kMadeByUnix = 0x031E;
+
+/// The DOS date and time minizip derives from `date` (zip.c's conversion).
+uLong dosDateOf(tm_zip const& date) {
+  uLong year = date.tm_year;
+  if (year >= 1980)
+    year -= 1980;
+  else if (year >= 80)
+    year -= 80;
+  return ((date.tm_mday + 32 * (date.tm_mon + 1) + 512 * year) << 16) |
+         (date.tm_sec / 2 + 32 * date.tm_min + 2048 * date.tm_hour);
+}
+
+/// The Unix mode recorded for an entry named `name` (UTF-8, as stored).
+int unixModeFor(std::string const& name, CZipWriter::EntryOptions const* options) {
+  if (options && options->unixMode >= 0) return options->unixMode;
+  if (options && options->symbolicLink) return 0120777;
+  if (!name.empty() && name.back() == '/') return 040755;
+  return 0100644;
+}
+
 /// Writes all of `data`, in pieces a stream's int size can carry.
 void writeAll(tal::IOutStream& out, std::string const& data) {
   constexpr std::size_t kPiece = 1 << 30;
@@ -87,6 +109,7 @@ CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
 }
 
 void CZipWriter::open(Options const& options) {
+  m_options = options;
   auto state = std::make_unique<ArchiveState>(m_fileSystem.get());
   state->atomic = options.atomicReplace;
   if (state->atomic)
@@ -218,20 +241,57 @@ void CZipWriter::cutOldTail() {
   }
 }
 
-int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time) {
+int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                          EntryOptions const* options) {
   std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
-  zip_fileinfo const info = fileInfoFor(time);
+  zip_fileinfo info = fileInfoFor(time);
   std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
-  return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, "", Z_DEFLATED,
-                                 static_cast<int>(m_level), 0, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
-                                 m_hasPassword ? password.c_str() : nullptr, 0, 0, 0x800, 1);
+  int method = Z_DEFLATED;
+  int level = static_cast<int>(m_level);
+  if (options && options->method == EntryOptions::Stored) {
+    method = 0;
+    level = 0;
+  } else if (options && options->method == EntryOptions::Deflated) {
+    level = options->level;
+  }
+  uLong versionMadeBy = 0;
+  if (m_options.madeByUnix) {
+    versionMadeBy = kMadeByUnix;
+    info.external_fa = static_cast<uLong>(unixModeFor(name, options)) << 16;
+    if (!name.empty() && name.back() == '/') info.external_fa |= 0x10; // the MS-DOS folder bit, as other tools set it
+  }
+  int flags = 0x800;
+  uLong crcForCrypting = 0;
+  if (m_options.interoperableEncryption) {
+    flags |= 8; // streamed: the check byte comes from the time, and a data descriptor follows the data
+    crcForCrypting = (dosDateOf(info.tmz_date) & 0xFFFF) << 16;
+  }
+  char const* comment = options ? options->comment.c_str() : "";
+  return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, comment, method, level, 0,
+                                 -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
+                                 m_hasPassword ? password.c_str() : nullptr, crcForCrypting, versionMadeBy, flags, 1);
 }
 
 tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time) {
+  return beginEntry(relativeURIInArchive, time, nullptr);
+}
+
+tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                                                 EntryOptions const& options) {
+  return beginEntry(relativeURIInArchive, time, &options);
+}
+
+tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                                               EntryOptions const* options) {
   tal::CMutexLock lock(m_mutex);
   checkCanBegin(relativeURIInArchive);
+  if (options && options->method == EntryOptions::Deflated && (options->level < -1 || options->level > 9)) {
+    tal::CProps props;
+    props["level"] = tal::toString(options->level);
+    throw tal::CInvalidArgError(tal::String("CZipWriter::beginAddFile"), tal::String("level is invalid"), props);
+  }
   tal::CURI const entryURI = m_archiveURI << relativeURIInArchive;
-  int const result = openEntry(relativeURIInArchive, time);
+  int const result = openEntry(relativeURIInArchive, time, options);
   if (!writeSucceeded(result))
     failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
                                   minizipFailureProps(m_archiveURI, result), nullptr));
@@ -245,7 +305,9 @@ void CZipWriter::close() {
   if (!m_state) return;
   cutOldTail();
   m_state->bridge.setSyncOnClose(m_state->atomic);
-  int const result = zipClose(m_state->handle, "");
+  // zipClose writes the comment it read at open when given none.
+  int const result =
+      zipClose(m_state->handle, m_options.keepArchiveComment ? nullptr : m_options.archiveComment.c_str());
   m_state->handle = nullptr; // zipClose lets go of it, also when it fails
   if (!writeSucceeded(result))
     failWrite(result, tal::CError(tal::String("zipClose failed"), tal::String(), -1,

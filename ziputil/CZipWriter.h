@@ -91,6 +91,48 @@ public:
     /// default for large archives that other copies already protect. Errors
     /// about the copy carry the copy's URI.
     bool atomicReplace = false;
+
+    /// false (the default): entries are recorded as made by MS-DOS (version
+    /// made by 0) with external attributes 0. true: as made by Unix (version
+    /// made by 0x031E), with the entry's Unix mode in the high 16 bits of the
+    /// external attributes (EntryOptions::unixMode, else 0100644 for a file,
+    /// 040755 for a folder entry, 0120777 for a symbolic link). Other tools,
+    /// Info-ZIP unzip among them, then take the UTF-8 names as UTF-8 and
+    /// restore the modes.
+    bool madeByUnix = false;
+
+    /// false (the default): close() writes the archive comment
+    /// `archiveComment` (empty unless set). true: the comment the archive had
+    /// when the writer opened it is kept.
+    bool keepArchiveComment = false;
+    std::string archiveComment;
+
+    /// false (the default): an encrypted entry's header ends in the check
+    /// byte 0, which only this library accepts. true: entries are written as
+    /// streamed (general-purpose bit 3, followed by a data descriptor), and the
+    /// encryption header's check byte is the high byte of the entry's DOS
+    /// time, which Info-ZIP unzip, Python, 7-Zip and bsdtar check.
+    bool interoperableEncryption = false;
+  };
+
+  /// Addition: what beginAddFile may choose for one entry.
+  struct EntryOptions {
+    enum Method : std::int32_t {
+      WriterDefault, ///< deflated at the writer's level, as beginAddFile without options
+      Stored,        ///< method 0: the bytes as they are
+      Deflated,      ///< method 8 at `level`
+    };
+    Method method = WriterDefault;
+    /// The deflate level (-1 to 9) when `method` is Deflated.
+    int level = -1;
+    /// The Unix mode (st_mode: type and permission bits) recorded for the
+    /// entry when the writer is madeByUnix; -1 for the default of its kind.
+    int unixMode = -1;
+    /// The entry is a symbolic link: the bytes written are its target. Recorded
+    /// with mode 0120777 (or `unixMode`) when the writer is madeByUnix.
+    bool symbolicLink = false;
+    /// The entry comment (bytes; UTF-8 recommended).
+    std::string comment;
   };
 
   /// Opens the archive for adding (zipOpen2_64, APPEND_STATUS_ADDINZIP); the
@@ -114,6 +156,12 @@ public:
   /// invalid", {"relativeURIInArchive"}) for an empty or absolute URI; CError
   /// "zipOpenNewFileInZip4_64 failed" {"uri", "result"}.
   tal::P<tal::IOutStream> beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time);
+  /// Addition: as beginAddFile above, with `options` for this entry (see
+  /// EntryOptions). A folder entry is a name ending in "/" with no data.
+  /// Besides the errors above, a level outside -1..9 for Deflated throws
+  /// CInvalidArgError ("level is invalid", {"level"}).
+  tal::P<tal::IOutStream> beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                                       EntryOptions const& options);
 
   /// Writes the central directory (with an empty archive comment) and releases
   /// the archive; a second call does nothing. The writer is closed afterwards
@@ -154,7 +202,9 @@ private:
   /// Opens minizip on state.target; throws as the constructor documents.
   void openMinizip(ArchiveState& state);
   void checkCanBegin(tal::CURI const& relativeURIInArchive) const;
-  int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time);
+  tal::P<tal::IOutStream> beginEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                                     EntryOptions const* options);
+  int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time, EntryOptions const* options);
   /// Cuts the target at minizip's write position: what lies beyond is the old
   /// central directory, end records and comment, which close() writes anew.
   void cutOldTail();
@@ -172,6 +222,7 @@ private:
   tal::CMutex m_mutex;
   tal::P<tal::IFileSystem> m_fileSystem;
   tal::CURI m_archiveURI;
+  Options m_options;
   tal::String m_password;
   bool m_hasPassword;
   CompLevel m_level;
