@@ -20,8 +20,29 @@ tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(t
 /// What compareFileNames compares of a stored name: its cleaned path, decoded
 /// as UTF-8, as UTF-8 text. False when decoding or cleaning throws (the names
 /// are then compared as bytes).
+/// Whether pathInArchiveToSafeURI leaves the stored name `name` as it is:
+/// printable ASCII without backslash or colon, not empty, neither starting
+/// nor ending with a slash or a blank.
+bool needsNoCleaning(const char* name) {
+  std::size_t length = 0;
+  for (const char* p = name; *p; ++p, ++length) {
+    unsigned char const c = static_cast<unsigned char>(*p);
+    if (c < 0x21 || c > 0x7e) {
+      if (c != ' ') return false; // inner blanks stay; control and non-ASCII bytes take the full way
+    }
+    if (c == '\\' || c == ':') return false;
+  }
+  if (length == 0) return false;
+  char const first = name[0], last = name[length - 1];
+  return first != '/' && first != ' ' && last != '/' && last != ' ';
+}
+
 bool comparisonKey(const char* name, std::string& key) noexcept {
   try {
+    if (needsNoCleaning(name)) {
+      key.assign(name);
+      return true;
+    }
     wxMBConvUTF8 converter;
     key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(name, converter))).getPath().toUTF8();
     return true;
@@ -157,7 +178,12 @@ bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) c
 }
 
 bool CZipReader::takeCurrentEntry() {
-  m_currentRelativeURI = ZipStuff::pathInArchiveToSafeURI(fromUtf8(m_nameBuffer.getData()));
+  char const* name = m_nameBuffer.getData();
+  if (needsNoCleaning(name)) // the common name: no decoding and cleaning to do
+    m_currentRelativeURI = tal::CURI(tal::String(), tal::String(wxString::FromAscii(name)), nullptr, nullptr, nullptr,
+                                     -1, nullptr, nullptr);
+  else
+    m_currentRelativeURI = ZipStuff::pathInArchiveToSafeURI(fromUtf8(name));
   m_atFirst = false;
   return true;
 }

@@ -1,5 +1,7 @@
 #include "ziputil/MiniZipAdapter.h"
 
+#include "ziputil/MiniZipExtras.h"
+
 #include <zlib.h>
 
 #include <cstdint>
@@ -15,6 +17,8 @@ constexpr uLong kLongestName = 65535;
 int fillInfo(unzFile file, int positioned, unz_file_info64* info, char* fileName, uLong fileNameBufferSize,
              void* extraField, uLong extraFieldBufferSize, char* comment, uLong commentBufferSize) {
   if (positioned != UNZ_OK) return positioned;
+  if (extraField == nullptr && comment == nullptr) // what positioning parsed, and the name: one parse per entry
+    return ziputil_unzGetCurrentFileInfoName(file, info, fileName, fileNameBufferSize);
   return unzGetCurrentFileInfo64(file, info, fileName, fileNameBufferSize, extraField, extraFieldBufferSize, comment,
                                  commentBufferSize);
 }

@@ -24,4 +24,11 @@ voidpf ziputil_zipFileStream(zipFile file);
 /// count read when it goes on, or a negative minizip code. UNZ_PARAMERROR when
 /// no entry is open or its stored size has not been read whole.
 int ziputil_unzReadPastEnd(unzFile file, voidp buf, unsigned len);
+
+/// What unzGetCurrentFileInfo64 gives of the current entry (its information
+/// and its name, NUL-terminated when it fits), taken from what positioning has
+/// just parsed: only the name is read. UNZ_END_OF_LIST_OF_FILE when not
+/// positioned, UNZ_ERRNO when reading the name fails.
+int ziputil_unzGetCurrentFileInfoName(unzFile file, unz_file_info64* pfile_info, char* szFileName,
+                                      uLong fileNameBufferSize);
 }
