@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include "EntryNames.h"
+#include "EntryReader.h"
 #include "LocalPaths.h"
 #include "Progress.h"
 
@@ -8,8 +9,6 @@
 #include "tal/LocalFileSystem.h"
 #include "ziputil/CZipReader.h"
 #include "ziputil/CZipWriter.h"
-
-#include <zlib.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -34,25 +33,18 @@ tal::P<ziputil::CZipReader> openReader(Options const& options, std::string const
                                           textFromBytes(options.password));
 }
 
+/// Reports a bad entry: one line naming it and what is wrong.
+void reportBadEntry(CEntryReader const& entries, std::string const& shownName, std::exception const& error) {
+  std::fprintf(stderr, "ziputil: bad entry \"%s\": %s\n", shownName.c_str(),
+               escapeForTerminal(entries.describeFailure(error)).c_str());
+}
+
 std::string formatTime(tal::CTimeFields const& time) {
   if (time.isEmpty()) return "                ";
   char text[32];
   std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d", time.getYear(), time.getMonth(), time.getDay(),
                 time.getHour(), time.getMinute());
   return text;
-}
-
-/// Streams the current entry through `sink`; returns its CRC-32.
-template <class Sink> unsigned long copyEntry(ziputil::CZipReader& reader, Sink&& sink) {
-  tal::P<tal::IInStream> stream = reader.openCurrentFileStream();
-  std::vector<unsigned char> buffer(kChunk);
-  uLong crc = crc32(0L, Z_NULL, 0);
-  while (int n = stream->readLax(buffer.data(), kChunk)) {
-    crc = crc32(crc, buffer.data(), static_cast<uInt>(n));
-    sink(buffer.data(), static_cast<std::size_t>(n));
-  }
-  stream->close();
-  return crc;
 }
 
 void writeAll(int fd, unsigned char const* data, std::size_t size, std::string const& path) {
@@ -65,28 +57,27 @@ void writeAll(int fd, unsigned char const* data, std::size_t size, std::string c
   }
 }
 
-/// Writes the current entry to `path`; false (and a message) when its bytes
-/// do not match the stored CRC-32.
-bool extractFile(ziputil::CZipReader& reader, std::string const& path, std::string const& name) {
+/// Writes the current entry to `path`; false (and a message) when it cannot be read.
+bool extractFile(CEntryReader& entries, std::string const& path, std::string const& name) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
-  unsigned long crc = 0;
   try {
-    crc = copyEntry(reader, [&](unsigned char const* data, std::size_t size) { writeAll(fd, data, size, path); });
+    entries.copyCurrent([&](unsigned char const* data, std::size_t size) { writeAll(fd, data, size, path); });
+  } catch (tal::CError const& e) {
+    ::close(fd);
+    reportBadEntry(entries, name, e);
+    return false;
   } catch (...) {
     ::close(fd);
     throw;
   }
   if (::close(fd) != 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-  if (crc == reader.getCurrentFileCRC32()) return true;
-  std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", name.c_str(), crc,
-               reader.getCurrentFileCRC32());
-  return false;
+  return true;
 }
 
 /// Extracts the current entry under `folder`; false when it was refused or failed.
-bool extractCurrent(ziputil::CZipReader& reader, std::string const& folder) {
-  EntryName const entry = currentEntryName(reader);
+bool extractCurrent(CEntryReader& entries, std::string const& folder) {
+  EntryName const entry = currentEntryName(entries.reader());
   std::string const name = entry.shown();
   try {
     ExtractTarget target = entry.path.find('\0') != std::string::npos
@@ -97,26 +88,23 @@ bool extractCurrent(ziputil::CZipReader& reader, std::string const& folder) {
                    escapeForTerminal(target.refusal).c_str());
       return false;
     }
-    return reader.isCurrentFileDirectory() || extractFile(reader, target.path, name);
+    return entry.isDirectory || extractFile(entries, target.path, name);
   } catch (std::exception const& e) {
     reportError(e, "\"" + name + "\": ");
     return false;
   }
 }
 
-/// Reads the current entry whole and checks its CRC-32; false for a bad entry.
-bool testCurrent(ziputil::CZipReader& reader) {
-  std::string const name = currentEntryName(reader).shown();
+/// Reads the current entry whole (the reader checks it); false for a bad entry.
+bool testCurrent(CEntryReader& entries) {
+  std::string const name = currentEntryName(entries.reader()).shown();
   try {
-    long long size = 0;
-    unsigned long crc = copyEntry(reader, [&](unsigned char const*, std::size_t n) { size += static_cast<long long>(n); });
-    if (crc == reader.getCurrentFileCRC32() && size == reader.getCurrentFileUncompressedSize()) return true;
-    std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx; %lld bytes, stored %lld\n",
-                 name.c_str(), crc, reader.getCurrentFileCRC32(), size, reader.getCurrentFileUncompressedSize());
+    entries.copyCurrent([](unsigned char const*, std::size_t) {});
+    return true;
   } catch (std::exception const& e) {
-    reportError(e, "bad entry \"" + name + "\": ");
+    reportBadEntry(entries, name, e);
+    return false;
   }
-  return false;
 }
 
 tal::CTimeFields localTimeFields(long long seconds) {
@@ -215,63 +203,65 @@ int listArchive(Options const& options, std::string const& archive) {
 }
 
 int catEntry(Options const& options, std::string const& archive, std::string const& entry) {
-  tal::P<ziputil::CZipReader> reader = openReader(options, archive);
+  CEntryReader entries(archiveURIFromArgument(archive), options.password);
   // ENTRY is matched against the names as list shows them (decoded, cleaned);
   // the first entry of that name counts.
   std::string const wanted = cleanEntryPath(utf8(textFromBytes(entry)));
   bool found = false;
-  while (!found && reader->nextFile()) found = currentEntryName(*reader).path == wanted;
+  while (!found && entries.nextFile()) found = currentEntryName(entries.reader()).path == wanted;
   if (!found) {
     std::fprintf(stderr, "ziputil: no entry \"%s\" in %s\n", escapeForTerminal(entry).c_str(),
                  escapeForTerminal(archive).c_str());
     return 1;
   }
-  unsigned long const crc = copyEntry(*reader, [](unsigned char const* data, std::size_t size) {
-    if (std::fwrite(data, 1, size, stdout) != size) throw std::runtime_error("cannot write to standard output");
-  });
-  int status = std::fflush(stdout) == 0 ? 0 : 1;
-  if (crc != reader->getCurrentFileCRC32()) {
-    std::fprintf(stderr, "ziputil: bad entry \"%s\": CRC-32 %08lx, stored %08lx\n", escapeForTerminal(entry).c_str(), crc,
-                 reader->getCurrentFileCRC32());
+  int status = 0;
+  try {
+    entries.copyCurrent([](unsigned char const* data, std::size_t size) {
+      if (std::fwrite(data, 1, size, stdout) != size) throw std::runtime_error("cannot write to standard output");
+    });
+  } catch (tal::CError const& e) { // the entry's bytes went out as far as they could be read
+    std::fflush(stdout);
+    reportBadEntry(entries, currentEntryName(entries.reader()).shown(), e);
     status = 1;
   }
-  reader->close();
+  if (std::fflush(stdout) != 0) status = 1;
+  entries.close();
   return status;
 }
 
 int extractArchive(Options const& options, std::string const& archive, std::string const& folder) {
-  tal::P<ziputil::CZipReader> reader = openReader(options, archive);
+  CEntryReader entries(archiveURIFromArgument(archive), options.password);
   makeDirectories(folder);
   CProgress progress("extracting");
   bool ok = true;
-  while (reader->nextFile()) {
-    progress.step(currentEntryName(*reader).shown());
-    bool extracted = extractCurrent(*reader, folder);
+  while (entries.nextFile()) {
+    progress.step(currentEntryName(entries.reader()).shown());
+    bool extracted = extractCurrent(entries, folder);
     if (!extracted) progress.clear();
     ok = extracted && ok;
   }
-  reader->close();
+  entries.close();
   return ok ? 0 : 1;
 }
 
 int testArchive(Options const& options, std::string const& archive) {
-  tal::P<ziputil::CZipReader> reader = openReader(options, archive);
+  CEntryReader entries(archiveURIFromArgument(archive), options.password);
   CProgress progress("testing");
-  long long entries = 0, bad = 0;
-  while (reader->nextFile()) {
-    progress.step(currentEntryName(*reader).shown());
-    ++entries;
-    if (!testCurrent(*reader)) {
+  long long count = 0, bad = 0;
+  while (entries.nextFile()) {
+    progress.step(currentEntryName(entries.reader()).shown());
+    ++count;
+    if (!testCurrent(entries)) {
       progress.clear();
       ++bad;
     }
   }
-  reader->close();
+  entries.close();
   progress.clear();
   if (bad == 0)
-    std::printf("No errors in %lld entries of %s\n", entries, escapeForTerminal(archive).c_str());
+    std::printf("No errors in %lld entries of %s\n", count, escapeForTerminal(archive).c_str());
   else
-    std::printf("%lld of %lld entries of %s are bad\n", bad, entries, escapeForTerminal(archive).c_str());
+    std::printf("%lld of %lld entries of %s are bad\n", bad, count, escapeForTerminal(archive).c_str());
   return bad == 0 ? 0 : 1;
 }
 

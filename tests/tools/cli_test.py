@@ -731,5 +731,139 @@ class TestCommandTest(CliTestCase):
         self.assertIn(b"1 of 2 entries", result.stdout)
 
 
+
+class CheckedReadingTest(CliTestCase):
+    """test, cat and extract read through the library's checks: the archive's layout
+    first, then each entry's size, end and CRC-32 when a read reaches its end."""
+
+    def assertRefusedWhole(self, archive, message):
+        for args in (["test", archive], ["extract", archive, self.path("out")], ["cat", archive, "a.txt"]):
+            result = run(*args)
+            self.assertResult(result, 1)
+            self.assertEqual(result.stdout, b"", msg=args)
+            lines = result.stderr.decode().splitlines()
+            self.assertEqual(len(lines), 1, msg=lines)
+            self.assertTrue(lines[0].startswith("ziputil: Damaged archive: "), msg=lines)
+            self.assertIn(message, lines[0])
+        self.assertFalse(os.path.exists(self.path("out")))
+
+    def test_entries_sharing_their_data_are_refused(self):
+        # The small-archive-inflates-to-gigabytes construction: many central entries, one local record.
+        archive = raw_zip(self.path("bomb.zip"), [raw_entry("a.txt", b"\0" * 100000, zipfile.ZIP_DEFLATED)],
+                          central=[(0, None)] * 5)
+        self.assertRefusedWhole(archive, "the records of entries 1 and 2 overlap")
+
+    def test_local_name_disagreeing_with_central_name_is_refused(self):
+        archive = raw_zip(self.path("masked.zip"), [raw_entry("a.txt", b"harmless"), raw_entry("evil", b"payload")],
+                          central=[(0, None), (1, b"b.sh")])
+        self.assertRefusedWhole(archive, "the local header of entry 2 disagrees with its central header on the name")
+
+    def test_entry_shorter_than_its_size_is_bad_everywhere(self):
+        data = b"x" * 1000
+        archive = raw_zip(self.path("short.zip"), [raw_entry("a.txt", data, zipfile.ZIP_DEFLATED, size=1500),
+                                                   raw_entry("ok.txt", b"fine")])
+        message = b'ziputil: bad entry "a.txt": ZIP entry is shorter than its stored size: 1000 of 1500 bytes\n'
+        tested = run("test", archive)
+        self.assertResult(tested, 1)
+        self.assertEqual(tested.stderr, message)
+        extracted = run("extract", archive, self.path("out"))
+        self.assertResult(extracted, 1)
+        self.assertEqual(extracted.stderr, message)
+        with open(self.path("out", "ok.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"fine")
+        cat = run("cat", archive, "a.txt")
+        self.assertResult(cat, 1)
+        self.assertEqual(cat.stderr, message)
+
+    def test_data_going_on_past_the_size_is_bad(self):
+        archive = raw_zip(self.path("long.zip"), [raw_entry("a.txt", b"y" * 1000, zipfile.ZIP_DEFLATED, size=600,
+                                                            crc=zlib.crc32(b"y" * 600))])
+        for args in (["test", archive], ["extract", archive, self.path("out")]):
+            result = run(*args)
+            self.assertResult(result, 1)
+            self.assertEqual(result.stderr, b'ziputil: bad entry "a.txt": ZIP entry\'s data does not end at its '
+                                            b'stored size of 600 bytes\n')
+
+    def test_unsupported_method_is_named(self):
+        archive = self.path("bz.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr("ok.txt", b"fine", zipfile.ZIP_DEFLATED)
+            z.writestr("b.txt", b"bzip2 data " * 100, zipfile.ZIP_BZIP2)
+        message = b'ziputil: bad entry "b.txt": compression method 12 is not supported (only stored and deflated ' \
+                  b'entries can be read)\n'
+        tested = run("test", archive)
+        self.assertResult(tested, 1)
+        self.assertEqual(tested.stderr, message)
+        self.assertIn(b"1 of 2 entries", tested.stdout)
+        cat = run("cat", archive, "b.txt")
+        self.assertResult(cat, 1)
+        self.assertEqual(cat.stdout, b"")
+        self.assertEqual(cat.stderr, message)
+
+    def test_wrong_password_is_named(self):
+        self.write("secret.txt", b"top secret\n" * 100)
+        archive = self.path("enc.zip")
+        subprocess.run(["zip", "-q", "-P", "right", archive, "secret.txt"], cwd=self.dir, check=True)
+        self.assertResult(run("test", "--password", "right", archive), 0)
+        result = run("test", "--password", "wrong", archive)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertTrue(result.stderr.startswith(b'ziputil: bad entry "secret.txt": '), result.stderr)
+        result = run("test", archive)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr, b'ziputil: bad entry "secret.txt": the entry is encrypted: give its '
+                                        b'password with --password\n')
+
+    def test_stored_encrypted_entries_are_checked(self):
+        self.write("a.txt", b"first stored entry\n" * 50)
+        self.write("b.txt", b"second stored entry\n" * 50)
+        archive = self.path("enc0.zip")
+        subprocess.run(["zip", "-q", "-0", "-P", "pw", archive, "a.txt", "b.txt"], cwd=self.dir, check=True)
+        self.assertResult(run("test", "-P", "pw", archive), 0)
+        self.assertResult(run("extract", "-P", "pw", archive, self.path("out")), 0)
+        with open(self.path("out", "b.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"second stored entry\n" * 50)
+        with zipfile.ZipFile(archive) as z:
+            info = z.getinfo("b.txt")
+        with open(archive, "r+b") as f:
+            f.seek(info.header_offset + 26)
+            name_length, extra_length = struct.unpack("<HH", f.read(4))
+            f.seek(info.header_offset + 30 + name_length + extra_length + 12 + 500)  # inside the data
+            byte = f.read(1)
+            f.seek(-1, os.SEEK_CUR)
+            f.write(bytes([byte[0] ^ 0x20]))
+        result = run("test", "-P", "pw", archive)
+        self.assertResult(result, 1)
+        self.assertTrue(result.stderr.startswith(b'ziputil: bad entry "b.txt": ZIP entry\'s CRC-32 does not match'),
+                        result.stderr)
+        cat = run("cat", "-P", "pw", archive, "b.txt")
+        self.assertResult(cat, 1)
+        self.assertLess(len(cat.stdout), len(b"second stored entry\n" * 50))
+
+    def test_streamed_archive_with_data_descriptors_passes(self):
+        class Unseekable:
+            def __init__(self, f):
+                self.f = f
+
+            def write(self, data):
+                return self.f.write(data)
+
+            def flush(self):
+                self.f.flush()
+
+        archive = self.path("streamed.zip")
+        with open(archive, "wb") as raw:
+            with zipfile.ZipFile(Unseekable(raw), "w", zipfile.ZIP_DEFLATED) as z:
+                for i in range(3):
+                    with z.open("s%d.txt" % i, "w") as entry:
+                        entry.write(b"streamed %d\n" % i * 1000)
+        with zipfile.ZipFile(archive) as z:
+            self.assertTrue(all(info.flag_bits & 8 for info in z.infolist()))
+        self.assertResult(run("test", archive), 0)
+        self.assertResult(run("extract", archive, self.path("out")), 0)
+        with open(self.path("out", "s2.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"streamed 2\n" * 1000)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -1,0 +1,55 @@
+// Reading entry data for test, cat and extract: the archive's layout is
+// checked before anything is read, and every entry is checked when its read
+// reaches the end.
+#pragma once
+
+#include "ziputil/CZipReader.h"
+
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <string>
+
+namespace ziputil_tool {
+
+class CEntryReader {
+public:
+  /// Checks the layout of the archive at `archiveURI` (ziputil::checkArchiveLayout:
+  /// entries sharing or overlapping data, or local and central headers that
+  /// disagree, would show other tools other entries or other contents) and
+  /// opens it with every entry checked at its end. Throws the check's or the
+  /// reader's error.
+  CEntryReader(tal::CURI const& archiveURI, std::string const& password);
+  CEntryReader(CEntryReader const&) = delete;
+  CEntryReader& operator=(CEntryReader const&) = delete;
+
+  /// The checking reader; move with nextFile() below, not with the reader's own.
+  ziputil::CZipReader const& reader() const { return *m_checked; }
+  /// Moves to the next entry; false at the end.
+  bool nextFile();
+  /// Streams the current entry through `sink` in chunks. Throws tal::CError
+  /// when the entry cannot be read (wrong or missing password, unsupported
+  /// method, damaged data) or does not match its stored size and CRC-32; the
+  /// read that reaches the end throws, so `sink` has then had all but the last
+  /// chunk. Errors that `sink` throws pass through.
+  void copyCurrent(std::function<void(unsigned char const*, std::size_t)> const& sink);
+  /// Closes the archive.
+  void close();
+
+  /// What went wrong with reading the current entry, in words: minizip's
+  /// refusals to open an entry are explained, anything else is the error's
+  /// own message.
+  std::string describeFailure(std::exception const& error) const;
+
+private:
+  /// Whether the library's end check would misread the current entry.
+  bool needsOwnCheck() const;
+  void copyWithOwnCheck(std::function<void(unsigned char const*, std::size_t)> const& sink);
+
+  bool m_hasPassword;
+  tal::P<ziputil::CZipReader> m_checked;
+  /// With a password, an unchecking reader kept on the same entry (see needsOwnCheck).
+  tal::P<ziputil::CZipReader> m_plain;
+};
+
+} // namespace ziputil_tool
