@@ -2,6 +2,7 @@
 
 #include "EntryNames.h"
 #include "EntryReader.h"
+#include "ExtractFolder.h"
 #include "LocalPaths.h"
 #include "Progress.h"
 
@@ -47,52 +48,27 @@ std::string formatTime(tal::CTimeFields const& time) {
   return text;
 }
 
-void writeAll(int fd, unsigned char const* data, std::size_t size, std::string const& path) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-}
-
-/// Writes the current entry to `path`; false (and a message) when it cannot be read.
-bool extractFile(CEntryReader& entries, std::string const& path, std::string const& name) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
-  if (fd < 0) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
-  try {
-    entries.copyCurrent([&](unsigned char const* data, std::size_t size) { writeAll(fd, data, size, path); });
-  } catch (tal::CError const& e) {
-    ::close(fd);
-    reportBadEntry(entries, name, e);
-    return false;
-  } catch (...) {
-    ::close(fd);
-    throw;
-  }
-  if (::close(fd) != 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-  return true;
-}
-
-/// Extracts the current entry under `folder`; false when it was refused or failed.
-bool extractCurrent(CEntryReader& entries, std::string const& folder) {
+/// Extracts the current entry into `folder`; false when it was refused or failed.
+bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
   EntryName const entry = currentEntryName(entries.reader());
   std::string const name = entry.shown();
   try {
-    ExtractTarget target = entry.path.find('\0') != std::string::npos
-                               ? ExtractTarget{std::string(), "its name holds a NUL byte"}
-                               : prepareExtractTarget(folder, entry.path, entry.isDirectory);
-    if (!target.refusal.empty()) {
-      std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
-                   escapeForTerminal(target.refusal).c_str());
-      return false;
-    }
-    return entry.isDirectory || extractFile(entries, target.path, name);
-  } catch (std::exception const& e) {
-    reportError(e, "\"" + name + "\": ");
-    return false;
+    std::vector<std::string> segments;
+    std::string refusal = CExtractFolder::splitEntryPath(entry.path, segments);
+    if (refusal.empty())
+      refusal = entry.isDirectory ? folder.makeFolder(segments)
+                                  : folder.writeFile(segments, [&](CExtractFolder::Sink const& sink) {
+                                      entries.copyCurrent(sink);
+                                    });
+    if (refusal.empty()) return true;
+    std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
+                 escapeForTerminal(refusal).c_str());
+  } catch (tal::CError const& e) { // the entry cannot be read
+    reportBadEntry(entries, name, e);
+  } catch (std::exception const& e) { // the local file system failed
+    reportError(e, "cannot extract \"" + name + "\": ");
   }
+  return false;
 }
 
 /// Reads the current entry whole (the reader checks it); false for a bad entry.
@@ -231,12 +207,12 @@ int catEntry(Options const& options, std::string const& archive, std::string con
 
 int extractArchive(Options const& options, std::string const& archive, std::string const& folder) {
   CEntryReader entries(archiveURIFromArgument(archive), options.password);
-  makeDirectories(folder);
+  CExtractFolder target(folder);
   CProgress progress("extracting");
   bool ok = true;
   while (entries.nextFile()) {
     progress.step(currentEntryName(entries.reader()).shown());
-    bool extracted = extractCurrent(entries, folder);
+    bool extracted = extractCurrent(entries, target);
     if (!extracted) progress.clear();
     ok = extracted && ok;
   }

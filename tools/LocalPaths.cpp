@@ -115,24 +115,4 @@ void makeDirectories(std::string const& path) {
   }
 }
 
-ExtractTarget prepareExtractTarget(std::string const& root, std::string const& entryPath, bool isDirectory) {
-  std::vector<std::string> segments = splitSegments(entryPath);
-  for (std::string const& segment : segments)
-    if (segment == "..") return {std::string(), "its path leaves the target folder"};
-  if (segments.empty()) return {std::string(), "its path names no file"};
-  std::string current = root;
-  for (std::size_t i = 0; i < segments.size(); ++i) {
-    current += "/" + segments[i];
-    bool last = i + 1 == segments.size();
-    struct stat st;
-    if (lstat(current.c_str(), &st) == 0) {
-      if (S_ISLNK(st.st_mode)) return {std::string(), "it would be written through the symbolic link " + current};
-      if ((!last || isDirectory) && !S_ISDIR(st.st_mode)) return {std::string(), current + " is not a folder"};
-    } else if (!last || isDirectory) {
-      if (mkdir(current.c_str(), 0777) != 0) throw systemError("cannot create folder", current);
-    }
-  }
-  return {current, std::string()};
-}
-
 } // namespace ziputil_tool

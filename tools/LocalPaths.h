@@ -1,5 +1,5 @@
 // Local-file helpers of the ziputil program: turning command-line paths into
-// URIs and entry names, walking folders, and placing extracted entries safely.
+// URIs and entry names, walking folders, and creating them.
 #pragma once
 
 #include "tal/String.h"
@@ -38,19 +38,6 @@ struct SourceItem {
 /// written) are left out. Throws std::runtime_error when `path` cannot be read.
 std::vector<SourceItem> collectSources(std::string const& path, std::string const& entryName,
                                        std::string const& skipPath);
-
-/// Where an extracted entry goes, or why it may not go anywhere.
-struct ExtractTarget {
-  std::string path;   ///< the local path, when `refusal` is empty
-  std::string refusal; ///< why the entry is refused, empty when it is accepted
-};
-
-/// Checks the entry path `entryPath` (segments separated by "/") against the
-/// folder `root`, creating the folders on the way: refused when a segment is
-/// "..", or when an existing component below `root` is a symbolic link (the
-/// entry would land wherever the link points). Throws std::runtime_error when
-/// a folder cannot be created.
-ExtractTarget prepareExtractTarget(std::string const& root, std::string const& entryPath, bool isDirectory);
 
 /// Creates `path` and its missing parents as folders.
 void makeDirectories(std::string const& path);

@@ -16,8 +16,8 @@ import zlib
 PROGRAM = os.environ.get("ZIPUTIL_PROGRAM", "ziputil")
 
 
-def run(*args, cwd=None, stdin=None):
-    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=120)
+def run(*args, cwd=None, stdin=None, timeout=120):
+    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout)
 
 
 def unzip_tests_every_entry(archive):
@@ -262,6 +262,32 @@ class NamesTest(CliTestCase):
         self.assertResult(result, 0)
         self.assertEqual(result.stdout.decode(), "ok\ufffd\u00e9.txt\n")
 
+    def test_entries_landing_on_one_path_are_refused(self):
+        out = self.path("out")
+        archive = raw_zip(self.path("twins.zip"), [
+            raw_entry(b"caf\x82.txt", b"code page 437"),
+            raw_entry("caf\u00e9.txt", b"UTF-8", flags=0x800),
+            raw_entry(b"dir/a:b.txt", b"with colon"),
+            raw_entry(b"dir\\ab.txt", b"backslash, no colon"),
+            raw_entry(b"dir/ab.txt ", b"trailing blank"),
+            raw_entry(b"other.txt", b"other"),
+        ])
+        result = run("extract", archive, out)
+        self.assertResult(result, 1)
+        err = result.stderr.decode().splitlines()
+        self.assertEqual(err, [
+            'ziputil: refusing to extract "caf\u00e9.txt": another entry was already extracted to %s/caf\u00e9.txt'
+            % out,
+            'ziputil: refusing to extract "dir/ab.txt": another entry was already extracted to %s/dir/ab.txt' % out,
+            'ziputil: refusing to extract "dir/ab.txt": another entry was already extracted to %s/dir/ab.txt' % out,
+        ])
+        for name, data in (("caf\u00e9.txt", b"code page 437"), ("dir/ab.txt", b"with colon"),
+                           ("other.txt", b"other")):
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data, msg=name)
+        self.assertEqual(sorted(os.listdir(out)), ["caf\u00e9.txt", "dir", "other.txt"])
+        self.assertEqual(os.listdir(os.path.join(out, "dir")), ["ab.txt"])
+
     def test_an_earlier_run_is_overwritten_without_complaint(self):
         archive = self.path("again.zip")
         make_zip(archive, [("a.txt", b"a"), ("d/b.txt", b"b")])
@@ -431,6 +457,224 @@ class ExtractTest(CliTestCase):
         result = run("extract", archive, self.path("out"))
         self.assertResult(result, 1)
         self.assertIn(b'"a.txt"', result.stderr)
+
+
+# Compiled at test time and preloaded into the program: before the first file is
+# created for writing, the folder ZIPUTIL_SWAP_FOLDER is moved to ZIPUTIL_SWAP_AWAY and a
+# symbolic link to ZIPUTIL_SWAP_TARGET takes its place, as a hostile process racing the
+# extraction would do.
+SWAP_SHIM = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+static void swap_once(int flags) {
+    static int done;
+    const char *folder = getenv("ZIPUTIL_SWAP_FOLDER");
+    if (done || !folder || !(flags & O_CREAT)) return;
+    done = 1;
+    if (rename(folder, getenv("ZIPUTIL_SWAP_AWAY")) != 0 || symlink(getenv("ZIPUTIL_SWAP_TARGET"), folder) != 0)
+        _exit(99);
+}
+
+#define MODE(flags) mode_t mode = 0; \
+    if ((flags) & O_CREAT) { va_list ap; va_start(ap, flags); mode = (mode_t)va_arg(ap, int); va_end(ap); }
+
+int open(const char *path, int flags, ...) {
+    MODE(flags) swap_once(flags);
+    return ((int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open"))(path, flags, mode);
+}
+int open64(const char *path, int flags, ...) {
+    MODE(flags) swap_once(flags);
+    return ((int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open64"))(path, flags, mode);
+}
+int openat(int folder, const char *path, int flags, ...) {
+    MODE(flags) swap_once(flags);
+    return ((int (*)(int, const char *, int, ...))dlsym(RTLD_NEXT, "openat"))(folder, path, flags, mode);
+}
+int openat64(int folder, const char *path, int flags, ...) {
+    MODE(flags) swap_once(flags);
+    return ((int (*)(int, const char *, int, ...))dlsym(RTLD_NEXT, "openat64"))(folder, path, flags, mode);
+}
+"""
+
+
+class ExtractSafetyTest(CliTestCase):
+    """Extraction never damages existing files and never writes outside DIR."""
+
+    def leftovers(self, folder):
+        found = []
+        for root, dirs, files in os.walk(folder):
+            found += [os.path.join(root, name) for name in files + dirs if name.startswith(".ziputil-")]
+        return found
+
+    def precious(self, relative, data=b"precious, must survive\n"):
+        path = self.write(relative, data)
+        os.chmod(path, 0o640)
+        return path, data
+
+    def assertUntouched(self, path, data):
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), data, msg=path)
+        self.assertEqual(os.stat(path).st_mode & 0o777, 0o640, msg=path)
+
+    def test_unreadable_entries_leave_existing_files_untouched(self):
+        cases = {
+            "crc.zip": raw_zip(self.path("crc.zip"), [raw_entry("t.txt", b"0123456789" * 300, zipfile.ZIP_DEFLATED,
+                                                                crc=0x1234)]),
+            "stored-crc.zip": raw_zip(self.path("stored-crc.zip"), [raw_entry("t.txt", b"0123456789", crc=0x1234)]),
+            "short.zip": raw_zip(self.path("short.zip"), [raw_entry("t.txt", b"abc" * 500, zipfile.ZIP_DEFLATED,
+                                                                    size=2000)]),
+        }
+        bz = self.path("bz.zip")
+        with zipfile.ZipFile(bz, "w", zipfile.ZIP_BZIP2) as z:
+            z.writestr("t.txt", b"bzip2 " * 1000)
+        cases["bz.zip"] = bz
+        self.write("src/t.txt", b"encrypted contents\n" * 100)
+        encrypted = self.path("enc.zip")
+        subprocess.run(["zip", "-q", "-P", "right", encrypted, "t.txt"], cwd=self.path("src"), check=True)
+        out = self.path("out")
+        path, data = self.precious("out/t.txt")
+        runs = [[archive] for archive in cases.values()] + \
+            [["--password", "wrong", encrypted], [encrypted], ["--password", "wrong", self.path("stored-crc.zip")]]
+        for args in runs:
+            with self.subTest(args=args):
+                result = run("extract", *args, out)
+                self.assertResult(result, 1)
+                self.assertTrue(result.stderr.startswith(b'ziputil: bad entry "t.txt": '), result.stderr)
+                self.assertEqual(result.stderr.count(b"\n"), 1)
+                self.assertUntouched(path, data)
+                self.assertEqual(os.listdir(out), ["t.txt"])
+        self.assertResult(run("extract", "-P", "right", encrypted, out), 0)
+        with open(path, "rb") as f:
+            self.assertEqual(f.read(), b"encrypted contents\n" * 100)
+
+    def test_special_files_at_the_target_are_refused_unopened(self):
+        import socket
+        out = self.path("out")
+        os.makedirs(os.path.join(out, "folder"))
+        os.mkfifo(os.path.join(out, "pipe"))
+        server = socket.socket(socket.AF_UNIX)
+        self.addCleanup(server.close)
+        server.bind(os.path.join(out, "sock"))
+        names = ["pipe", "sock", "folder"]
+        if os.getuid() == 0:
+            os.mknod(os.path.join(out, "null"), 0o666 | 0o020000, os.makedev(1, 3))
+            names.append("null")
+        archive = self.path("special.zip")
+        make_zip(archive, [(name, b"written into a special file") for name in names] + [("ok.txt", b"ok")])
+        result = run("extract", archive, out, timeout=30)  # opening the FIFO for writing would wait for a reader
+        self.assertResult(result, 1)
+        err = result.stderr.decode()
+        for name in names:
+            self.assertIn('refusing to extract "%s": %s/%s is ' % (name, out, name), err)
+        self.assertEqual(len(err.splitlines()), len(names), err)
+        import stat
+        self.assertTrue(stat.S_ISFIFO(os.lstat(os.path.join(out, "pipe")).st_mode))
+        self.assertTrue(stat.S_ISSOCK(os.lstat(os.path.join(out, "sock")).st_mode))
+        self.assertEqual(os.listdir(os.path.join(out, "folder")), [])
+        with open(os.path.join(out, "ok.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"ok")
+
+    def test_hard_link_keeps_the_file_it_links_to(self):
+        outside, data = self.precious("outside/victim.txt", b"victim's own bytes\n")
+        out = self.path("out")
+        os.makedirs(out)
+        os.link(outside, os.path.join(out, "a.txt"))
+        archive = self.path("link.zip")
+        make_zip(archive, [("a.txt", b"from the archive")])
+        self.assertResult(run("extract", archive, out), 0)
+        with open(os.path.join(out, "a.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"from the archive")
+        self.assertUntouched(outside, data)
+        self.assertEqual(os.stat(outside).st_nlink, 1)
+
+    def test_symbolic_links_in_place_of_folders_are_refused(self):
+        outside = self.path("outside")
+        os.makedirs(outside)
+        out = self.path("out")
+        os.makedirs(os.path.join(out, "a", "b"))
+        os.symlink(outside, os.path.join(out, "a", "b", "link"))
+        os.symlink("../../..", os.path.join(out, "a", "up"))
+        archive = self.path("links.zip")
+        make_zip(archive, [("a/b/link/x.txt", b"x"), ("a/b/link/", None), ("a/b/link/deeper/y.txt", b"y"),
+                           ("a/up/outside/z.txt", b"z"), ("a/b/ok.txt", b"ok")])
+        result = run("extract", archive, out)
+        self.assertResult(result, 1)
+        err = result.stderr.decode()
+        for name in ("a/b/link/x.txt", "a/b/link/", "a/b/link/deeper/y.txt", "a/up/outside/z.txt"):
+            self.assertIn('refusing to extract "%s": it would be written through the symbolic link ' % name, err)
+        self.assertEqual(os.listdir(outside), [])
+        with open(os.path.join(out, "a", "b", "ok.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"ok")
+
+    def test_folder_swapped_for_a_symbolic_link_during_extraction(self):
+        compiler = shutil.which("cc")
+        if not compiler:
+            self.skipTest("no C compiler to build the preloaded swapper")
+        shim_folder = tempfile.mkdtemp(prefix="ziputil-shim-")  # LD_PRELOAD splits paths at blanks
+        self.addCleanup(shutil.rmtree, shim_folder, True)
+        shim_source = os.path.join(shim_folder, "swap.c")
+        with open(shim_source, "w") as f:
+            f.write(SWAP_SHIM)
+        shim = os.path.join(shim_folder, "swap.so")
+        subprocess.run([compiler, "-shared", "-fPIC", "-o", shim, shim_source, "-ldl"], check=True)
+        outside = self.path("outside")
+        os.makedirs(outside)
+        out = self.path("out")
+        archive = self.path("race.zip")
+        make_zip(archive, [("sub/", None), ("sub/victim.txt", b"first"), ("sub/second.txt", b"second")])
+        env = dict(os.environ, LD_PRELOAD=shim, ZIPUTIL_SWAP_FOLDER=os.path.join(out, "sub"),
+                   ZIPUTIL_SWAP_AWAY=os.path.join(out, "moved"), ZIPUTIL_SWAP_TARGET=outside,
+                   ASAN_OPTIONS=(os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":"))
+        result = subprocess.run([PROGRAM, "extract", archive, out], env=env, capture_output=True, timeout=120)
+        self.assertTrue(os.path.islink(os.path.join(out, "sub")), "the swap did not happen")
+        self.assertEqual(os.listdir(outside), [])
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertIn(b'refusing to extract "sub/second.txt": it would be written through the symbolic link',
+                      result.stderr)
+        with open(os.path.join(out, "moved", "victim.txt"), "rb") as f:  # where the folder went
+            self.assertEqual(f.read(), b"first")
+        self.assertEqual(self.leftovers(out), [])
+
+    def test_new_files_follow_the_umask(self):
+        archive = self.path("modes.zip")
+        make_zip(archive, [("d/f.txt", b"f")])
+        for mask, mode in ((0o022, 0o644), (0o077, 0o600), (0o002, 0o664)):
+            out = self.path("out%o" % mask)
+            result = subprocess.run([PROGRAM, "extract", archive, out], capture_output=True, timeout=120,
+                                    preexec_fn=lambda: os.umask(mask))
+            self.assertResult(result, 0)
+            self.assertEqual(os.stat(os.path.join(out, "d", "f.txt")).st_mode & 0o777, mode)
+
+    def test_killed_extract_leaves_the_old_file_and_no_temporary(self):
+        archive = self.path("big.zip")
+        with zipfile.ZipFile(archive, "w", zipfile.ZIP_DEFLATED) as z:
+            with z.open("big.bin", "w", force_zip64=True) as entry:
+                chunk = b"\0" * (1 << 20)
+                for _ in range(512):
+                    entry.write(chunk)
+        path, data = self.precious("out/big.bin")
+        out = self.path("out")
+        process = subprocess.Popen([PROGRAM, "extract", archive, out], stderr=subprocess.PIPE)
+        seen = False
+        deadline = time.monotonic() + 60
+        while process.poll() is None and time.monotonic() < deadline:
+            if self.leftovers(out) or os.stat(path).st_size != len(data):  # at work, on a copy or on the file
+                seen = True
+                process.terminate()
+                break
+            time.sleep(0.0005)
+        process.communicate(timeout=120)
+        if not seen:
+            self.skipTest("the extraction ended before it was seen at work")
+        self.assertEqual(process.returncode, -15)
+        self.assertUntouched(path, data)
+        self.assertEqual(self.leftovers(out), [])
 
 
 class AddTest(CliTestCase):

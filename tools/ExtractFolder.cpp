@@ -1,0 +1,221 @@
+#include "ExtractFolder.h"
+
+#include "LocalPaths.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace ziputil_tool {
+namespace {
+
+std::runtime_error systemError(std::string const& what, std::string const& path, int error) {
+  return std::runtime_error(what + " " + path + ": " + std::strerror(error));
+}
+
+/// A descriptor closed when dropped.
+class CFd {
+public:
+  explicit CFd(int fd) : m_fd(fd) {}
+  ~CFd() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  CFd(CFd const&) = delete;
+  CFd& operator=(CFd const&) = delete;
+  int get() const { return m_fd; }
+  /// Closes now; the close's errno, or 0.
+  int close() {
+    int const fd = m_fd;
+    m_fd = -1;
+    return fd >= 0 && ::close(fd) != 0 ? errno : 0;
+  }
+
+private:
+  int m_fd;
+};
+
+// The temporary file being written, removed when a signal ends the program.
+volatile sig_atomic_t g_temporaryFolder = -1;
+char g_temporaryName[64];
+
+extern "C" void removeTemporaryAndDie(int signal) {
+  int const folder = g_temporaryFolder;
+  if (folder >= 0) ::unlinkat(folder, g_temporaryName, 0);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+void removeTemporaryOnSignals() {
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current;
+    if (::sigaction(signal, nullptr, &current) != 0 || current.sa_handler == SIG_IGN) continue;
+    struct sigaction action {};
+    action.sa_handler = removeTemporaryAndDie;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
+  }
+}
+
+void setTemporary(int folder, std::string const& name) {
+  g_temporaryFolder = -1;
+  std::snprintf(g_temporaryName, sizeof g_temporaryName, "%s", name.c_str());
+  g_temporaryFolder = folder;
+}
+
+void clearTemporary() { g_temporaryFolder = -1; }
+
+void writeAll(int fd, unsigned char const* data, std::size_t size, std::string const& path) {
+  while (size > 0) {
+    ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw systemError("cannot write", path, errno);
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+}
+
+} // namespace
+
+CExtractFolder::CExtractFolder(std::string root) : m_root(std::move(root)), m_rootFd(-1) {
+  makeDirectories(m_root);
+  m_rootFd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_rootFd < 0) throw systemError("cannot open folder", m_root, errno);
+  mode_t const mask = ::umask(0);
+  ::umask(mask);
+  m_fileMode = 0666 & ~mask;
+  std::random_device seed;
+  m_random.seed((static_cast<std::uint64_t>(seed()) << 32) ^ seed() ^ static_cast<std::uint64_t>(::getpid()));
+  removeTemporaryOnSignals();
+}
+
+CExtractFolder::~CExtractFolder() {
+  if (m_rootFd >= 0) ::close(m_rootFd);
+}
+
+std::string CExtractFolder::splitEntryPath(std::string const& path, std::vector<std::string>& segments) {
+  segments.clear();
+  if (path.find('\0') != std::string::npos) return "its name holds a NUL byte";
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    std::string segment = path.substr(start, end - start);
+    if (segment == "..") return "its path leaves the target folder";
+    if (!segment.empty() && segment != ".") segments.push_back(segment);
+    start = end + 1;
+  }
+  if (segments.empty()) return "its path names no file";
+  return std::string();
+}
+
+std::string CExtractFolder::localPath(std::vector<std::string> const& segments, std::size_t count) const {
+  std::string path = m_root;
+  for (std::size_t i = 0; i < count; ++i) path += "/" + segments[i];
+  return path;
+}
+
+int CExtractFolder::openFolders(std::vector<std::string> const& segments, std::size_t count, std::string& refusal) {
+  int folder = ::dup(m_rootFd);
+  if (folder < 0) throw systemError("cannot open folder", m_root, errno);
+  for (std::size_t i = 0; i < count; ++i) {
+    CFd parent(folder);
+    char const* name = segments[i].c_str();
+    int next = -1;
+    for (int attempt = 0; next < 0; ++attempt) {
+      next = ::openat(parent.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (next >= 0) break;
+      int const error = errno;
+      std::string const path = localPath(segments, i + 1);
+      if (error == ENOENT && attempt < 8) { // missing: create it, then open what is there
+        if (::mkdirat(parent.get(), name, 0777) != 0 && errno != EEXIST)
+          throw systemError("cannot create folder", path, errno);
+        continue;
+      }
+      if (error == ELOOP || error == ENOTDIR) {
+        struct stat st;
+        bool const link = ::fstatat(parent.get(), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+        refusal = link ? "it would be written through the symbolic link " + path : path + " is not a folder";
+        return -1;
+      }
+      throw systemError("cannot open folder", path, error);
+    }
+    folder = next;
+  }
+  return folder;
+}
+
+std::string CExtractFolder::makeFolder(std::vector<std::string> const& segments) {
+  std::string refusal;
+  CFd folder(openFolders(segments, segments.size(), refusal));
+  return refusal;
+}
+
+int CExtractFolder::createTemporary(int folder, std::string& name) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    char text[32];
+    std::snprintf(text, sizeof text, ".ziputil-%012llx",
+                  static_cast<unsigned long long>(m_random() & 0xffffffffffffULL));
+    name = text;
+    setTemporary(folder, name); // before it exists: a signal meanwhile removes nothing of anyone else's
+    int const fd = ::openat(folder, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0) return fd;
+    int const error = errno;
+    clearTemporary();
+    if (error != EEXIST) return -1;
+  }
+  errno = EEXIST;
+  return -1;
+}
+
+std::string CExtractFolder::writeFile(std::vector<std::string> const& segments,
+                                      std::function<void(Sink const&)> const& fill) {
+  std::string refusal;
+  CFd folder(openFolders(segments, segments.size() - 1, refusal));
+  if (folder.get() < 0) return refusal;
+  std::string const& leaf = segments.back();
+  std::string const path = localPath(segments, segments.size());
+
+  struct stat existing;
+  bool replacing = false;
+  if (::fstatat(folder.get(), leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (S_ISLNK(existing.st_mode)) return path + " is a symbolic link";
+    if (S_ISDIR(existing.st_mode)) return path + " is a folder";
+    if (!S_ISREG(existing.st_mode)) return path + " is not a regular file";
+    auto const earlier = m_written.find({existing.st_dev, existing.st_ino});
+    if (earlier != m_written.end()) return "another entry was already extracted to " + earlier->second;
+    replacing = true;
+  } else if (errno != ENOENT) {
+    throw systemError("cannot read", path, errno);
+  }
+
+  std::string temporary;
+  CFd file(createTemporary(folder.get(), temporary));
+  if (file.get() < 0) throw systemError("cannot create a temporary file for", path, errno);
+  struct stat written;
+  try {
+    fill([&](unsigned char const* data, std::size_t size) { writeAll(file.get(), data, size, path); });
+    if (::fchmod(file.get(), m_fileMode) != 0) throw systemError("cannot set the permissions of", path, errno);
+    if (replacing && ::fsync(file.get()) != 0) throw systemError("cannot write", path, errno); // old or new, never neither
+    if (::fstat(file.get(), &written) != 0) throw systemError("cannot read", path, errno);
+    if (int const error = file.close()) throw systemError("cannot write", path, error);
+    if (::renameat(folder.get(), temporary.c_str(), folder.get(), leaf.c_str()) != 0)
+      throw systemError("cannot create", path, errno);
+  } catch (...) {
+    file.close();
+    ::unlinkat(folder.get(), temporary.c_str(), 0);
+    clearTemporary();
+    throw;
+  }
+  clearTemporary();
+  m_written[{written.st_dev, written.st_ino}] = path;
+  return std::string();
+}
+
+} // namespace ziputil_tool

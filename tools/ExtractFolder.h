@@ -1,0 +1,70 @@
+// The folder an extract run writes into, and how entries land in it safely.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ziputil_tool {
+
+/// Holds the target folder open and reaches everything below it from that
+/// descriptor, one folder at a time (openat with O_NOFOLLOW | O_DIRECTORY,
+/// mkdirat, renameat, unlinkat): a folder replaced by a symbolic link while
+/// the run goes on cannot send a write elsewhere.
+///
+/// A file entry is written to a new temporary file in its destination folder
+/// and renamed over the target only once it has been read whole and checked,
+/// so an entry that cannot be read leaves an existing file as it was and no
+/// partial file behind. Renaming replaces the folder entry: another hard link
+/// to a file it replaces keeps that file's bytes. An existing target that is
+/// not a regular file (a folder, a symbolic link, a FIFO, a device, a socket)
+/// is refused without being opened, and so is a target that an earlier entry
+/// of the same run has written.
+///
+/// Refusals come back as text; failures of the local file system throw
+/// std::runtime_error; whatever the entry's reader throws passes through
+/// (the temporary file removed).
+class CExtractFolder {
+public:
+  /// Creates `root` with its missing parents and opens it.
+  explicit CExtractFolder(std::string root);
+  ~CExtractFolder();
+  CExtractFolder(CExtractFolder const&) = delete;
+  CExtractFolder& operator=(CExtractFolder const&) = delete;
+
+  /// Splits a cleaned entry path into its segments ("." and empty segments
+  /// dropped); returns why it is refused, or "" when it may be extracted.
+  static std::string splitEntryPath(std::string const& path, std::vector<std::string>& segments);
+
+  /// Creates the folders of `segments`. Returns a refusal, or "".
+  std::string makeFolder(std::vector<std::string> const& segments);
+
+  using Sink = std::function<void(unsigned char const*, std::size_t)>;
+  /// Writes the file at `segments`: `fill` gets a sink for the entry's bytes
+  /// and must throw when the entry turns out bad. Returns a refusal, or "".
+  std::string writeFile(std::vector<std::string> const& segments, std::function<void(Sink const&)> const& fill);
+
+  /// The local path of `segments` below the folder, for messages.
+  std::string localPath(std::vector<std::string> const& segments, std::size_t count) const;
+
+private:
+  /// Opens the folders of segments[0, count) below the root, creating the
+  /// missing ones; -1 with `refusal` set when one is not a folder.
+  int openFolders(std::vector<std::string> const& segments, std::size_t count, std::string& refusal);
+  int createTemporary(int folder, std::string& name);
+
+  std::string m_root;
+  int m_rootFd;
+  mode_t m_fileMode;
+  std::mt19937_64 m_random;
+  /// The files this run has written (device, inode) and their paths.
+  std::map<std::pair<dev_t, ino_t>, std::string> m_written;
+};
+
+} // namespace ziputil_tool
