@@ -164,6 +164,7 @@ void CZipWriter::openCopy(ArchiveState& state) {
     tal::P<tal::IInOutStream> out =
         m_fileSystem->openStream(state.target, tal::IFileSystem::AccessReadWrite, tal::IFileSystem::OpenCreate);
     copyStream(*in, *out);
+    m_fileSystem->sync(*out); // the copy's old part is as durable as what minizip adds to it
     out->close();
     in->close();
     openMinizip(state);

@@ -34,12 +34,14 @@ namespace ziputil {
 ///
 /// Integrity (additions):
 /// - Before the first byte is written, the constructor reads the archive's end
-///   record and every central header whole; an archive whose end or central
-///   directory is cut short or damaged is refused with CError "Damaged
-///   archive: <what>." {"uri", "offset"} (a non-empty file without an end
-///   record: "Not a ZIP archive: no end-of-central-directory record." {"uri"}),
-///   and a failure of the file system while minizip reads it is thrown even
-///   where minizip would carry on. The file is untouched then.
+///   record and every central header whole; an archive that minizip opens but
+///   whose end or central directory is cut short or damaged is refused with
+///   CError "Damaged archive: <what>." {"uri", "offset"} (a non-empty file
+///   without an end record: "Not a ZIP archive: no end-of-central-directory
+///   record." {"uri"}; a file minizip cannot open at all still gives
+///   "zipOpen2_64 failed"), and a failure of the file system while minizip
+///   reads it is thrown even where minizip would carry on. The file is
+///   untouched then.
 /// - One writer, from construction to close(), is one transaction. When
 ///   anything fails after the writer may have changed the file (a minizip
 ///   failure in beginAddFile, the entry stream's write or close, close(), the
@@ -78,9 +80,10 @@ public:
     /// open either is refused with the "Damaged archive" and "Not a ZIP
     /// archive" errors, not "zipOpen2_64 failed"), copies the whole archive to
     /// a new sibling file "<archive>.tmp-<16 hex digits>" (created; it must not
-    /// exist), and entries are added to that copy. close()
-    /// writes its central directory, makes it durable (IFileSystem::sync on the
-    /// stream that wrote it) and moves it over the archive (IFileSystem::move).
+    /// exist) and makes the copy durable (IFileSystem::sync), and entries are
+    /// added to that copy. close() writes its central directory, makes it
+    /// durable (IFileSystem::sync on the stream that wrote it) and moves it
+    /// over the archive (IFileSystem::move).
     /// So at every instant, whatever happens to the process or the machine, the
     /// file at the archive's URI is either the old archive or the complete new
     /// one. Any failure, including a file system without sync or move (their
@@ -148,8 +151,10 @@ public:
   ~CZipWriter() override;
 
   /// Starts an entry named by the normalised path of `relativeURIInArchive`
-  /// (UTF-8, taken as it is), with the time `time` (the empty value gives an
-  /// all-zero DOS date), and returns its stream. Throws CIOError StreamClosed
+  /// (UTF-8, taken as it is), with the time `time` (the empty value leaves
+  /// minizip's date fields zero, which it stores as the DOS date 0x00200000,
+  /// 1980-01-00 00:00:00: give a real time for archives other tools check),
+  /// and returns its stream. Throws CIOError StreamClosed
   /// "ZIP file already closed" after close(); CError "Internal error:
   /// CZipWriter::beginAddFile called before previous added file was finished."
   /// while an entry is open; CInvalidArgError ("relativeURIInArchive is

@@ -226,7 +226,7 @@ std::map<std::tuple<CFaultyFileSystem::Op, bool>, std::string> const kExpectedSt
     {{CFaultyFileSystem::Tell, true}, "construct@copy*3 begin@copy*2 streamClose@copy writerClose@copy*2"},
     {{CFaultyFileSystem::Close, true}, "construct@copy construct writerClose@copy"},
     {{CFaultyFileSystem::Length, true}, "construct construct@copy*2"},
-    {{CFaultyFileSystem::Sync, true}, "writerClose@copy"},
+    {{CFaultyFileSystem::Sync, true}, "construct@copy writerClose@copy"}, // the copy, then the finished archive
     {{CFaultyFileSystem::Move, true}, "writerClose@copy"},
 };
 
@@ -341,9 +341,10 @@ TEST_F(WriterFaultsRepresentativeTest, FailedProbeForTheEndRecordIsNoLongerPasse
 }
 
 TEST_F(WriterFaultsRepresentativeTest, FailedSyncOrMoveLeavesTheArchiveAndRemovesTheCopy) {
-  for (CFaultyFileSystem::Op op : {CFaultyFileSystem::Sync, CFaultyFileSystem::Move}) {
+  // Sync #1 makes the copy durable in the constructor, sync #2 the finished archive at close.
+  for (auto [op, n] : {std::pair{CFaultyFileSystem::Sync, 2}, std::pair{CFaultyFileSystem::Move, 1}}) {
     SCOPED_TRACE(CFaultyFileSystem::opName(op));
-    Outcome const outcome = run(op, 1, true);
+    Outcome const outcome = run(op, n, true);
     EXPECT_EQ(outcome.failedStep, WriterClose);
     EXPECT_TRUE(outcome.injected);
     EXPECT_TRUE(outcome.onCopy);
