@@ -21,14 +21,25 @@ struct Command {
 Command const kCommands[] = {
     {"list", "list [--password P] [--long] ARCHIVE",
      "Prints one line per entry in central-directory order: the entry's path, with \"/\" after a folder\n"
-     "entry. --long puts the uncompressed size, compressed size and modification time before it.\n"},
+     "entry. --long puts the uncompressed size, compressed size and modification time before it.\n"
+     "The archive's data is not read: test checks it.\n"},
     {"cat", "cat [--password P] ARCHIVE ENTRY",
-     "Writes the bytes of ENTRY to standard output. ENTRY is taken literally: '#', '?', '%' and\n"
-     "blanks are ordinary characters.\n"},
+     "Writes the bytes of the first entry named ENTRY to standard output. ENTRY is matched against\n"
+     "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"
+     "characters. The archive is refused as test refuses it, and a bad entry is named after the\n"
+     "bytes that could be read, with exit status 1.\n"},
     {"extract", "extract [--password P] ARCHIVE [DIR]",
-     "Extracts every entry under DIR (default \".\"). An entry whose path would land outside DIR,\n"
-     "through \"..\" or through a symbolic link, is refused and named; the others are still\n"
-     "extracted, and the exit status is then 1.\n"},
+     "Extracts every entry under DIR (default \".\"), replacing files of the same name. Each file is\n"
+     "written to a temporary file beside its target and renamed over it only once the entry has been\n"
+     "read whole and checked as test checks it: a bad entry (wrong password, unsupported method,\n"
+     "damaged data) leaves an existing file as it was, and nothing of the entry behind. Renaming\n"
+     "replaces the name, never the file: another hard link to a replaced file keeps its bytes.\n"
+     "Refused and named: an entry whose path would land outside DIR (through \"..\" or a symbolic\n"
+     "link, also one put in place of a folder while extraction runs), whose target is not a regular\n"
+     "file (a folder, symbolic link, FIFO, device or socket, which is never opened), or whose target\n"
+     "an earlier entry of the same run has written. The other entries are still extracted, and the\n"
+     "exit status is then 1. An archive that test refuses as a whole is refused before anything is\n"
+     "written. New files get mode 0666 less the umask.\n"},
     {"add", "add [--password P] [--level N] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
@@ -38,7 +49,12 @@ Command const kCommands[] = {
      "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"
      "any other failure leaves ARCHIVE as it was.\n"},
     {"test", "test [--password P] ARCHIVE",
-     "Reads every entry and checks its CRC-32 and size; names each bad entry.\n"},
+     "Checks the archive's layout first, and refuses it with one error line when its parts do not\n"
+     "fit together: entries that share or overlap their data (how a small archive inflates to\n"
+     "gigabytes), or a local header that disagrees with its central header (other tools would show\n"
+     "other names or contents). Then reads every entry and checks its size, the end of its data and\n"
+     "its CRC-32; names each bad entry and why (wrong or missing password, unsupported compression\n"
+     "method, damaged data).\n"},
 };
 
 void printUsage(FILE* out) {
@@ -46,6 +62,10 @@ void printUsage(FILE* out) {
   for (Command const& command : kCommands) std::fprintf(out, "  ziputil %s\n", command.usage);
   std::fprintf(out,
                "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
+               "Entry names are read as UTF-8, or as code page 437 when they are not valid UTF-8 and lack the\n"
+               "UTF-8 flag, then cleaned into relative paths (\"\\\" becomes \"/\"; leading and trailing \"/\",\n"
+               "colons and surrounding blanks go). Control characters in names are shown escaped: ^J for\n"
+               "a newline, ^@ to ^_ for the others below 32, ^? for 127, \\u0080 to \\u009f for C1 controls.\n"
                "Exit status: 0 success, 1 failure, 2 usage error.\n");
 }
 

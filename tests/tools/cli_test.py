@@ -151,6 +151,16 @@ class UsageTest(CliTestCase):
             self.assertResult(result, 0)
             self.assertTrue(result.stdout.startswith(b"usage: ziputil " + command.encode()))
 
+    def test_help_describes_names_and_checks(self):
+        overview = run("--help").stdout
+        self.assertIn(b"code page 437", overview)
+        self.assertIn(b"^J for\na newline", overview)
+        extract = run("extract", "--help").stdout
+        for words in (b"temporary file", b"hard link", b"FIFO", b"earlier entry of the same run"):
+            self.assertIn(words, extract)
+        self.assertIn(b"CRC-32", run("test", "--help").stdout)
+        self.assertIn(b"overlap", run("test", "--help").stdout)
+
     def test_usage_errors_exit_2(self):
         for args in ([], ["frobnicate"], ["list"], ["list", "a", "b"], ["cat", "a.zip"], ["add", "a.zip"],
                      ["list", "--bogus", "a.zip"], ["add", "--level", "10", "a.zip", "x"],
