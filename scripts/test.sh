@@ -84,7 +84,8 @@ if [ -z "$filter" ]; then
   mkdir -p "$fuzz/corpus" "$fuzz/findings"
   cp "$fuzz"/seeds/* "$fuzz/corpus/"
   if ! "$fuzz/zip_reader_fuzzer" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 -timeout=10 \
-      -print_final_stats=1 -artifact_prefix="$fuzz/findings/" "$fuzz/corpus" >"$fuzz/fuzz.log" 2>&1; then
+      -dict=fuzz/zip.dict -print_final_stats=1 -artifact_prefix="$fuzz/findings/" "$fuzz/corpus" \
+      >"$fuzz/fuzz.log" 2>&1; then
     tail -n 80 "$fuzz/fuzz.log"
     echo "fuzzer finding: the input is in $fuzz/findings/, the whole log in $fuzz/fuzz.log" >&2
     exit 1
