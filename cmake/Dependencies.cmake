@@ -69,7 +69,9 @@ set(_unzip_crypt "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_crypt.c")
 # of 2-, 4- and 8-byte fields answer a short read with UNZ_EOF, which equals
 # UNZ_OK, so a record cut short read as zeros (a damaged end record gave an
 # empty archive): the copy answers UNZ_BADZIPFILE, and stops reading a central
-# header whose signature is wrong (the walk probes past the last one). And it adds
+# header whose signature is wrong (the walk probes past the last one), and counts
+# an encryption header against the compressed bytes left (a stored encrypted
+# entry could be read on into the next record). And it adds
 # ziputil_unzReadPastEnd (MiniZipExtras.h), with which the reader finds an
 # entry whose data goes on past its stored size, and
 # ziputil_unzGetCurrentFileInfoName, which gives the entry information that
@@ -89,6 +91,10 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
   # whose fields may run past the end of the file).
   "            err=UNZ_BADZIPFILE;\n    }\n\n    if (unz64local_getShort(&s->z_filefunc, s->filestream,&file_info.version) != UNZ_OK)"
   "            err=UNZ_BADZIPFILE;\n    }\n    if (err!=UNZ_OK)\n        return err;\n\n    if (unz64local_getShort(&s->z_filefunc, s->filestream,&file_info.version) != UNZ_OK)"
+  # The 12-byte encryption header counts against the compressed bytes left to read (a stored entry read on
+  # into the next record).
+  "        s->pfile_in_zip_read->pos_in_zipfile+=12;\n        s->encrypted=1;"
+  "        if (s->pfile_in_zip_read->rest_read_compressed < 12)\n            return UNZ_BADZIPFILE;\n        s->pfile_in_zip_read->pos_in_zipfile+=12;\n        s->pfile_in_zip_read->rest_read_compressed-=12;\n        s->encrypted=1;"
   # ziputil_unzGetCurrentFileInfoName: the current entry's information as positioning parsed it, and its name.
   "extern int ZEXPORT unzGetCurrentFileInfo64(unzFile file,\n                                           unz_file_info64 * pfile_info,"
   "extern int ZEXPORT ziputil_unzGetCurrentFileInfoName(unzFile file, unz_file_info64* pfile_info,\n                                                    char* szFileName, uLong fileNameBufferSize) {\n    unz64_s* s;\n    uLong uSizeRead;\n    if (file == NULL)\n        return UNZ_PARAMERROR;\n    s = (unz64_s*)file;\n    if (!s->current_file_ok)\n        return UNZ_END_OF_LIST_OF_FILE;\n    if (pfile_info != NULL)\n        *pfile_info = s->cur_file_info;\n    if (szFileName == NULL)\n        return UNZ_OK;\n    uSizeRead = s->cur_file_info.size_filename < fileNameBufferSize ? s->cur_file_info.size_filename : fileNameBufferSize;\n    if (s->cur_file_info.size_filename < fileNameBufferSize)\n        *(szFileName + s->cur_file_info.size_filename) = '\\0';\n    if (uSizeRead > 0) {\n        if (ZSEEK64(s->z_filefunc, s->filestream, s->pos_in_central_dir + s->byte_before_the_zipfile + SIZECENTRALDIRITEM, ZLIB_FILEFUNC_SEEK_SET) != 0)\n            return UNZ_ERRNO;\n        if (ZREAD64(s->z_filefunc, s->filestream, szFileName, uSizeRead) != uSizeRead)\n            return UNZ_ERRNO;\n    }\n    return UNZ_OK;\n}\n\nextern int ZEXPORT unzGetCurrentFileInfo64(unzFile file,\n                                           unz_file_info64 * pfile_info,"

@@ -170,7 +170,9 @@ void readArchive(tal::IFileSystem* fs, tal::CURI const& uri, tal::String const& 
     attempt([&] { open->close(); });
   }
   attempt([&] { reader->nextFile(); });
-  describeArchive(*reader); // the entry getters are left alone: they need the open archive
+  describeArchive(*reader);
+  describe(*reader); // closed while positioned: nothing is current any more
+  attempt([&] { reader->openCurrentFileStream(); });
   attempt([&] { reader->close(); });
 }
 

@@ -42,14 +42,7 @@ public:
   std::string describeFailure(std::exception const& error) const;
 
 private:
-  /// Whether the library's end check would misread the current entry.
-  bool needsOwnCheck() const;
-  void copyWithOwnCheck(std::function<void(unsigned char const*, std::size_t)> const& sink);
-
-  bool m_hasPassword;
   tal::P<ziputil::CZipReader> m_checked;
-  /// With a password, an unchecking reader kept on the same entry (see needsOwnCheck).
-  tal::P<ziputil::CZipReader> m_plain;
 };
 
 } // namespace ziputil_tool

@@ -62,13 +62,13 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
   m_position += result;
   if (m_verify && !m_verified) {
     m_crc = crc32(m_crc, static_cast<Bytef const*>(buffer), static_cast<uInt>(result));
-    if (result < size || m_position >= m_storedSize) verifyEnd(*reader->m_zipStuff);
+    if (result < size || static_cast<unsigned long long>(m_position) >= m_storedSize) verifyEnd(*reader->m_zipStuff);
   }
   if (result < size) m_length = m_position;
   return result;
 }
 
-void CZipReader::CFileInZipInStream::verifyAgainst(unsigned long crc, long long size) {
+void CZipReader::CFileInZipInStream::verifyAgainst(unsigned long crc, unsigned long long size) {
   m_verify = true;
   m_storedCRC = crc;
   m_storedSize = size;
@@ -85,8 +85,8 @@ void CZipReader::CFileInZipInStream::throwVerifyFailure(std::string const& messa
 void CZipReader::CFileInZipInStream::verifyEnd(ZipStuff& stuff) {
   m_verified = true;
   char text[160];
-  if (m_position < m_storedSize) {
-    std::snprintf(text, sizeof text, "ZIP entry is shorter than its stored size: %lld of %lld bytes", m_position,
+  if (static_cast<unsigned long long>(m_position) < m_storedSize) {
+    std::snprintf(text, sizeof text, "ZIP entry is shorter than its stored size: %lld of %llu bytes", m_position,
                   m_storedSize);
     throwVerifyFailure(text);
   }
@@ -94,7 +94,7 @@ void CZipReader::CFileInZipInStream::verifyEnd(ZipStuff& stuff) {
   int const past = ziputil_unzReadPastEnd(stuff.handle, &beyond, 1);
   if (past != 0) {
     if (past == UNZ_ERRNO && stuff.io.getLastError()) stuff.io.getLastError()->throwClone(); // the file system failed
-    std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %lld bytes", m_storedSize);
+    std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %llu bytes", m_storedSize);
     throwVerifyFailure(text);
   }
   if (m_crc != m_storedCRC) {

@@ -237,6 +237,9 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
   if (!isPositioned())
     throw tal::CError(tal::String("CZipReader not positioned at a file. Cannot open stream."), tal::String(), -1,
                       tal::uriProps(m_archiveURI), nullptr);
+  if (!m_zipStuff)
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"),
+                        tal::uriProps(m_archiveURI), nullptr);
   ZipStuff& stuff = *m_zipStuff;
   int result = UNZ_OK;
   if (m_hasPassword)
@@ -252,7 +255,7 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
   long long const size = getCurrentFileUncompressedSize();
   tal::CURI const entryURI = m_archiveURI << m_currentRelativeURI;
   tal::P<CFileInZipInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
-  if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), size);
+  if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), stuff.fileInfo.uncompressed_size);
   m_streamOpen = true;
   return tal::P<tal::IInStream>(stream);
 }
@@ -260,15 +263,15 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
 tal::CURI CZipReader::getCurrentFileRelativeURI() const { return tal::CURI(m_currentRelativeURI, nullptr); }
 
 long long CZipReader::getCurrentFileUncompressedSize() const {
-  return isPositioned() ? static_cast<long long>(m_zipStuff->fileInfo.uncompressed_size) : 0;
+  return hasEntryInfo() ? static_cast<long long>(m_zipStuff->fileInfo.uncompressed_size) : 0;
 }
 
 long long CZipReader::getCurrentFileCompressedSize() const {
-  return isPositioned() ? static_cast<long long>(m_zipStuff->fileInfo.compressed_size) : 0;
+  return hasEntryInfo() ? static_cast<long long>(m_zipStuff->fileInfo.compressed_size) : 0;
 }
 
 tal::CTimeFields CZipReader::getCurrentFileModifiedTimeFields() const {
-  if (!isPositioned()) return tal::CTimeFields();
+  if (!hasEntryInfo()) return tal::CTimeFields();
   tm_unz const& date = m_zipStuff->fileInfo.tmu_date;
   if (date.tm_mday < 1 || date.tm_mday > 31) return tal::CTimeFields();
   return tal::CTimeFields(static_cast<int>(date.tm_year), static_cast<int>(date.tm_mon) + 1,
@@ -284,33 +287,33 @@ bool CZipReader::isCurrentFileDirectory() const {
 }
 
 unsigned long CZipReader::getCurrentFileCRC32() const {
-  return isPositioned() ? static_cast<unsigned long>(m_zipStuff->fileInfo.crc) : 0;
+  return hasEntryInfo() ? static_cast<unsigned long>(m_zipStuff->fileInfo.crc) : 0;
 }
 
 int CZipReader::getCurrentFileMethod() const {
-  return isPositioned() ? static_cast<int>(m_zipStuff->fileInfo.compression_method) : -1;
+  return hasEntryInfo() ? static_cast<int>(m_zipStuff->fileInfo.compression_method) : -1;
 }
 
 std::string CZipReader::getCurrentFileRawName() const {
-  if (!isPositioned()) return std::string();
+  if (!hasEntryInfo()) return std::string();
   std::size_t const stored = static_cast<std::size_t>(m_zipStuff->fileInfo.size_filename);
   return std::string(m_nameBuffer.getData(), std::min<std::size_t>(stored, kNameBufferLength - 1));
 }
 
-bool CZipReader::isCurrentFileNameUTF8() const { return isPositioned() && (m_zipStuff->fileInfo.flag & 0x800) != 0; }
+bool CZipReader::isCurrentFileNameUTF8() const { return hasEntryInfo() && (m_zipStuff->fileInfo.flag & 0x800) != 0; }
 
-bool CZipReader::isCurrentFileEncrypted() const { return isPositioned() && (m_zipStuff->fileInfo.flag & 1) != 0; }
+bool CZipReader::isCurrentFileEncrypted() const { return hasEntryInfo() && (m_zipStuff->fileInfo.flag & 1) != 0; }
 
 int CZipReader::getCurrentFileVersionMadeBy() const {
-  return isPositioned() ? static_cast<int>(m_zipStuff->fileInfo.version) : -1;
+  return hasEntryInfo() ? static_cast<int>(m_zipStuff->fileInfo.version) : -1;
 }
 
 unsigned long CZipReader::getCurrentFileExternalAttributes() const {
-  return isPositioned() ? static_cast<unsigned long>(m_zipStuff->fileInfo.external_fa) : 0;
+  return hasEntryInfo() ? static_cast<unsigned long>(m_zipStuff->fileInfo.external_fa) : 0;
 }
 
 int CZipReader::getCurrentFileUnixMode() const {
-  if (!isPositioned() || (m_zipStuff->fileInfo.version >> 8) != 3) return -1;
+  if (!hasEntryInfo() || (m_zipStuff->fileInfo.version >> 8) != 3) return -1;
   int const mode = static_cast<int>((m_zipStuff->fileInfo.external_fa >> 16) & 0xFFFF);
   return mode != 0 ? mode : -1;
 }
@@ -321,7 +324,7 @@ bool CZipReader::isCurrentFileSymbolicLink() const {
 }
 
 std::string CZipReader::readEntryText(bool comment) const {
-  if (!isPositioned()) return std::string();
+  if (!hasEntryInfo()) return std::string();
   tal::CMutexLock lock(m_mutex);
   if (!m_zipStuff) return std::string();
   unz_file_info64 const& info = m_zipStuff->fileInfo;

@@ -167,13 +167,17 @@ public:
   /// getCurrentFileComment does ("unzGetGlobalComment failed").
   std::string getArchiveComment() const;
 
-  /// Closes the archive; a second call does nothing. The archive counts as
-  /// closed even when unzClose fails ("unzClose failed" {"uri", "result"}, or
+  /// Closes the archive; a second call does nothing. The current relative URI
+  /// stays; every other getter gives its value for "not positioned", and
+  /// openCurrentFileStream throws CIOError StreamClosed "ZIP file already
+  /// closed" {"uri"}. The archive counts as closed even when unzClose fails ("unzClose failed" {"uri", "result"}, or
   /// the file system's error). An entry stream still open finds the archive closed.
   void close();
 
 private:
   bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }
+  /// Whether the current entry's information is at hand: positioned, and the archive still open.
+  bool hasEntryInfo() const { return isPositioned() && m_zipStuff; }
   void checkCanMove(char const* stillOpenMessage) const;
   /// Clears the entry information and the name buffer: the whole buffer,
   /// though only the bytes the last positioning may have written need it.
@@ -263,7 +267,7 @@ private:
   /// Marks the stream closed and lets the reader move on.
   void detach();
   /// Makes the stream check the entry against its stored CRC-32 and size.
-  void verifyAgainst(unsigned long crc, long long size);
+  void verifyAgainst(unsigned long crc, unsigned long long size);
   /// Under the reader's mutex, once a read has reached the entry's end.
   void verifyEnd(ZipStuff& stuff);
   [[noreturn]] void throwVerifyFailure(std::string const& message);
@@ -282,7 +286,8 @@ private:
   bool m_verify = false;
   bool m_verified = false;
   unsigned long m_storedCRC = 0;
-  long long m_storedSize = 0;
+  unsigned long long m_storedSize = 0; ///< as stored: may be 2^63 or more
+
   unsigned long m_crc = 0;
   tal::P<tal::CError> m_verifyError;
 

@@ -106,7 +106,8 @@ TEST(ErrorTest, CastErrorWithoutObjectOrType) {
 template <class E> void expectCloneKeepsClass(E const& error) {
   tal::P<CError> clone = error.clone();
   ASSERT_NE(dynamic_cast<E*>(clone.get()), nullptr);
-  EXPECT_EQ(typeid(*clone), typeid(E));
+  CError const& cloned = *clone;
+  EXPECT_EQ(typeid(cloned), typeid(E));
   EXPECT_EQ(clone->getRefCount(), 1);
   EXPECT_EQ(clone->getMessage(), error.getMessage());
   try {
@@ -151,7 +152,8 @@ TEST(ErrorTest, ExceptionToError) {
   CFileSystemError original(CFileSystemError::NotSupported,
                             CIOError(CIOError::WriteFailed, String("w"), CProps{{"uri", "u"}}, &cause));
   tal::P<CError> converted = tal::CStdExceptionError::exceptionToError(&original);
-  ASSERT_EQ(typeid(*converted), typeid(CFileSystemError));
+  CError const& convertedError = *converted;
+  ASSERT_EQ(typeid(convertedError), typeid(CFileSystemError));
   EXPECT_EQ(converted->getMessage(), original.getMessage());
   EXPECT_EQ(converted->getContext(), original.getContext());
   EXPECT_EQ(converted->getCode(), original.getCode());
@@ -235,7 +237,8 @@ TEST(ErrorTest, ACauseOnTheStackOutlivesItsScope) {
   }
   tal::P<CError> cause = error->getCause();
   ASSERT_NE(cause, nullptr);
-  EXPECT_EQ(typeid(*cause), typeid(CIOError)); // copied as its own class
+  CError const& copied = *cause;
+  EXPECT_EQ(typeid(copied), typeid(CIOError)); // copied as its own class
   EXPECT_EQ(U(cause->getMessage()), "on the stack");
   EXPECT_EQ(cause->getProps(), (CProps{{"uri", "mem:/c"}}));
   EXPECT_EQ(cause->getRefCount(), 2);
@@ -310,7 +313,9 @@ TEST(ErrorTest, ExceptionToErrorKeepsEveryErrorClass) {
   for (std::exception* e : errors) {
     tal::P<CError> converted = tal::CStdExceptionError::exceptionToError(e);
     ASSERT_NE(converted, nullptr);
-    EXPECT_EQ(typeid(*converted), typeid(*e));
+    CError const& convertedError = *converted;
+    std::exception const& original = *e;
+    EXPECT_EQ(typeid(convertedError), typeid(original));
     EXPECT_NE(static_cast<std::exception*>(converted.get()), e); // a copy, not the original
     EXPECT_EQ(converted->getRefCount(), 1);
     EXPECT_STREQ(converted->what(), e->what());

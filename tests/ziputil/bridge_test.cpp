@@ -130,7 +130,8 @@ TEST(BridgeTest, SeekFromEndOfUnknownLengthFailsWithoutSettingTheFlag) {
   EXPECT_EQ(f->zerror_file(f->opaque, handle), 0);
   tal::P<tal::CError> error = io.getLastError();
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(typeid(*error), typeid(tal::CError));
+  tal::CError const& recorded = *error;
+  EXPECT_EQ(typeid(recorded), typeid(tal::CError));
   EXPECT_EQ(error->getMessage().toUTF8(), "Cannot seek from end: stream length is unknown.");
   EXPECT_EQ(error->getContext().toUTF8(), "");
   EXPECT_EQ(error->getCode(), -1);

@@ -54,6 +54,33 @@ TEST_F(ReaderMetadataTest, NothingIsReportedWhenNotPositioned) {
   EXPECT_EQ(reader->getArchiveComment(), "");
 }
 
+TEST_F(ReaderMetadataTest, ClosingWhilePositionedLeavesOnlyTheURI) {
+  testsupport::makeZip(dir.file("one.zip"), {{"a.txt", "abc"}});
+  auto reader = open("one.zip");
+  ASSERT_TRUE(reader->nextFile());
+  EXPECT_EQ(reader->getCurrentFileUncompressedSize(), 3);
+  reader->close();
+  EXPECT_EQ(utf8(reader->getCurrentFileRelativeURI().getPath()), "a.txt"); // the URI stays
+  EXPECT_EQ(reader->getCurrentFileUncompressedSize(), 0);
+  EXPECT_EQ(reader->getCurrentFileCompressedSize(), 0);
+  EXPECT_TRUE(reader->getCurrentFileModifiedTimeFields().isEmpty());
+  EXPECT_EQ(reader->getCurrentFileCRC32(), 0u);
+  EXPECT_EQ(reader->getCurrentFileMethod(), -1);
+  EXPECT_EQ(reader->getCurrentFileRawName(), "");
+  EXPECT_FALSE(reader->isCurrentFileNameUTF8());
+  EXPECT_FALSE(reader->isCurrentFileEncrypted());
+  EXPECT_EQ(reader->getCurrentFileUnixMode(), -1);
+  EXPECT_EQ(reader->getCurrentFileComment(), "");
+  try {
+    reader->openCurrentFileStream();
+    FAIL();
+  } catch (tal::CIOError const& e) {
+    EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
+    EXPECT_EQ(utf8(e.getMessage()), "ZIP file already closed");
+    EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", dir.uri("one.zip").toString(true)}}));
+  }
+}
+
 TEST_F(ReaderMetadataTest, ModesCommentsAndExtraFieldsWrittenByPython) {
   testsupport::runPython(R"(
 import sys, zipfile

@@ -260,6 +260,52 @@ open(sys.argv[1], "wb").write(raw.getvalue())
   }
 }
 
+TEST_F(ReaderSafetyTest, VerificationPassesStoredEncryptedEntries) {
+  // The 12-byte encryption header counts against the entry's compressed bytes: nothing lies past its end.
+  testsupport::writeFile(dir.file("plain.txt"), "stored and encrypted");
+  std::string output;
+  ASSERT_EQ(testsupport::runCommand("cd " + testsupport::shellQuote(dir.path()) +
+                                        " && zip -q -0 -P secret stored-secret.zip plain.txt plain.txt",
+                                    &output),
+            0)
+      << output;
+  auto reader = open(dir.uri("stored-secret.zip"), true, "secret");
+  ASSERT_TRUE(reader->nextFile());
+  EXPECT_TRUE(reader->isCurrentFileEncrypted());
+  EXPECT_EQ(reader->getCurrentFileMethod(), 0);
+  auto in = reader->openCurrentFileStream();
+  EXPECT_EQ(readAll(*in, 7), "stored and encrypted");
+  in->close();
+}
+
+TEST_F(ReaderSafetyTest, VerificationTellsSizesOf2To63AndMoreUnsigned) {
+  // Written by hand: a stored entry of 3 bytes whose Zip64 field states 2^63 bytes.
+  tal::CURI const uri = build("huge.zip", R"(
+import zlib
+name, data = b"huge.bin", b"abc"
+crc = zlib.crc32(data)
+extra = struct.pack("<HHQ", 1, 8, 1 << 63)           # Zip64: the uncompressed size alone
+local = struct.pack("<IHHHHHIIIHH", 0x04034b50, 45, 0, 0, 0, 0x21, crc, 3, 0xffffffff, len(name), len(extra))
+central = struct.pack("<IHHHHHHIIIHHHHHII", 0x02014b50, 45, 45, 0, 0, 0, 0x21, crc, 3, 0xffffffff, len(name),
+                      len(extra), 0, 0, 0, 0, 0)
+body = local + name + extra + data
+directory = central + name + extra
+end = struct.pack("<IHHHHIIH", 0x06054b50, 0, 0, 1, 1, len(directory), len(body), 0)
+open(sys.argv[1], "wb").write(body + directory + end)
+)");
+  auto reader = open(uri, true);
+  ASSERT_TRUE(reader->nextFile());
+  auto in = reader->openCurrentFileStream();
+  try {
+    readAll(*in);
+    FAIL() << "no error";
+  } catch (tal::CFileSystemError const& e) {
+    expectVerifyError(e, "ZIP entry is shorter than its stored size: 3 of 9223372036854775808 bytes",
+                      entryText(uri, "huge.bin"));
+  }
+  in->close();
+}
+
 // ---- the layout check ---------------------------------------------------------------
 
 TEST_F(ReaderSafetyTest, LayoutCheckFindsEntriesSharingLocalData) {
