@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   zlib1g-dev libwxgtk3.2-dev gettext
-  googletest libgtest-dev libgmock-dev libbenchmark-dev libzip-dev
+  googletest libgtest-dev libgmock-dev libzip-dev
   zip unzip libarchive-tools p7zip-full python3
   dpkg-dev
   clang libclang-rt-dev
