@@ -17,9 +17,9 @@ constexpr int kNameBufferLength = 65537;
 
 tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(text)); }
 
-/// What compareFileNames compares of a stored name: its cleaned path, decoded
-/// as UTF-8, as UTF-8 text. False when decoding or cleaning throws (the names
-/// are then compared as bytes).
+/// What compareFileNames (and so the name index) compares of a stored name: its
+/// cleaned path, decoded as UTF-8, as UTF-8 text. False when decoding or
+/// cleaning throws (the names are then compared as bytes).
 /// Whether pathInArchiveToSafeURI leaves the stored name `name` as it is:
 /// printable ASCII without backslash or colon, not empty, neither starting
 /// nor ending with a slash or a blank.
@@ -76,15 +76,11 @@ tal::CURI CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String const& pathIn
 }
 
 int CZipReader::ZipStuff::compareFileNames(void*, const char* name1, const char* name2) {
-  try {
-    wxMBConvUTF8 converter;
-    tal::String const path1 = pathInArchiveToSafeURI(tal::String(wxString(name1, converter))).getPath();
-    tal::String const path2 = pathInArchiveToSafeURI(tal::String(wxString(name2, converter))).getPath();
-    if (path1.length() == path2.length() && path1.compare(path2) == 0) return 0;
-    return path1.compare(path2) < 0 ? -1 : 1;
-  } catch (std::exception&) {
-    return std::strcmp(name1, name2);
-  }
+  // The keys are UTF-8, whose byte order is the order of the code points the cleaned paths hold.
+  std::string key1, key2;
+  if (!comparisonKey(name1, key1) || !comparisonKey(name2, key2)) return std::strcmp(name1, name2);
+  int const order = key1.compare(key2);
+  return order == 0 ? 0 : order < 0 ? -1 : 1;
 }
 
 // ---- CZipReader ----------------------------------------------------------------
