@@ -65,6 +65,9 @@ public:
   /// Addition: sets one property (insert or overwrite), for code that adds
   /// what it learnt to an error before passing it on.
   void setProp(String const& key, String const& value) { m_props[key] = value; }
+  /// Addition: replaces the message, for code that passes an error on with
+  /// what it knows about where it happened (what() follows).
+  void setMessage(String const& message) { m_message = message; }
 
 protected:
   /// For errors that copy another one: shares `cause` as copies do.

@@ -201,6 +201,14 @@ bool CZipReader::nextFile() {
   throwFailure(result, m_atFirst ? "unzGoToFirstFile2 failed" : "unzGoToNextFile2 failed");
 }
 
+void CZipReader::rewind() {
+  tal::CMutexLock lock(m_mutex);
+  checkCanMove("CZipReader cannot go back to the first file because the current file is still open.");
+  clearEntry();
+  m_currentRelativeURI = tal::CURI();
+  m_atFirst = true;
+}
+
 bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to another file because the current file is still open.");

@@ -158,6 +158,11 @@ public:
   /// minizip fails ("unzGetCurrentFileInfo64 failed" {"uri", "result"}).
   std::string getCurrentFileComment() const;
   std::string getCurrentFileExtraField() const;
+  /// Addition: leaves the current entry (not positioned afterwards) so that
+  /// the next nextFile() moves to the first entry again. Throws as nextFile
+  /// does after close() and while an entry stream is open ("CZipReader cannot
+  /// go back to the first file because the current file is still open.").
+  void rewind();
   /// Addition: the number of entries as the end record states it (an archive
   /// of more than 65,535 entries without a Zip64 end record states only the
   /// low 16 bits of it; nextFile walks them all). -1 after close().

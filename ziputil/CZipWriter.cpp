@@ -3,15 +3,13 @@
 #include "ziputil/ArchiveLayout.h"
 #include "ziputil/MiniZipExtras.h"
 #include "ziputil/MiniZipFailure.h"
+#include "ziputil/SiblingFiles.h"
 
 #include <wx/strconv.h>
 #include <zip.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
 #include <cstring>
-#include <random>
 #include <vector>
 
 namespace ziputil {
@@ -64,32 +62,6 @@ void copyStream(tal::IInStream& in, tal::IOutStream& out) {
   std::vector<char> buffer(1 << 20);
   in.seek(0);
   while (int const n = in.readLax(buffer.data(), static_cast<int>(buffer.size()))) out.write(buffer.data(), n, nullptr);
-}
-
-void removeQuietly(tal::IFileSystem* fileSystem, tal::CURI const& uri) {
-  try {
-    fileSystem->remove(uri);
-  } catch (std::exception&) {
-    // nothing more can be done for a copy that cannot be removed
-  }
-}
-
-/// A sibling of `uri` that does not exist yet: "<path>.tmp-<16 hex digits>".
-tal::CURI freshSibling(tal::IFileSystem* fileSystem, tal::CURI const& uri) {
-  static std::atomic<unsigned long long> counter{0};
-  std::random_device device;
-  for (;;) {
-    unsigned long long const n = (static_cast<unsigned long long>(device()) << 32) ^ device() ^ ++counter;
-    char suffix[32];
-    std::snprintf(suffix, sizeof suffix, ".tmp-%016llx", n);
-    tal::String const path = uri.getPath() + tal::String(suffix);
-    auto present = [](bool has, tal::String const& value) { return has ? tal::TConstOptRef<tal::String>(value) : nullptr; };
-    tal::CURI const sibling(uri.getScheme(), path, present(uri.hasUser(), uri.getUser()),
-                            present(uri.hasPassword(), uri.getPassword()),
-                            present(uri.hasAuthority(), uri.getHost()), uri.getPort(),
-                            present(uri.hasQuery(), uri.getQuery()), nullptr);
-    if (!fileSystem->exists(sibling)) return sibling;
-  }
 }
 
 /// The 22-byte end-of-central-directory record of an archive without entries.

@@ -1,0 +1,370 @@
+#include "ziputil/ZipFile.h"
+
+#include "tal/Error.h"
+#include "tal/LocalFileSystem.h"
+#include "ziputil/Names.h"
+#include "ziputil/SiblingFiles.h"
+
+#include <algorithm>
+#include <ctime>
+#include <exception>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace ziputil {
+namespace {
+
+constexpr int kChunk = 64 * 1024;
+/// read() reserves at most this much ahead of the bytes it has: a damaged size
+/// field must not make it allocate what the entry does not hold.
+constexpr long long kMaxReserve = 64LL << 20;
+
+tal::CTimeFields timeFieldsOf(std::time_t seconds) {
+  struct tm local;
+  if (!localtime_r(&seconds, &local)) return tal::CTimeFields();
+  return tal::CTimeFields(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                          local.tm_sec, 0.0, 0, false);
+}
+
+tal::CTimeFields orNow(tal::CTimeFields const& time) {
+  return time.isEmpty() ? timeFieldsOf(std::time(nullptr)) : time;
+}
+
+void writeAll(tal::IOutStream& out, std::string_view data) {
+  while (!data.empty()) {
+    int const n = static_cast<int>(std::min<std::size_t>(data.size(), 1u << 30));
+    out.write(data.data(), n, nullptr);
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+}
+
+/// Makes the file at `uri` durable.
+void syncFile(tal::IFileSystem& fileSystem, tal::CURI const& uri) {
+  tal::P<tal::IInOutStream> stream = fileSystem.openStream(uri, tal::IFileSystem::AccessReadWrite, 0);
+  try {
+    fileSystem.sync(*stream);
+  } catch (...) {
+    try {
+      stream->close();
+    } catch (...) {
+      // the sync's failure is the one to report
+    }
+    throw;
+  }
+  stream->close();
+}
+
+} // namespace
+
+tal::P<CZipFile> CZipFile::open(std::string_view localPath, ZipFileMode mode, ZipFileOptions const& options) {
+  tal::P<tal::IFileSystem> fileSystem = tal::newObj<tal::CLocalFileSystem>();
+  return open(fileSystem.get(), localFileURI(localPath), mode, options);
+}
+
+tal::P<CZipFile> CZipFile::open(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, ZipFileMode mode,
+                                ZipFileOptions const& options) {
+  return tal::newObj<CZipFile>(fileSystem, archiveURI, mode, options);
+}
+
+CZipFile::CZipFile(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI, ZipFileMode mode,
+                   ZipFileOptions const& options)
+    : m_fileSystem(fileSystem), m_uri(archiveURI), m_target(archiveURI), m_uncaughtAtOpen(std::uncaught_exceptions()) {
+  try {
+    if (options.level < -1 || options.level > 9) {
+      tal::CProps props;
+      props[tal::String("level")] = tal::toString(options.level);
+      throw tal::CInvalidArgError(tal::String("ziputil::CZipFile::open"), tal::String("level is invalid"), props);
+    }
+    tal::String const password = tal::String::fromUTF8(options.password);
+    if (mode == ZipFileMode::Read) {
+      CZipReader::Options readerOptions;
+      readerOptions.verifyEntries = options.verifyEntries;
+      m_reader = tal::newObj<CZipReader>(fileSystem, archiveURI, password, readerOptions);
+    } else {
+      openWriter(mode, options);
+    }
+  } catch (...) {
+    rethrowWithPlace(std::string_view());
+  }
+}
+
+void CZipFile::openWriter(ZipFileMode mode, ZipFileOptions const& options) {
+  tal::IFileSystem& fileSystem = *m_fileSystem;
+  bool const exists = fileSystem.exists(m_uri);
+  if (mode == ZipFileMode::Create && exists) {
+    tal::CError const error(tal::String("The ZIP archive already exists."), tal::String(), -1, tal::uriProps(m_uri), nullptr);
+    throw tal::CFileSystemError(tal::CFileSystemError::AlreadyExists, error);
+  }
+  CZipWriter::Options writerOptions;
+  writerOptions.madeByUnix = true;
+  writerOptions.interoperableEncryption = !options.password.empty();
+  bool const adding = mode == ZipFileMode::Append && exists;
+  if (adding) {
+    writerOptions.atomicReplace = options.atomic;
+    writerOptions.keepArchiveComment = true;
+  } else {
+    // A new archive: written in place when nothing is there, else beside the
+    // old file, which it replaces at close.
+    if (exists) {
+      m_target = freshSibling(&fileSystem, m_uri);
+      m_moveTargetAtClose = true;
+    }
+    createEmptyArchive(&fileSystem, m_target);
+    m_removeTargetOnFailure = true;
+  }
+  try {
+    m_writer = tal::newObj<CZipWriter>(&fileSystem, m_target, tal::String::fromUTF8(options.password),
+                                       static_cast<CZipWriter::CompLevel>(options.level), writerOptions);
+  } catch (...) {
+    if (m_removeTargetOnFailure) removeQuietly(&fileSystem, m_target);
+    m_removeTargetOnFailure = false;
+    throw;
+  }
+}
+
+CZipFile::~CZipFile() {
+  try {
+    if (std::uncaught_exceptions() > m_uncaughtAtOpen)
+      discard();
+    else
+      close();
+  } catch (std::exception& e) {
+    tal::onExceptionInDestructorIgnored("ziputil::CZipFile", e, true);
+  }
+}
+
+void CZipFile::checkOpen(Kind kind) const {
+  if (!m_reader && !m_writer) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"), tal::uriProps(m_uri), nullptr);
+  if (kind == Kind::Reading && !m_reader)
+    throw tal::CError(tal::String("The ZIP archive is open for writing."), tal::String(), -1, tal::uriProps(m_uri), nullptr);
+  if (kind == Kind::Writing && !m_writer)
+    throw tal::CError(tal::String("The ZIP archive is open for reading."), tal::String(), -1, tal::uriProps(m_uri), nullptr);
+}
+
+void CZipFile::goTo(std::string_view name) {
+  if (m_reader->tryGoToFile(entryURI(name))) return;
+  tal::CProps props = tal::uriProps(m_uri);
+  props[tal::String("name")] = tal::String::fromUTF8(name.data(), name.size());
+  tal::CError const error(tal::String("No such entry in the ZIP archive."), tal::String(), -1, props, nullptr);
+  throw tal::CFileSystemError(tal::CFileSystemError::NotFound, error);
+}
+
+std::vector<EntryInfo> CZipFile::entries() {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Reading);
+    std::vector<EntryInfo> result;
+    m_reader->rewind();
+    while (m_reader->nextFile()) result.push_back(describeCurrentEntry(*m_reader));
+    return result;
+  } catch (...) {
+    rethrowWithPlace(std::string_view());
+  }
+}
+
+bool CZipFile::contains(std::string_view name) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Reading);
+    return m_reader->tryGoToFile(entryURI(name));
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+EntryInfo CZipFile::info(std::string_view name) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Reading);
+    goTo(name);
+    return describeCurrentEntry(*m_reader);
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+std::string CZipFile::read(std::string_view name) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Reading);
+    goTo(name);
+    std::string data;
+    data.reserve(static_cast<std::size_t>(std::clamp(m_reader->getCurrentFileUncompressedSize(), 0LL, kMaxReserve)));
+    tal::P<tal::IInStream> in = m_reader->openCurrentFileStream();
+    std::vector<char> buffer(kChunk);
+    while (int const n = in->readLax(buffer.data(), kChunk)) data.append(buffer.data(), static_cast<std::size_t>(n));
+    in->close();
+    return data;
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+tal::P<tal::IInStream> CZipFile::openEntry(std::string_view name) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Reading);
+    goTo(name);
+    return m_reader->openCurrentFileStream();
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+tal::P<tal::IOutStream> CZipFile::beginEntry(std::string_view name, CZipWriter::EntryOptions const& options,
+                                             tal::CTimeFields const& time) {
+  checkOpen(Kind::Writing);
+  return m_writer->beginAddFile(entryURI(name), orNow(time), options);
+}
+
+void CZipFile::add(std::string_view name, std::string_view data, CZipWriter::EntryOptions const& options,
+                   tal::CTimeFields const& time) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    tal::P<tal::IOutStream> out = beginEntry(name, options, time);
+    writeAll(*out, data);
+    out->close();
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+void CZipFile::addDirectory(std::string_view name) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    std::string folder(name);
+    if (folder.empty() || folder.back() != '/') folder += '/';
+    beginEntry(folder, CZipWriter::EntryOptions(), tal::CTimeFields())->close();
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+void CZipFile::addFile(std::string_view name, std::string_view localPath) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    checkOpen(Kind::Writing);
+    tal::CURI const uri = localFileURI(localPath);
+    std::string const path = tal::CLocalFileSystem::localPath(uri);
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+      // Opening gives the operating system's reason in the file system's own error.
+      tal::newObj<tal::CLocalFileSystem>()->openStream(uri, tal::IFileSystem::AccessRead, 0);
+    }
+    CZipWriter::EntryOptions options;
+    options.unixMode = static_cast<int>(st.st_mode & 0177777);
+    tal::CTimeFields const time = timeFieldsOf(st.st_mtime);
+    if (S_ISDIR(st.st_mode)) {
+      std::string folder(name);
+      if (folder.empty() || folder.back() != '/') folder += '/';
+      beginEntry(folder, options, time)->close();
+      return;
+    }
+    if (!S_ISREG(st.st_mode)) {
+      tal::CProps props;
+      props[tal::String("path")] = uri.getPath();
+      throw tal::CInvalidArgError(tal::String("ziputil::CZipFile::addFile"),
+                                  tal::String("path is not a regular file or folder"), props);
+    }
+    tal::P<tal::IInOutStream> in =
+        tal::newObj<tal::CLocalFileSystem>()->openStream(uri, tal::IFileSystem::AccessRead, 0);
+    tal::P<tal::IOutStream> out = beginEntry(name, options, time);
+    std::vector<char> buffer(kChunk);
+    while (int const n = in->readLax(buffer.data(), kChunk)) out->write(buffer.data(), n, nullptr);
+    out->close();
+    in->close();
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+tal::P<tal::IOutStream> CZipFile::openNewEntry(std::string_view name, CZipWriter::EntryOptions const& options,
+                                               tal::CTimeFields const& time) {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    return beginEntry(name, options, time);
+  } catch (...) {
+    rethrowWithPlace(name);
+  }
+}
+
+void CZipFile::finishWriting() {
+  tal::P<CZipWriter> writer = std::move(m_writer);
+  try {
+    writer->close();
+    if (m_moveTargetAtClose) {
+      syncFile(*m_fileSystem, m_target);
+      m_fileSystem->move(m_target, m_uri);
+    }
+  } catch (...) {
+    if (m_removeTargetOnFailure) removeQuietly(m_fileSystem.get(), m_target);
+    throw;
+  }
+}
+
+void CZipFile::giveUpWriting() noexcept {
+  tal::P<CZipWriter> writer = std::move(m_writer);
+  try {
+    writer->discard();
+  } catch (...) {
+    // the file is removed below, or was put back as well as the writer could
+  }
+  if (m_removeTargetOnFailure) removeQuietly(m_fileSystem.get(), m_target);
+}
+
+void CZipFile::close() {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    if (m_reader) {
+      tal::P<CZipReader> reader = std::move(m_reader);
+      reader->close();
+    } else if (m_writer) {
+      finishWriting();
+    }
+  } catch (...) {
+    rethrowWithPlace(std::string_view());
+  }
+}
+
+void CZipFile::discard() {
+  tal::CMutexLock lock(m_mutex);
+  try {
+    if (m_reader) {
+      tal::P<CZipReader> reader = std::move(m_reader);
+      reader->close();
+    } else if (m_writer) {
+      giveUpWriting();
+    }
+  } catch (...) {
+    rethrowWithPlace(std::string_view());
+  }
+}
+
+void CZipFile::rethrowWithPlace(std::string_view name) const {
+  std::exception_ptr const current = std::current_exception();
+  try {
+    std::rethrow_exception(current);
+  } catch (tal::CError const& error) {
+    std::string place;
+    try {
+      place = m_uri.getScheme() == tal::String("file") ? tal::CLocalFileSystem::localPath(m_uri)
+                                                       : m_uri.toString(false).toUTF8();
+    } catch (...) {
+      place = m_uri.toString(false).toUTF8();
+    }
+    tal::String where = tal::String::fromUTF8(place);
+    if (!name.empty()) {
+      tal::String entry = tal::String::fromUTF8(name.data(), name.size());
+      if (entry.empty()) // not UTF-8: each byte as the character of that number
+        for (char c : name) entry += static_cast<wchar_t>(static_cast<unsigned char>(c));
+      where += tal::String(": ") + entry;
+    }
+    tal::P<tal::CError> copy = error.clone();
+    copy->setMessage(error.getMessage() + tal::String(" (") + where + tal::String(")"));
+    copy->throwClone();
+  }
+  std::rethrow_exception(current); // not reached: the try block throws
+}
+
+} // namespace ziputil
