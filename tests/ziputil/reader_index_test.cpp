@@ -171,3 +171,42 @@ TEST_F(ReaderIndexTest, AnArchiveDamagedBehindTheNameStillFindsIt) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(ReaderIndexTest, RewindStartsTheWalkAgainAfterLookupsAndWalks) {
+  auto reader = open();
+  ASSERT_TRUE(reader->tryGoToFile(entryURI("dup")));
+  EXPECT_EQ(currentPosition(*reader), 10);
+  reader->rewind();
+  EXPECT_TRUE(reader->getCurrentFileRelativeURI().isEmpty());
+  EXPECT_EQ(reader->getCurrentFileUncompressedSize(), 0);
+  std::size_t walked = 0;
+  while (reader->nextFile()) EXPECT_EQ(currentPosition(*reader), static_cast<int>(walked++));
+  EXPECT_EQ(walked, storedNames().size());
+  reader->rewind(); // also after the end
+  ASSERT_TRUE(reader->nextFile());
+  EXPECT_EQ(currentPosition(*reader), 0);
+  auto in = reader->openCurrentFileStream();
+  tal::CProps const where{{tal::String("uri"), dir.uri("index.zip").toString(true)}};
+  try {
+    reader->rewind();
+    ADD_FAILURE() << "rewound with an entry stream open";
+  } catch (tal::CError const& e) {
+    EXPECT_EQ(typeid(e), typeid(tal::CError));
+    EXPECT_EQ(std::string(e.what()), "CZipReader cannot go back to the first file because the current file is still open.");
+    EXPECT_EQ(e.getProps(), where);
+  }
+  in->close();
+  reader->close();
+  try {
+    reader->rewind();
+    ADD_FAILURE() << "rewound a closed reader";
+  } catch (tal::CIOError const& e) {
+    EXPECT_EQ(e.getCode(), tal::CIOError::StreamClosed);
+    EXPECT_EQ(std::string(e.what()), "ZIP file already closed");
+    EXPECT_EQ(e.getProps(), where);
+  }
+}
+
+} // namespace
