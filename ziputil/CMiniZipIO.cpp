@@ -62,6 +62,7 @@ voidpf ZCALLBACK CMiniZipIO::open(voidpf opaque, void const* filename, int mode)
     tal::P<tal::IInOutStream> stream = self(opaque).m_fileSystem->openStream(uri, access, flags);
     StreamHandle* handle = new StreamHandle;
     handle->stream = stream;
+    self(opaque).m_opened = handle;
     return handle;
   } catch (std::exception& e) {
     self(opaque).recordError(e);
@@ -127,6 +128,7 @@ long ZCALLBACK CMiniZipIO::seek(voidpf opaque, voidpf stream, ZPOS64_T offset, i
 
 int ZCALLBACK CMiniZipIO::close(voidpf opaque, voidpf stream) {
   StreamHandle* handle = static_cast<StreamHandle*>(stream);
+  if (self(opaque).m_opened == handle) self(opaque).m_opened = nullptr;
   int result = 0;
   if (self(opaque).m_syncOnClose) {
     try {

@@ -37,6 +37,11 @@ public:
   /// all the same. Off by default.
   void setSyncOnClose(bool sync) { m_syncOnClose = sync; }
 
+  /// Addition: the stream the newest `open` opened, while it is open; else
+  /// null. For reading the archive's bytes beside minizip through the same
+  /// stream (minizip seeks before it reads).
+  tal::IInOutStream* getOpenStream() const { return m_opened ? m_opened->stream.get() : nullptr; }
+
   /// What `open` hands to minizip and minizip hands back to every other callback.
   struct StreamHandle {
     tal::P<tal::IInOutStream> stream;
@@ -65,6 +70,7 @@ private:
   zlib_filefunc64_def m_funcs;
   tal::P<tal::CError> m_lastError;
   bool m_syncOnClose = false;
+  StreamHandle* m_opened = nullptr;
 };
 
 } // namespace ziputil

@@ -1,5 +1,6 @@
 #include "ziputil/CZipReader.h"
 
+#include "ziputil/CentralDirectory.h"
 #include "ziputil/MiniZipAdapter.h"
 #include "ziputil/MiniZipFailure.h"
 
@@ -20,35 +21,11 @@ tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(t
 /// What compareFileNames (and so the name index) compares of a stored name: its
 /// cleaned path, decoded as UTF-8, as UTF-8 text. False when decoding or
 /// cleaning throws (the names are then compared as bytes).
-/// Whether pathInArchiveToSafeURI leaves the stored name `name` as it is:
-/// printable ASCII without backslash or colon, not empty, neither starting
-/// nor ending with a slash or a blank.
-bool needsNoCleaning(const char* name) {
-  std::size_t length = 0;
-  for (const char* p = name; *p; ++p, ++length) {
-    unsigned char const c = static_cast<unsigned char>(*p);
-    if (c < 0x21 || c > 0x7e) {
-      if (c != ' ') return false; // inner blanks stay; control and non-ASCII bytes take the full way
-    }
-    if (c == '\\' || c == ':') return false;
-  }
-  if (length == 0) return false;
-  char const first = name[0], last = name[length - 1];
-  return first != '/' && first != ' ' && last != '/' && last != ' ';
-}
-
 bool comparisonKey(const char* name, std::string& key) noexcept {
-  try {
-    if (needsNoCleaning(name)) {
-      key.assign(name);
-      return true;
-    }
-    wxMBConvUTF8 converter;
-    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(name, converter))).getPath().toUTF8();
-    return true;
-  } catch (std::exception&) {
-    return false;
-  }
+  bool cleaned = false;
+  if (!nameComparisonKey(name, key, cleaned)) return false;
+  if (!cleaned) key.assign(name);
+  return true;
 }
 
 } // namespace
@@ -175,7 +152,7 @@ bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) c
 
 bool CZipReader::takeCurrentEntry() {
   char const* name = m_nameBuffer.getData();
-  if (needsNoCleaning(name)) // the common name: no decoding and cleaning to do
+  if (nameNeedsNoCleaning(name)) // the common name: no decoding and cleaning to do
     m_currentRelativeURI = tal::CURI(tal::String(), tal::String(wxString::FromAscii(name)), nullptr, nullptr, nullptr,
                                      -1, nullptr, nullptr);
   else
@@ -188,6 +165,12 @@ bool CZipReader::nextFile() {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to next file because the current file is still open.");
   clearEntry();
+  if (useDirectory()) {
+    std::size_t const next = m_atFirst ? 0 : m_ordinal + 1;
+    if (next < m_directory->size()) return takeDirectoryEntry(next);
+    m_currentRelativeURI = tal::CURI(); // the end: the current entry stays where it was, as in minizip
+    return false;
+  }
   ZipStuff& stuff = *m_zipStuff;
   auto const position = m_atFirst ? &minizip::unzGoToFirstFile2 : &minizip::unzGoToNextFile2;
   int const result = position(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1, nullptr,
@@ -209,12 +192,60 @@ void CZipReader::rewind() {
   m_atFirst = true;
 }
 
+bool CZipReader::useDirectory() {
+  if (!m_directoryLoaded) {
+    m_directoryLoaded = true;
+    if (tal::IInOutStream* stream = m_zipStuff->io.getOpenStream())
+      m_directory = CentralDirectory::load(*stream, m_archiveURI, m_zipStuff->handle);
+  }
+  return m_directory != nullptr;
+}
+
+bool CZipReader::takeDirectoryEntry(std::size_t ordinal) {
+  m_directory->describe(ordinal, m_zipStuff->fileInfo);
+  std::string_view const name = m_directory->storedName(ordinal);
+  std::memcpy(m_nameBuffer.getData(), name.data(), name.size());
+  m_nameBuffer.getData()[name.size()] = '\0';
+  m_nameUsed = name.size() + 1;
+  m_ordinal = ordinal;
+  m_minizipBehind = true;
+  return takeCurrentEntry();
+}
+
+long long CZipReader::findInDirectory(char const* name) {
+  std::string key;
+  bool cleaned = false;
+  if (nameComparisonKey(name, key, cleaned))
+    return m_directory->find(cleaned ? std::string_view(key) : std::string_view(name), name);
+  // A searched name without a key is compared as bytes with every entry, as the linear locate does.
+  std::string stored;
+  for (std::size_t i = 0; i < m_directory->size(); ++i) {
+    stored.assign(m_directory->storedName(i));
+    if (ZipStuff::compareFileNames(nullptr, stored.c_str(), name) == 0) return static_cast<long long>(i);
+  }
+  return -1;
+}
+
+int CZipReader::catchUpMinizip() const {
+  if (!m_minizipBehind) return UNZ_OK;
+  unz64_file_pos position = m_directory->position(m_ordinal);
+  int const result = unzGoToFilePos64(m_zipStuff->handle, &position);
+  if (result == UNZ_OK) m_minizipBehind = false;
+  return result;
+}
+
 bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to another file because the current file is still open.");
   clearEntry();
   ZipStuff& stuff = *m_zipStuff;
   std::string const name = relativeURI.getPath().toUTF8();
+  if (useDirectory()) {
+    long long const found = findInDirectory(name.c_str());
+    if (found >= 0) return takeDirectoryEntry(static_cast<std::size_t>(found));
+    m_currentRelativeURI = tal::CURI(); // absent: the current entry stays where it was, as in minizip
+    return false;
+  }
   if (!m_index) buildIndex();
   unz64_file_pos const* found = nullptr;
   int result = UNZ_OK;
@@ -245,11 +276,11 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
     throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"),
                         tal::uriProps(m_archiveURI), nullptr);
   ZipStuff& stuff = *m_zipStuff;
-  int result = UNZ_OK;
-  if (m_hasPassword)
-    result = minizip::unzOpenCurrentFilePassword(stuff.handle, m_password.toUTF8().c_str());
-  else
-    result = minizip::unzOpenCurrentFile(stuff.handle);
+  int result = catchUpMinizip(); // when minizip cannot be brought to the entry, that is the open's failure
+  if (result == UNZ_OK) {
+    result = m_hasPassword ? minizip::unzOpenCurrentFilePassword(stuff.handle, m_password.toUTF8().c_str())
+                           : minizip::unzOpenCurrentFile(stuff.handle);
+  }
   if (result != UNZ_OK) {
     tal::CError const error(tal::String(m_hasPassword ? "unzOpenCurrentFilePassword failed" : "unzOpenCurrentFile failed"),
                             tal::String(), -1, minizipFailureProps(m_archiveURI, result), nullptr);
@@ -334,6 +365,10 @@ std::string CZipReader::readEntryText(bool comment) const {
   unz_file_info64 const& info = m_zipStuff->fileInfo;
   std::string text(static_cast<std::size_t>(comment ? info.size_file_comment : info.size_file_extra), '\0');
   if (text.empty()) return text;
+  if (m_directory) { // the same bytes minizip would read
+    std::string_view const stored = comment ? m_directory->comment(m_ordinal) : m_directory->extraField(m_ordinal);
+    return std::string(stored);
+  }
   int const result = comment ? unzGetCurrentFileInfo64(m_zipStuff->handle, nullptr, nullptr, 0, nullptr, 0, &text[0],
                                                        static_cast<uLong>(text.size()))
                              : unzGetCurrentFileInfo64(m_zipStuff->handle, nullptr, nullptr, 0, &text[0],
@@ -372,6 +407,7 @@ void CZipReader::close() {
   tal::CMutexLock lock(m_mutex);
   if (!m_zipStuff) return;
   m_index.reset();
+  m_directory.reset();
   int const result = unzClose(m_zipStuff->handle);
   tal::P<tal::CError> bridgeError = result == UNZ_OK ? tal::P<tal::CError>() : m_zipStuff->io.getLastError();
   m_zipStuff.reset();

@@ -13,6 +13,8 @@
 
 namespace ziputil {
 
+class CentralDirectory;
+
 /// Opens one ZIP archive through a tal::IFileSystem, walks its entries in
 /// central-directory order or jumps to a named one, describes the current
 /// entry, and opens it as a tal::IInStream. Every byte of the archive passes
@@ -200,6 +202,17 @@ private:
   bool lookUp(std::string const& name, unz64_file_pos const*& found) const;
   /// Takes the entry minizip has just positioned at as the current one.
   bool takeCurrentEntry();
+  /// Whether the central directory is held in memory (loaded at the first
+  /// positioning); positioning then reads it instead of moving minizip, which
+  /// is brought to the current entry only when it must read (catchUpMinizip).
+  bool useDirectory();
+  /// Takes the directory's entry `ordinal` as the current one.
+  bool takeDirectoryEntry(std::size_t ordinal);
+  /// The ordinal tryGoToFile finds for the searched UTF-8 name, or -1.
+  long long findInDirectory(char const* name);
+  /// Moves minizip to the current entry when positioning left it behind;
+  /// minizip's result.
+  int catchUpMinizip() const;
   [[noreturn]] void throwFailure(int result, char const* message) const;
   /// The current entry's comment (`comment` true) or central extra field.
   std::string readEntryText(bool comment) const;
@@ -217,6 +230,12 @@ private:
   /// Bytes of the name buffer that may be non-zero.
   std::size_t m_nameUsed;
   std::unique_ptr<NameIndex> m_index;
+  std::unique_ptr<CentralDirectory> m_directory;
+  bool m_directoryLoaded = false;
+  /// The current (or last) entry's ordinal in m_directory.
+  std::size_t m_ordinal = 0;
+  /// Whether minizip still stands at another entry than m_ordinal.
+  mutable bool m_minizipBehind = false;
   tal::CURI m_currentRelativeURI;
 
   friend class CFileInZipInStream;

@@ -1,0 +1,253 @@
+#include "ziputil/CentralDirectory.h"
+
+#include "ziputil/ArchiveLayout.h"
+#include "ziputil/CZipReader.h"
+
+#include <wx/strconv.h>
+
+#include <cstring>
+#include <functional>
+
+namespace ziputil {
+namespace {
+
+constexpr std::size_t kCentralHeaderSize = 46;
+constexpr std::uint64_t kMaxU32 = 0xffffffffu;
+
+/// Reads minizip's way: little-endian fields from a cursor that must stay inside the bytes.
+class Cursor {
+public:
+  Cursor(std::string const& bytes, std::uint64_t at) : m_bytes(bytes), m_at(at) {}
+  bool read(unsigned width, std::uint64_t& value) {
+    if (m_at > m_bytes.size() || m_bytes.size() - m_at < width) return false;
+    value = 0;
+    for (unsigned i = 0; i < width; ++i)
+      value |= static_cast<std::uint64_t>(static_cast<unsigned char>(m_bytes[m_at + i])) << (8 * i);
+    m_at += width;
+    return true;
+  }
+  void skip(std::uint64_t count) { m_at += count; }
+
+private:
+  std::string const& m_bytes;
+  std::uint64_t m_at;
+};
+
+std::uint64_t little(std::string const& bytes, std::uint64_t at, unsigned width) {
+  std::uint64_t value = 0;
+  Cursor(bytes, at).read(width, value);
+  return value;
+}
+
+/// minizip's conversion of a DOS date and time.
+void dosDateToTmuDate(std::uint64_t dosDate, tm_unz& date) {
+  std::uint64_t const day = dosDate >> 16;
+  date.tm_mday = static_cast<int>(day & 0x1f);
+  date.tm_mon = static_cast<int>(((day & 0x1E0) / 0x20) - 1);
+  date.tm_year = static_cast<int>(((day & 0x0FE00) / 0x0200) + 1980);
+  date.tm_hour = static_cast<int>((dosDate & 0xF800) / 0x800);
+  date.tm_min = static_cast<int>((dosDate & 0x7E0) / 0x20);
+  date.tm_sec = static_cast<int>(2 * (dosDate & 0x1f));
+}
+
+/// The central header at `at`, as minizip's unz64local_GetCurrentFileInfoInternal
+/// reads it: the fixed fields, then the extra field walked block by block
+/// with the Zip64 values taken from the first bytes of a 0x0001 block. False
+/// when minizip would read outside the file doing so (it would then fail).
+bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& info) {
+  std::memset(&info, 0, sizeof info);
+  Cursor fixed(bytes, at + 4);
+  std::uint64_t v[16];
+  unsigned const widths[16] = {2, 2, 2, 2, 4, 4, 4, 4, 2, 2, 2, 2, 2, 4, 4, 0};
+  for (unsigned i = 0; i < 15; ++i)
+    if (!fixed.read(widths[i], v[i])) return false;
+  info.version = v[0];
+  info.version_needed = v[1];
+  info.flag = v[2];
+  info.compression_method = v[3];
+  info.dosDate = v[4];
+  dosDateToTmuDate(info.dosDate, info.tmu_date);
+  info.crc = v[5];
+  info.compressed_size = v[6];
+  info.uncompressed_size = v[7];
+  info.size_filename = v[8];
+  info.size_file_extra = v[9];
+  info.size_file_comment = v[10];
+  info.disk_num_start = v[11];
+  info.internal_fa = v[12];
+  info.external_fa = v[13];
+  std::uint64_t localOffset = v[14];
+  Cursor extra(bytes, at + kCentralHeaderSize + info.size_filename);
+  for (std::uint64_t done = 0; done < info.size_file_extra;) {
+    std::uint64_t id = 0, size = 0;
+    if (!extra.read(2, id) || !extra.read(2, size)) return false;
+    if (id == 0x0001) {
+      std::uint64_t value = 0;
+      if (info.uncompressed_size == kMaxU32) {
+        if (!extra.read(8, value)) return false;
+        info.uncompressed_size = value;
+      }
+      if (info.compressed_size == kMaxU32) {
+        if (!extra.read(8, value)) return false;
+        info.compressed_size = value;
+      }
+      if (localOffset == kMaxU32) {
+        if (!extra.read(8, localOffset)) return false;
+      }
+      if (info.disk_num_start == 0xffff) {
+        if (!extra.read(4, value)) return false;
+        info.disk_num_start = value;
+      }
+    } else {
+      extra.skip(size);
+    }
+    done += 4 + size;
+  }
+  return true;
+}
+
+} // namespace
+
+bool nameNeedsNoCleaning(const char* name) noexcept {
+  std::size_t length = 0;
+  for (const char* p = name; *p; ++p, ++length) {
+    unsigned char const c = static_cast<unsigned char>(*p);
+    if (c < 0x20 || c > 0x7e || c == '\\' || c == ':') return false; // control and non-ASCII bytes take the full way
+  }
+  if (length == 0) return false;
+  char const first = name[0], last = name[length - 1];
+  return first != '/' && first != ' ' && last != '/' && last != ' ';
+}
+
+namespace {
+
+std::size_t hashOf(std::string_view key) { return std::hash<std::string_view>()(key); }
+
+} // namespace
+
+bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept {
+  try {
+    cleaned = !nameNeedsNoCleaning(name);
+    if (!cleaned) return true;
+    wxMBConvUTF8 converter;
+    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(name, converter))).getPath().toUTF8();
+    return true;
+  } catch (std::exception&) {
+    return false;
+  }
+}
+
+std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream, tal::CURI const& uri,
+                                                         unzFile handle) {
+  auto directory = std::make_unique<CentralDirectory>();
+  ArchiveLayout layout;
+  try {
+    layout = readArchiveLayout(stream, uri, directory->m_bytes);
+  } catch (std::exception&) {
+    return nullptr; // damaged, or a read failed: minizip meets it in its own time
+  }
+  if (layout.empty) return nullptr;
+  directory->m_directoryOffset = static_cast<std::uint64_t>(layout.centralStart - layout.prefixLength);
+  // minizip must see the same directory: the same start and the same count.
+  unz_global_info64 global;
+  if (unzGetGlobalInfo64(handle, &global) != UNZ_OK) return nullptr;
+  bool const countAgrees = global.number_entry == layout.entryCount ||
+                           (!layout.zip64 && layout.entryCount > 0xffff && global.number_entry == (layout.entryCount & 0xffff));
+  if (!countAgrees) return nullptr;
+  unz64_file_pos first;
+  if (layout.entryCount > 0) {
+    if (unzGetFilePos64(handle, &first) != UNZ_OK || first.num_of_file != 0 ||
+        first.pos_in_zip_directory != directory->m_directoryOffset)
+      return nullptr;
+  }
+  directory->m_headers.reserve(static_cast<std::size_t>(layout.entryCount));
+  std::uint64_t at = 0;
+  unz_file_info64 info;
+  for (unsigned long long i = 0; i < layout.entryCount; ++i) {
+    if (!parseHeader(directory->m_bytes, at, info)) return nullptr;
+    directory->m_headers.push_back(at);
+    at += kCentralHeaderSize + info.size_filename + info.size_file_extra + info.size_file_comment;
+  }
+  return directory;
+}
+
+void CentralDirectory::describe(std::size_t ordinal, unz_file_info64& info) const {
+  parseHeader(m_bytes, m_headers[ordinal], info); // checked by load()
+}
+
+std::string_view CentralDirectory::storedName(std::size_t ordinal) const {
+  std::uint64_t const at = m_headers[ordinal];
+  return std::string_view(m_bytes).substr(at + kCentralHeaderSize, little(m_bytes, at + 28, 2));
+}
+
+std::string_view CentralDirectory::extraField(std::size_t ordinal) const {
+  std::uint64_t const at = m_headers[ordinal];
+  return std::string_view(m_bytes).substr(at + kCentralHeaderSize + little(m_bytes, at + 28, 2),
+                                          little(m_bytes, at + 30, 2));
+}
+
+std::string_view CentralDirectory::comment(std::size_t ordinal) const {
+  std::uint64_t const at = m_headers[ordinal];
+  return std::string_view(m_bytes).substr(
+      at + kCentralHeaderSize + little(m_bytes, at + 28, 2) + little(m_bytes, at + 30, 2), little(m_bytes, at + 32, 2));
+}
+
+unz64_file_pos CentralDirectory::position(std::size_t ordinal) const {
+  unz64_file_pos position;
+  position.pos_in_zip_directory = m_directoryOffset + m_headers[ordinal];
+  position.num_of_file = ordinal;
+  return position;
+}
+
+std::string_view CentralDirectory::keyOf(std::uint32_t ordinal) const {
+  auto const cleaned = m_cleanedKeys.find(ordinal);
+  if (cleaned != m_cleanedKeys.end()) return cleaned->second;
+  std::string_view const name = storedName(ordinal);
+  return name.substr(0, std::min(name.size(), std::strlen(name.data()))); // up to a zero byte, as a C string
+}
+
+void CentralDirectory::buildIndex() {
+  std::size_t slots = 16;
+  while (slots < 2 * m_headers.size()) slots *= 2;
+  m_slots.assign(slots, 0);
+  m_hasKey.assign(m_headers.size(), true);
+  std::string name, key;
+  for (std::uint32_t i = 0; i < m_headers.size(); ++i) {
+    name.assign(storedName(i)); // a C string for the key rules
+    bool cleaned = false;
+    if (!nameComparisonKey(name.c_str(), key, cleaned)) {
+      m_hasKey[i] = false;
+      m_byRawName.emplace(std::string(name.c_str()), i); // the first of a name stays
+      continue;
+    }
+    if (cleaned) m_cleanedKeys.emplace(i, key);
+    std::string_view const own = keyOf(i);
+    for (std::size_t s = hashOf(own) & (slots - 1);; s = (s + 1) & (slots - 1)) {
+      if (m_slots[s] == 0) {
+        m_slots[s] = i + 1;
+        break;
+      }
+      if (keyOf(m_slots[s] - 1) == own) break; // the first entry of a key wins
+    }
+  }
+  m_indexed = true;
+}
+
+long long CentralDirectory::find(std::string_view key, std::string_view rawName) {
+  if (!m_indexed) buildIndex();
+  long long found = -1;
+  std::size_t const mask = m_slots.size() - 1;
+  for (std::size_t s = hashOf(key) & mask; m_slots[s] != 0; s = (s + 1) & mask) {
+    if (keyOf(m_slots[s] - 1) == key) {
+      found = m_slots[s] - 1;
+      break;
+    }
+  }
+  if (!m_byRawName.empty()) {
+    auto const raw = m_byRawName.find(std::string(rawName));
+    if (raw != m_byRawName.end() && (found < 0 || raw->second < found)) found = raw->second;
+  }
+  return found;
+}
+
+} // namespace ziputil
