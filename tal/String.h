@@ -87,6 +87,9 @@ public:
        TConstOptRef<String> host, long long port, TConstOptRef<String> query, TConstOptRef<String> fragment);
   CURI(CURI const& other);
   CURI& operator=(CURI const& other);
+  /// Addition: takes `other`'s components (it is left a valid URI of
+  /// unspecified value); equal in effect to the copy.
+  CURI& operator=(CURI&& other) noexcept;
   ~CURI() override;
 
   /// The text form. With `encoded` true (what the system uses everywhere)

@@ -377,6 +377,26 @@ CURI::CURI(CURI const& other)
       m_port(other.m_port), m_path(other.m_path), m_hasQuery(other.m_hasQuery), m_query(other.m_query),
       m_hasFragment(other.m_hasFragment), m_fragment(other.m_fragment) {}
 
+CURI& CURI::operator=(CURI&& other) noexcept {
+  std::swap(m_shared, other.m_shared);
+  m_kind = other.m_kind;
+  m_hasScheme = other.m_hasScheme;
+  m_scheme.swap(other.m_scheme);
+  m_hasAuthority = other.m_hasAuthority;
+  m_hasUser = other.m_hasUser;
+  m_user.swap(other.m_user);
+  m_hasPassword = other.m_hasPassword;
+  m_password.swap(other.m_password);
+  m_host.swap(other.m_host);
+  m_port = other.m_port;
+  m_path.swap(other.m_path);
+  m_hasQuery = other.m_hasQuery;
+  m_query.swap(other.m_query);
+  m_hasFragment = other.m_hasFragment;
+  m_fragment.swap(other.m_fragment);
+  return *this;
+}
+
 CURI& CURI::operator=(CURI const& other) {
   m_shared = other.m_shared; // P<> takes the new reference before releasing the old one
   m_kind = other.m_kind;

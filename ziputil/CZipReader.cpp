@@ -7,6 +7,7 @@
 #include <wx/strconv.h>
 
 #include <algorithm>
+#include <mutex>
 #include <cstring>
 #include <unordered_map>
 #include <vector>
@@ -26,6 +27,20 @@ bool comparisonKey(const char* name, std::string& key) noexcept {
   if (!nameComparisonKey(name, key, cleaned)) return false;
   if (!cleaned) key.assign(name);
   return true;
+}
+
+/// Sets `utf8` to the text as UTF-8 (empty when it has no UTF-8 form), as
+/// tal::String::toUTF8 gives it, reusing its storage.
+void assignUtf8(tal::String const& text, std::string& utf8) {
+  utf8.clear();
+  wchar_t const* wide = text.wc_str();
+  for (std::size_t i = 0, n = text.length(); i < n; ++i) {
+    if (static_cast<std::uint32_t>(wide[i]) >= 0x80) {
+      utf8 = text.toUTF8();
+      return;
+    }
+    utf8 += static_cast<char>(wide[i]);
+  }
 }
 
 } // namespace
@@ -150,27 +165,54 @@ bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) c
   return found || m_index->complete;
 }
 
+/// The cleaned relative URI of a stored name (a C string).
+static tal::CURI uriOfStoredName(char const* name) {
+  if (!nameNeedsNoCleaning(name)) return CZipReader::ZipStuff::pathInArchiveToSafeURI(fromUtf8(name));
+  // The common name, printable ASCII: no decoding and cleaning to do.
+  std::size_t const length = std::strlen(name);
+  std::wstring wide(name, name + length);
+  return tal::CURI(tal::String(), tal::String(wxString(wide.data(), length)), nullptr, nullptr, nullptr, -1, nullptr,
+                   nullptr);
+}
+
 bool CZipReader::takeCurrentEntry() {
-  char const* name = m_nameBuffer.getData();
-  if (nameNeedsNoCleaning(name)) // the common name: no decoding and cleaning to do
-    m_currentRelativeURI = tal::CURI(tal::String(), tal::String(wxString::FromAscii(name)), nullptr, nullptr, nullptr,
-                                     -1, nullptr, nullptr);
-  else
-    m_currentRelativeURI = ZipStuff::pathInArchiveToSafeURI(fromUtf8(name));
+  m_currentRelativeURI = uriOfStoredName(m_nameBuffer.getData());
+  m_uriPending.store(false, std::memory_order_release);
+  m_positioned = true;
   m_atFirst = false;
   return true;
+}
+
+void CZipReader::leaveEntry() {
+  if (!m_positioned && !m_uriPending.load(std::memory_order_relaxed) && m_currentRelativeURI.isEmpty()) return;
+  m_currentRelativeURI = tal::CURI();
+  m_uriPending.store(false, std::memory_order_release);
+  m_positioned = false;
+}
+
+tal::CURI const& CZipReader::currentURI() const {
+  if (m_uriPending.load(std::memory_order_acquire)) {
+    std::lock_guard<std::mutex> lock(m_uriMutex);
+    if (m_uriPending.load(std::memory_order_relaxed)) {
+      std::string const name(m_directory->storedName(m_ordinal));
+      m_currentRelativeURI = uriOfStoredName(name.c_str());
+      m_uriPending.store(false, std::memory_order_release);
+    }
+  }
+  return m_currentRelativeURI;
 }
 
 bool CZipReader::nextFile() {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to next file because the current file is still open.");
-  clearEntry();
   if (useDirectory()) {
     std::size_t const next = m_atFirst ? 0 : m_ordinal + 1;
     if (next < m_directory->size()) return takeDirectoryEntry(next);
-    m_currentRelativeURI = tal::CURI(); // the end: the current entry stays where it was, as in minizip
+    clearEntry();
+    leaveEntry(); // the end: the current entry stays where it was, as in minizip
     return false;
   }
+  clearEntry();
   ZipStuff& stuff = *m_zipStuff;
   auto const position = m_atFirst ? &minizip::unzGoToFirstFile2 : &minizip::unzGoToNextFile2;
   int const result = position(stuff.handle, &stuff.fileInfo, m_nameBuffer.getData(), kNameBufferLength - 1, nullptr,
@@ -178,7 +220,7 @@ bool CZipReader::nextFile() {
   noteNameWritten(result);
   if (result == UNZ_OK) return takeCurrentEntry();
   if (result == UNZ_END_OF_LIST_OF_FILE) {
-    m_currentRelativeURI = tal::CURI();
+    leaveEntry();
     return false;
   }
   throwFailure(result, m_atFirst ? "unzGoToFirstFile2 failed" : "unzGoToNextFile2 failed");
@@ -188,7 +230,7 @@ void CZipReader::rewind() {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot go back to the first file because the current file is still open.");
   clearEntry();
-  m_currentRelativeURI = tal::CURI();
+  leaveEntry();
   m_atFirst = true;
 }
 
@@ -202,14 +244,21 @@ bool CZipReader::useDirectory() {
 }
 
 bool CZipReader::takeDirectoryEntry(std::size_t ordinal) {
+  // Every field and the name are written, and what the previous name left behind is cleared: the state a
+  // full clear and minizip's positioning would leave.
   m_directory->describe(ordinal, m_zipStuff->fileInfo);
   std::string_view const name = m_directory->storedName(ordinal);
-  std::memcpy(m_nameBuffer.getData(), name.data(), name.size());
-  m_nameBuffer.getData()[name.size()] = '\0';
+  char* const buffer = m_nameBuffer.getData();
+  std::memcpy(buffer, name.data(), name.size());
+  buffer[name.size()] = '\0';
+  if (m_nameUsed > name.size() + 1) std::memset(buffer + name.size() + 1, 0, m_nameUsed - name.size() - 1);
   m_nameUsed = name.size() + 1;
   m_ordinal = ordinal;
   m_minizipBehind = true;
-  return takeCurrentEntry();
+  m_uriPending.store(true, std::memory_order_release); // built from the directory when asked for
+  m_positioned = true;
+  m_atFirst = false;
+  return true;
 }
 
 long long CZipReader::findInDirectory(char const* name) {
@@ -237,15 +286,17 @@ int CZipReader::catchUpMinizip() const {
 bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   tal::CMutexLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to another file because the current file is still open.");
-  clearEntry();
   ZipStuff& stuff = *m_zipStuff;
-  std::string const name = relativeURI.getPath().toUTF8();
+  assignUtf8(relativeURI.getPath(), m_searchedName);
+  std::string const& name = m_searchedName;
   if (useDirectory()) {
     long long const found = findInDirectory(name.c_str());
     if (found >= 0) return takeDirectoryEntry(static_cast<std::size_t>(found));
-    m_currentRelativeURI = tal::CURI(); // absent: the current entry stays where it was, as in minizip
+    clearEntry();
+    leaveEntry(); // absent: the current entry stays where it was, as in minizip
     return false;
   }
+  clearEntry();
   if (!m_index) buildIndex();
   unz64_file_pos const* found = nullptr;
   int result = UNZ_OK;
@@ -262,7 +313,7 @@ bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   }
   if (result == UNZ_OK) return takeCurrentEntry();
   if (result == UNZ_END_OF_LIST_OF_FILE) {
-    m_currentRelativeURI = tal::CURI();
+    leaveEntry();
     return false;
   }
   throwFailure(result, "unzLocateFile failed");
@@ -288,14 +339,14 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
                         tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
   }
   long long const size = getCurrentFileUncompressedSize();
-  tal::CURI const entryURI = m_archiveURI << m_currentRelativeURI;
+  tal::CURI const entryURI = m_archiveURI << currentURI();
   tal::P<CFileInZipInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
   if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), stuff.fileInfo.uncompressed_size);
   m_streamOpen = true;
   return tal::P<tal::IInStream>(stream);
 }
 
-tal::CURI CZipReader::getCurrentFileRelativeURI() const { return tal::CURI(m_currentRelativeURI, nullptr); }
+tal::CURI CZipReader::getCurrentFileRelativeURI() const { return tal::CURI(currentURI(), nullptr); }
 
 long long CZipReader::getCurrentFileUncompressedSize() const {
   return hasEntryInfo() ? static_cast<long long>(m_zipStuff->fileInfo.uncompressed_size) : 0;
@@ -407,6 +458,7 @@ void CZipReader::close() {
   tal::CMutexLock lock(m_mutex);
   if (!m_zipStuff) return;
   m_index.reset();
+  currentURI(); // the current URI stays after close: built while the directory is there
   m_directory.reset();
   int const result = unzClose(m_zipStuff->handle);
   tal::P<tal::CError> bridgeError = result == UNZ_OK ? tal::P<tal::CError>() : m_zipStuff->io.getLastError();

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace ziputil {
@@ -182,7 +183,7 @@ public:
   void close();
 
 private:
-  bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }
+  bool isPositioned() const { return m_positioned; }
   /// Whether the current entry's information is at hand: positioned, and the archive still open.
   bool hasEntryInfo() const { return isPositioned() && m_zipStuff; }
   void checkCanMove(char const* stillOpenMessage) const;
@@ -202,6 +203,9 @@ private:
   bool lookUp(std::string const& name, unz64_file_pos const*& found) const;
   /// Takes the entry minizip has just positioned at as the current one.
   bool takeCurrentEntry();
+  /// Not positioned any more (the URI empty).
+  void leaveEntry();
+  tal::CURI const& currentURI() const;
   /// Whether the central directory is held in memory (loaded at the first
   /// positioning); positioning then reads it instead of moving minizip, which
   /// is brought to the current entry only when it must read (catchUpMinizip).
@@ -236,7 +240,14 @@ private:
   std::size_t m_ordinal = 0;
   /// Whether minizip still stands at another entry than m_ordinal.
   mutable bool m_minizipBehind = false;
-  tal::CURI m_currentRelativeURI;
+  /// The current entry's URI; while m_uriPending, it is still to be built from
+  /// the directory's entry m_ordinal (currentURI() does that, once).
+  mutable tal::CURI m_currentRelativeURI;
+  mutable std::atomic<bool> m_uriPending{false};
+  mutable std::mutex m_uriMutex;
+  bool m_positioned = false;
+  /// The name tryGoToFile looks for, as UTF-8 (kept for its storage).
+  std::string m_searchedName;
 
   friend class CFileInZipInStream;
 };

@@ -5,6 +5,7 @@
 
 #include <wx/strconv.h>
 
+#include <array>
 #include <cstring>
 #include <functional>
 
@@ -55,28 +56,29 @@ void dosDateToTmuDate(std::uint64_t dosDate, tm_unz& date) {
 /// with the Zip64 values taken from the first bytes of a 0x0001 block. False
 /// when minizip would read outside the file doing so (it would then fail).
 bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& info) {
-  std::memset(&info, 0, sizeof info);
-  Cursor fixed(bytes, at + 4);
-  std::uint64_t v[16];
-  unsigned const widths[16] = {2, 2, 2, 2, 4, 4, 4, 4, 2, 2, 2, 2, 2, 4, 4, 0};
-  for (unsigned i = 0; i < 15; ++i)
-    if (!fixed.read(widths[i], v[i])) return false;
-  info.version = v[0];
-  info.version_needed = v[1];
-  info.flag = v[2];
-  info.compression_method = v[3];
-  info.dosDate = v[4];
+  if (at > bytes.size() || bytes.size() - at < kCentralHeaderSize) return false;
+  unsigned char const* h = reinterpret_cast<unsigned char const*>(bytes.data()) + at;
+  auto u16 = [h](unsigned i) { return static_cast<uLong>(h[i] | (h[i + 1] << 8)); };
+  auto u32 = [h](unsigned i) {
+    return static_cast<uLong>(h[i]) | (static_cast<uLong>(h[i + 1]) << 8) | (static_cast<uLong>(h[i + 2]) << 16) |
+           (static_cast<uLong>(h[i + 3]) << 24);
+  };
+  info.version = u16(4);
+  info.version_needed = u16(6);
+  info.flag = u16(8);
+  info.compression_method = u16(10);
+  info.dosDate = u32(12);
   dosDateToTmuDate(info.dosDate, info.tmu_date);
-  info.crc = v[5];
-  info.compressed_size = v[6];
-  info.uncompressed_size = v[7];
-  info.size_filename = v[8];
-  info.size_file_extra = v[9];
-  info.size_file_comment = v[10];
-  info.disk_num_start = v[11];
-  info.internal_fa = v[12];
-  info.external_fa = v[13];
-  std::uint64_t localOffset = v[14];
+  info.crc = u32(16);
+  info.compressed_size = u32(20);
+  info.uncompressed_size = u32(24);
+  info.size_filename = u16(28);
+  info.size_file_extra = u16(30);
+  info.size_file_comment = u16(32);
+  info.disk_num_start = u16(34);
+  info.internal_fa = u16(36);
+  info.external_fa = u32(38);
+  std::uint64_t localOffset = u32(42);
   Cursor extra(bytes, at + kCentralHeaderSize + info.size_filename);
   for (std::uint64_t done = 0; done < info.size_file_extra;) {
     std::uint64_t id = 0, size = 0;
@@ -109,14 +111,17 @@ bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& in
 } // namespace
 
 bool nameNeedsNoCleaning(const char* name) noexcept {
-  std::size_t length = 0;
-  for (const char* p = name; *p; ++p, ++length) {
-    unsigned char const c = static_cast<unsigned char>(*p);
-    if (c < 0x20 || c > 0x7e || c == '\\' || c == ':') return false; // control and non-ASCII bytes take the full way
-  }
-  if (length == 0) return false;
-  char const first = name[0], last = name[length - 1];
-  return first != '/' && first != ' ' && last != '/' && last != ' ';
+  // Printable ASCII but backslash and colon; control and non-ASCII bytes (and the end) take the full way.
+  static auto const plain = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0x20; c <= 0x7e; ++c) table[static_cast<std::size_t>(c)] = c != '\\' && c != ':';
+    return table;
+  }();
+  unsigned char const* p = reinterpret_cast<unsigned char const*>(name);
+  if (*p == 0 || *p == '/' || *p == ' ') return false;
+  while (plain[*p]) ++p;
+  if (*p != 0) return false;
+  return p[-1] != '/' && p[-1] != ' ';
 }
 
 namespace {
@@ -176,8 +181,9 @@ void CentralDirectory::describe(std::size_t ordinal, unz_file_info64& info) cons
 }
 
 std::string_view CentralDirectory::storedName(std::size_t ordinal) const {
-  std::uint64_t const at = m_headers[ordinal];
-  return std::string_view(m_bytes).substr(at + kCentralHeaderSize, little(m_bytes, at + 28, 2));
+  unsigned char const* header = reinterpret_cast<unsigned char const*>(m_bytes.data()) + m_headers[ordinal];
+  return std::string_view(reinterpret_cast<char const*>(header) + kCentralHeaderSize,
+                          static_cast<std::size_t>(header[28] | (header[29] << 8)));
 }
 
 std::string_view CentralDirectory::extraField(std::size_t ordinal) const {
@@ -200,27 +206,31 @@ unz64_file_pos CentralDirectory::position(std::size_t ordinal) const {
 }
 
 std::string_view CentralDirectory::keyOf(std::uint32_t ordinal) const {
-  auto const cleaned = m_cleanedKeys.find(ordinal);
-  if (cleaned != m_cleanedKeys.end()) return cleaned->second;
-  std::string_view const name = storedName(ordinal);
-  return name.substr(0, std::min(name.size(), std::strlen(name.data()))); // up to a zero byte, as a C string
+  if (m_ownKey[ordinal]) return m_cleanedKeys.find(ordinal)->second;
+  return storedName(ordinal);
 }
 
 void CentralDirectory::buildIndex() {
   std::size_t slots = 16;
   while (slots < 2 * m_headers.size()) slots *= 2;
   m_slots.assign(slots, 0);
-  m_hasKey.assign(m_headers.size(), true);
+  m_ownKey.assign(m_headers.size(), false);
   std::string name, key;
   for (std::uint32_t i = 0; i < m_headers.size(); ++i) {
     name.assign(storedName(i)); // a C string for the key rules
     bool cleaned = false;
     if (!nameComparisonKey(name.c_str(), key, cleaned)) {
-      m_hasKey[i] = false;
       m_byRawName.emplace(std::string(name.c_str()), i); // the first of a name stays
       continue;
     }
-    if (cleaned) m_cleanedKeys.emplace(i, key);
+    if (!cleaned && std::strlen(name.c_str()) != name.size()) { // a zero byte ends the name as a C string
+      cleaned = true;
+      key.assign(name.c_str());
+    }
+    if (cleaned) {
+      m_cleanedKeys.emplace(i, key);
+      m_ownKey[i] = true;
+    }
     std::string_view const own = keyOf(i);
     for (std::size_t s = hashOf(own) & (slots - 1);; s = (s + 1) & (slots - 1)) {
       if (m_slots[s] == 0) {

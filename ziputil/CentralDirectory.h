@@ -62,11 +62,13 @@ private:
   bool m_indexed = false;
   /// Open addressing: ordinal + 1 of the first entry of each key, 0 for free.
   std::vector<std::uint32_t> m_slots;
-  /// The keys of entries whose name cleaning changes, by ordinal.
+  /// The keys of entries whose key is not their stored name (cleaning changes
+  /// it, or a zero byte ends it early), by ordinal.
   std::unordered_map<std::uint32_t, std::string> m_cleanedKeys;
   /// Entries whose name has no key, by stored name: the first of each.
   std::unordered_map<std::string, std::uint32_t> m_byRawName;
-  std::vector<bool> m_hasKey;
+  /// Whether an entry's key is in m_cleanedKeys rather than its stored name.
+  std::vector<bool> m_ownKey;
 };
 
 /// What the reader's compareFileNames compares of a stored name (a C string):

@@ -131,3 +131,21 @@ TEST_F(ReaderConcurrencyTest, ManyReadersOnOneFileSystem) {
 }
 
 } // namespace
+
+namespace {
+
+/// After a positioning, the entry's URI is built at the first getter that asks
+/// for it; threads asking at once all get it whole.
+TEST_F(ReaderConcurrencyTest, GettersOnSeveralThreadsAfterALookupAgree) {
+  for (char const* name : {"x", "big", "y"}) {
+    ASSERT_TRUE(reader->tryGoToFile(entryURI(name)));
+    std::vector<std::string> seen(4);
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < seen.size(); ++t)
+      threads.emplace_back([&, t] { seen[t] = utf8(reader->getCurrentFileRelativeURI().toString(true)); });
+    for (auto& thread : threads) thread.join();
+    for (std::string const& text : seen) EXPECT_EQ(text, name);
+  }
+}
+
+} // namespace
