@@ -48,6 +48,40 @@ std::string formatTime(tal::CTimeFields const& time) {
   return text;
 }
 
+/// The local time_t of `time` (local time fields); false when it has none.
+bool timeFromFields(tal::CTimeFields const& fields, time_t& time) {
+  if (fields.isEmpty()) return false;
+  struct tm local {};
+  local.tm_year = fields.getYear() - 1900;
+  local.tm_mon = fields.getMonth() - 1;
+  local.tm_mday = fields.getDay();
+  local.tm_hour = fields.getHour();
+  local.tm_min = fields.getMinute();
+  local.tm_sec = fields.getSecond();
+  local.tm_isdst = -1;
+  time = mktime(&local);
+  return time != static_cast<time_t>(-1);
+}
+
+CExtractFolder::Metadata currentMetadata(ziputil::CZipReader const& reader) {
+  CExtractFolder::Metadata metadata;
+  metadata.mode = reader.getCurrentFileUnixMode();
+  metadata.hasTime = timeFromFields(reader.getCurrentFileModifiedTimeFields(), metadata.time);
+  return metadata;
+}
+
+constexpr std::size_t kLongestLinkTarget = 4095;
+
+/// The target of the current entry, a symbolic link: its bytes.
+std::string readLinkTarget(CEntryReader& entries) {
+  std::string target;
+  entries.copyCurrent([&](unsigned char const* data, std::size_t size) {
+    if (target.size() + size > kLongestLinkTarget) throw std::length_error("its link target is too long");
+    target.append(reinterpret_cast<char const*>(data), size);
+  });
+  return target;
+}
+
 /// Extracts the current entry into `folder`; false when it was refused or failed.
 bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
   EntryName const entry = currentEntryName(entries.reader());
@@ -55,11 +89,24 @@ bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
   try {
     std::vector<std::string> segments;
     std::string refusal = CExtractFolder::splitEntryPath(entry.path, segments);
-    if (refusal.empty())
-      refusal = entry.isDirectory ? folder.makeFolder(segments)
-                                  : folder.writeFile(segments, [&](CExtractFolder::Sink const& sink) {
-                                      entries.copyCurrent(sink);
-                                    });
+    CExtractFolder::Metadata const metadata = currentMetadata(entries.reader());
+    if (refusal.empty()) {
+      if (entry.isDirectory) {
+        refusal = folder.makeFolder(segments, metadata);
+      } else if (entries.reader().isCurrentFileSymbolicLink()) {
+        std::string target;
+        try {
+          target = readLinkTarget(entries);
+        } catch (std::length_error const& e) {
+          refusal = e.what();
+        }
+        if (refusal.empty()) refusal = folder.writeLink(segments, target, metadata);
+      } else {
+        refusal = folder.writeFile(segments, metadata, [&](CExtractFolder::Sink const& sink) {
+          entries.copyCurrent(sink);
+        });
+      }
+    }
     if (refusal.empty()) return true;
     std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
                  escapeForTerminal(refusal).c_str());
@@ -95,7 +142,8 @@ tal::CTimeFields localTimeFields(long long seconds) {
 /// pipe without writer would block it).
 class CInputFile {
 public:
-  explicit CInputFile(std::string const& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  explicit CInputFile(std::string const& path)
+      : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW)) {}
   ~CInputFile() {
     if (m_fd >= 0) ::close(m_fd);
   }
@@ -118,30 +166,72 @@ void copyFileContents(int fd, tal::IOutStream& out, std::string const& path) {
   }
 }
 
+void skipping(SourceItem const& item, std::string const& why) {
+  std::fprintf(stderr, "ziputil: skipping %s: %s\n", escapeForTerminal(item.localPath).c_str(), why.c_str());
+}
+
+/// The target of the symbolic link at `path`; false when it cannot be read.
+bool readLinkTarget(std::string const& path, std::string& target) {
+  std::vector<char> buffer(256);
+  for (;;) {
+    ssize_t const n = ::readlink(path.c_str(), buffer.data(), buffer.size());
+    if (n < 0) return false;
+    if (static_cast<std::size_t>(n) < buffer.size()) {
+      target.assign(buffer.data(), static_cast<std::size_t>(n));
+      return true;
+    }
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+/// The entry options for `item`: its mode, whether it is a link, and how its
+/// bytes are stored (level 0 stores them).
+ziputil::CZipWriter::EntryOptions entryOptionsFor(Options const& options, SourceItem const& item) {
+  ziputil::CZipWriter::EntryOptions entry;
+  entry.unixMode = static_cast<int>(item.mode & 0177777);
+  entry.symbolicLink = item.kind == SourceItem::SymbolicLink;
+  if (options.level == 0) entry.method = ziputil::CZipWriter::EntryOptions::Stored;
+  return entry;
+}
+
 /// Adds one item; false when it was skipped because it cannot be read (the
-/// input is opened before its entry begins, so a skipped file leaves no entry).
-bool addItem(ziputil::CZipWriter& writer, SourceItem const& item) {
+/// input is opened or read before its entry begins, so a skipped file leaves
+/// no entry).
+bool addItem(Options const& options, ziputil::CZipWriter& writer, SourceItem const& item) {
   std::unique_ptr<CInputFile> input;
-  if (!item.isDirectory) {
+  std::string linkTarget;
+  if (item.kind == SourceItem::SymbolicLink) {
+    if (!readLinkTarget(item.localPath, linkTarget)) {
+      int const failure = errno;
+      skipping(item, std::string("cannot read the link: ") + std::strerror(failure));
+      return false;
+    }
+  } else if (item.kind == SourceItem::File) {
+    // Never through a symbolic link put in place of the file since it was listed.
     input = std::make_unique<CInputFile>(item.localPath);
     if (input->fd() < 0) {
       int const failure = errno;
-      std::fprintf(stderr, "ziputil: skipping %s: cannot read it: %s\n", escapeForTerminal(item.localPath).c_str(),
-                   std::strerror(failure));
+      skipping(item, std::string("cannot read it: ") + std::strerror(failure));
       return false;
     }
     struct stat st;
     if (::fstat(input->fd(), &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
-      std::fprintf(stderr, "ziputil: skipping %s: not a regular file\n", escapeForTerminal(item.localPath).c_str());
+      skipping(item, "not a regular file");
       return false;
     }
   }
   tal::P<tal::IOutStream> out = writer.beginAddFile(entryURIFromPath(textFromBytes(item.entryName)),
-                                                    localTimeFields(item.modifiedTime));
+                                                    localTimeFields(item.modifiedTime),
+                                                    entryOptionsFor(options, item));
   if (input) copyFileContents(input->fd(), *out, item.localPath);
+  if (!linkTarget.empty()) out->write(linkTarget.data(), static_cast<int>(linkTarget.size()), nullptr);
   out->close();
   return true;
 }
+
+/// Decides what goes into the archive: the entries to add, in order, for the
+/// sources found on the command line. Every source becomes a new entry.
+std::vector<SourceItem> planEntries(std::vector<SourceItem> const& sources) { return sources; }
 
 std::vector<SourceItem> collectAll(std::vector<std::string> const& paths, std::string const& archivePath) {
   std::vector<SourceItem> items;
@@ -216,6 +306,8 @@ int extractArchive(Options const& options, std::string const& archive, std::stri
     if (!extracted) progress.clear();
     ok = extracted && ok;
   }
+  progress.clear();
+  ok = target.finish() && ok; // folders last: writing into them changed their times
   entries.close();
   return ok ? 0 : 1;
 }
@@ -244,7 +336,7 @@ int testArchive(Options const& options, std::string const& archive) {
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths) {
   tal::CURI uri = archiveURIFromArgument(archive);
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
-  std::vector<SourceItem> items = collectAll(paths, localPathOf(uri));
+  std::vector<SourceItem> items = planEntries(collectAll(paths, localPathOf(uri)));
   bool const created = !fileSystem->exists(uri);
   if (created) ziputil::createEmptyArchive(fileSystem.get(), uri);
   tal::P<ziputil::CZipWriter> writer;
@@ -253,6 +345,9 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     // complete: whatever happens meanwhile, ARCHIVE is the old or the new one.
     ziputil::CZipWriter::Options writerOptions;
     writerOptions.atomicReplace = true;
+    writerOptions.madeByUnix = true;              // modes and links kept; UTF-8 names read as such
+    writerOptions.interoperableEncryption = true; // other tools accept the password
+    writerOptions.keepArchiveComment = true;
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),
                                              writerOptions);
@@ -260,7 +355,7 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     bool skipped = false;
     for (SourceItem const& item : items) {
       progress.step(escapeForTerminal(item.entryName));
-      if (!addItem(*writer, item)) {
+      if (!addItem(options, *writer, item)) {
         progress.clear();
         skipped = true;
       }

@@ -56,15 +56,26 @@ bool sameFile(struct stat const& a, struct stat const& b) { return a.st_dev == b
 void collectInto(std::vector<SourceItem>& items, std::string const& path, std::string const& entryName,
                  struct stat const* skip) {
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) throw systemError("cannot read", path);
+  if (lstat(path.c_str(), &st) != 0) throw systemError("cannot read", path);
   if (skip && sameFile(st, *skip)) return;
-  SourceItem item{path, entryName, S_ISDIR(st.st_mode), static_cast<long long>(st.st_mtime)};
+  SourceItem item;
+  item.localPath = path;
+  item.entryName = entryName;
+  item.kind = S_ISDIR(st.st_mode) ? SourceItem::Directory
+              : S_ISLNK(st.st_mode) ? SourceItem::SymbolicLink
+                                    : SourceItem::File;
+  item.isDirectory = item.kind == SourceItem::Directory;
+  item.modifiedTime = static_cast<long long>(st.st_mtime);
+  item.mode = static_cast<unsigned>(st.st_mode);
   if (!item.isDirectory) {
     items.push_back(item);
     return;
   }
   std::string prefix = entryName.empty() || entryName.back() == '/' ? entryName : entryName + "/";
-  if (!prefix.empty()) items.push_back(SourceItem{path, prefix, true, item.modifiedTime});
+  if (!prefix.empty()) {
+    item.entryName = prefix;
+    items.push_back(item);
+  }
   for (std::string const& child : sortedChildren(path)) collectInto(items, path + "/" + child, prefix + child, skip);
 }
 

@@ -25,16 +25,21 @@ tal::CURI entryURIFromPath(tal::String const& path);
 /// removed. Empty when nothing is left.
 std::string entryNameFromArgument(std::string path);
 
-/// One local file or folder to add, with the entry name it gets.
+/// One local file, folder or symbolic link to add, with the entry name it gets.
 struct SourceItem {
+  enum Kind { File, Directory, SymbolicLink };
   std::string localPath;
   std::string entryName; ///< ends with "/" for a folder
+  Kind kind = File;
   bool isDirectory = false;
   long long modifiedTime = 0; ///< seconds since the epoch
+  unsigned mode = 0;          ///< st_mode as found (type and permission bits)
 };
 
 /// Lists `path` and, for a folder, everything below it (sorted by name, folders
-/// before their contents). Files identical to `skipPath` (the archive being
+/// before their contents). Symbolic links are listed as links and never
+/// followed, also when `path` itself is one, so a loop of links cannot make
+/// the walk go on forever. Files identical to `skipPath` (the archive being
 /// written) are left out. Throws std::runtime_error when `path` cannot be read.
 std::vector<SourceItem> collectSources(std::string const& path, std::string const& entryName,
                                        std::string const& skipPath);

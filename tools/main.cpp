@@ -39,11 +39,19 @@ Command const kCommands[] = {
      "file (a folder, symbolic link, FIFO, device or socket, which is never opened), or whose target\n"
      "an earlier entry of the same run has written. The other entries are still extracted, and the\n"
      "exit status is then 1. An archive that test refuses as a whole is refused before anything is\n"
-     "written. New files get mode 0666 less the umask.\n"},
+     "written.\n"
+     "Entries made on Unix get their permission bits back, never the set-user-id, set-group-id and\n"
+     "sticky bits; other files get mode 0666 less the umask. Files, folders and symbolic links get\n"
+     "their modification times (folders once everything below them is written). A symbolic link\n"
+     "entry becomes a symbolic link when its target stays inside DIR: a target that is empty,\n"
+     "absolute, climbs above DIR or has \"..\" after a name is refused by name.\n"},
     {"add", "add [--password P] [--level N] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
-     "times in local time. N is the deflate level, 0 to 9 (default 6).\n"
+     "times in local time. Entries are recorded as made by Unix with their modes; folders become\n"
+     "entries ending in \"/\"; symbolic links are stored as links (their targets), never followed.\n"
+     "N is the deflate level, 1 to 9 (default 6); level 0 stores the bytes as they are.\n"
+     "Encrypted entries (--password) are written so that other tools accept the password.\n"
      "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
      "always either the old archive or the new one, even if the program is killed or the disk\n"
      "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"

@@ -5,6 +5,7 @@ temporary folder on real files, and checks output and exit status.
 """
 import os
 import shutil
+import stat
 import struct
 import subprocess
 import tempfile
@@ -652,8 +653,7 @@ class ExtractSafetyTest(CliTestCase):
         self.assertEqual(self.leftovers(out), [])
 
     def test_new_files_follow_the_umask(self):
-        archive = self.path("modes.zip")
-        make_zip(archive, [("d/f.txt", b"f")])
+        archive = raw_zip(self.path("modes.zip"), [raw_entry("d/f.txt", b"f")])  # made on MS-DOS: no mode
         for mask, mode in ((0o022, 0o644), (0o077, 0o600), (0o002, 0o664)):
             out = self.path("out%o" % mask)
             result = subprocess.run([PROGRAM, "extract", archive, out], capture_output=True, timeout=120,
@@ -720,15 +720,16 @@ class AddTest(CliTestCase):
     def test_levels(self):
         self.write("big.txt", b"compressible text " * 5000)
         sizes = {}
-        for level in ("0", "9"):
+        for level, method in (("0", zipfile.ZIP_STORED), ("1", zipfile.ZIP_DEFLATED), ("9", zipfile.ZIP_DEFLATED)):
             archive = self.path("l%s.zip" % level)
             self.assertResult(run("add", "--level", level, archive, "big.txt", cwd=self.dir), 0)
             with zipfile.ZipFile(archive) as z:
                 info = z.getinfo("big.txt")
-                self.assertEqual(info.compress_type, zipfile.ZIP_DEFLATED)
+                self.assertEqual(info.compress_type, method)
                 self.assertEqual(z.read("big.txt"), b"compressible text " * 5000)
                 sizes[level] = info.compress_size
-        self.assertGreater(sizes["0"], 90000)
+            self.assertResult(run("test", archive), 0)
+        self.assertEqual(sizes["0"], 90000)  # stored: the bytes as they are
         self.assertLess(sizes["9"], 2000)
 
     def test_appends_to_existing_archive(self):
@@ -771,6 +772,222 @@ class AddTest(CliTestCase):
         self.assertResult(run("add", archive, "d", cwd=self.dir), 0)
         with zipfile.ZipFile(archive) as z:
             self.assertEqual(z.namelist(), ["d/", "d/a.txt"])
+
+
+def snapshot(root):
+    """Everything below root that extraction restores: kind, permission bits, whole-second
+    modification time, and the bytes of a file or the target of a link."""
+    found = {}
+    for folder, dirs, files in os.walk(root):
+        for name in dirs + files:
+            full = os.path.join(folder, name)
+            st = os.lstat(full)
+            kind = stat.S_IFMT(st.st_mode)
+            if stat.S_ISLNK(st.st_mode):
+                content = os.readlink(full)
+            elif stat.S_ISREG(st.st_mode):
+                with open(full, "rb") as f:
+                    content = f.read()
+            else:
+                content = None
+            found[os.path.relpath(full, root)] = (kind, stat.S_IMODE(st.st_mode), int(st.st_mtime), content)
+    return found
+
+
+def unix_entry(name, data, mode):
+    """A ZipInfo made on Unix with mode (st_mode bits) and its bytes."""
+    info = zipfile.ZipInfo(name, (2021, 3, 4, 5, 6, 8))
+    info.create_system = 3
+    info.external_attr = mode << 16
+    return info, data
+
+
+class MetadataTest(CliTestCase):
+    """What add stores beside the bytes, and what extract restores."""
+
+    def metadata_tree(self):
+        """A folder with modes, even-second times, empty folders, links and non-ASCII names."""
+        root = self.path("tree")
+        files = {"caf\u00e9 #1.txt": (b"coffee\n", 0o640), "run.sh": (b"#!/bin/sh\necho hi\n", 0o755),
+                 "sub/\u00fc ber/n\u00e4he.bin": (bytes(range(256)) * 9, 0o600), "ro.txt": (b"read only", 0o444),
+                 "sub/empty.txt": (b"", 0o644)}
+        for name, (data, mode) in files.items():
+            full = self.write(os.path.join("tree", name), data)
+            os.chmod(full, mode)
+        os.makedirs(os.path.join(root, "empty"))
+        os.makedirs(os.path.join(root, "private", "inner empty"))
+        os.chmod(os.path.join(root, "private"), 0o700)
+        os.chmod(os.path.join(root, "private", "inner empty"), 0o750)
+        os.symlink("caf\u00e9 #1.txt", os.path.join(root, "to file"))
+        os.symlink("../run.sh", os.path.join(root, "sub", "up to run"))
+        os.symlink("sub", os.path.join(root, "to folder"))
+        os.symlink("not there", os.path.join(root, "dangling"))
+        stamp = time.mktime((2019, 7, 14, 10, 20, 30, 0, 0, -1))
+        for folder, dirs, names in os.walk(root, topdown=False):
+            for name in dirs + names:
+                stamp += 2
+                os.utime(os.path.join(folder, name), (stamp, stamp), follow_symlinks=False)
+        os.utime(root, (stamp + 2, stamp + 2))
+        return root
+
+    def test_folder_survives_add_then_extract_exactly(self):
+        root = self.metadata_tree()
+        before = snapshot(root)
+        archive = self.path("meta.zip")
+        self.assertResult(run("add", archive, "tree", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            for info in z.infolist():
+                self.assertEqual(info.create_system, 3, info.filename)
+            link = z.getinfo("tree/to file")
+            self.assertTrue(stat.S_ISLNK(link.external_attr >> 16))
+            self.assertEqual(z.read(link), "caf\u00e9 #1.txt".encode())
+            self.assertEqual(stat.S_IMODE(z.getinfo("tree/run.sh").external_attr >> 16), 0o755)
+            self.assertIn("tree/private/inner empty/", z.namelist())
+        out = self.path("out")
+        result = run("extract", archive, out)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"")
+        after = snapshot(os.path.join(out, "tree"))
+        self.assertEqual(after, before)
+        self.assertEqual(int(os.stat(os.path.join(out, "tree")).st_mtime), int(os.stat(root).st_mtime))
+
+    def test_folder_round_trips_through_info_zip_unzip(self):
+        root = self.metadata_tree()
+        before = snapshot(root)
+        archive = self.path("meta.zip")
+        self.assertResult(run("add", archive, "tree", cwd=self.dir), 0)
+        listing = subprocess.run(["unzip", "-Z", archive], capture_output=True)
+        self.assertEqual(listing.returncode, 0, listing.stderr)
+        lines = listing.stdout.decode().splitlines()
+
+        def line_of(name):
+            matching = [line for line in lines if line.endswith(" " + name)]
+            self.assertEqual(len(matching), 1, (name, lines))
+            return matching[0]
+        self.assertTrue(line_of("tree/caf\u00e9 #1.txt").startswith("-rw-r----- "))
+        self.assertTrue(line_of("tree/run.sh").startswith("-rwxr-xr-x "))
+        self.assertTrue(line_of("tree/private/").startswith("drwx------ "))
+        self.assertTrue(line_of("tree/to file").startswith("lrwxrwxrwx "))
+        self.assertIn(" unx ", line_of("tree/to file"))
+        tested = subprocess.run(["unzip", "-t", archive], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        self.assertNotIn(b"mismatching", tested.stdout + tested.stderr)
+        out = self.path("by unzip")
+        unpacked = subprocess.run(["unzip", "-q", "-d", out, archive], capture_output=True)
+        self.assertEqual(unpacked.returncode, 0, unpacked.stdout + unpacked.stderr)
+        self.assertNotIn(b"mismatching", unpacked.stdout + unpacked.stderr)
+
+        def but_link_times(found):  # Info-ZIP unzip leaves a link's own time as it was made
+            return {name: (k, m, None if stat.S_ISLNK(k) else t, c) for name, (k, m, t, c) in found.items()}
+        self.assertEqual(but_link_times(snapshot(os.path.join(out, "tree"))), but_link_times(before))
+
+        # and back: an archive of that folder made by Info-ZIP zip comes out the same through ziputil
+        again = self.path("again.zip")
+        subprocess.run(["zip", "-q", "-r", "-y", again, "tree"], cwd=out, check=True)
+        out2 = self.path("out2")
+        self.assertResult(run("extract", again, out2), 0)
+        self.assertEqual(but_link_times(snapshot(os.path.join(out2, "tree"))), but_link_times(before))
+
+    def test_encrypted_archive_opens_in_other_tools(self):
+        data = b"the secret contents\n" * 50
+        self.write("s/secret.txt", data)
+        self.write("s/small.txt", b"x")
+        archive = self.path("enc.zip")
+        self.assertResult(run("add", "--password", "right pw", archive, "s", cwd=self.dir), 0)
+        unzipped = subprocess.run(["unzip", "-p", "-P", "right pw", archive, "s/secret.txt"], capture_output=True)
+        self.assertEqual(unzipped.returncode, 0, unzipped.stderr)
+        self.assertEqual(unzipped.stdout, data)
+        wrong = subprocess.run(["unzip", "-p", "-P", "wrong", archive, "s/secret.txt"], capture_output=True)
+        self.assertNotEqual(wrong.returncode, 0)
+        with zipfile.ZipFile(archive) as z:
+            z.setpassword(b"right pw")
+            self.assertEqual(z.read("s/secret.txt"), data)
+            self.assertEqual(z.read("s/small.txt"), b"x")
+            self.assertTrue(z.getinfo("s/secret.txt").flag_bits & 0x9 == 0x9)  # encrypted, streamed
+        seven = subprocess.run(["7z", "x", "-so", "-pright pw", archive, "s/secret.txt"], capture_output=True)
+        self.assertEqual(seven.returncode, 0, seven.stderr)
+        self.assertEqual(seven.stdout, data)
+        tested = subprocess.run(["7z", "t", "-pright pw", archive], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        bsdtar = subprocess.run(["bsdtar", "-x", "-O", "--passphrase", "right pw", "-f", archive, "s/secret.txt"],
+                                capture_output=True)
+        self.assertEqual(bsdtar.returncode, 0, bsdtar.stderr)
+        self.assertEqual(bsdtar.stdout, data)
+        self.assertEqual(run("cat", "-P", "right pw", archive, "s/secret.txt").stdout, data)
+
+    def test_link_loops_are_stored_as_links_without_hanging(self):
+        os.makedirs(self.path("d", "sub"))
+        os.symlink("loop2", self.path("d", "loop1"))
+        os.symlink("loop1", self.path("d", "loop2"))
+        os.symlink("..", self.path("d", "sub", "parent"))  # a walk that followed links would never end
+        os.symlink(self.path("d"), self.path("top link"))
+        archive = self.path("loops.zip")
+        self.assertResult(run("add", archive, "d", "top link", cwd=self.dir, timeout=30), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["d/", "d/loop1", "d/loop2", "d/sub/", "d/sub/parent", "top link"])
+            self.assertEqual(z.read("d/loop1"), b"loop2")
+            self.assertEqual(z.read("d/sub/parent"), b"..")
+            self.assertEqual(z.read("top link"), self.path("d").encode())
+            for name in ("d/loop1", "d/sub/parent", "top link"):
+                self.assertEqual(z.getinfo(name).external_attr >> 16, 0o120777)
+
+    def test_links_leading_outside_are_refused_by_name(self):
+        archive = self.path("links.zip")
+        entries = [unix_entry("file.txt", b"inside", 0o100644),
+                   unix_entry("sub/ok", b"../file.txt", 0o120777),
+                   unix_entry("sub/dot", b"./../sub/./", 0o120777),
+                   unix_entry("up", b"../outside", 0o120777),
+                   unix_entry("sub/deep", b"../../x", 0o120777),
+                   unix_entry("abs", b"/etc/passwd", 0o120777),
+                   unix_entry("self", b".", 0o120777),
+                   unix_entry("via", b"self/../escape", 0o120777),
+                   unix_entry("empty", b"", 0o120777),
+                   unix_entry("after.txt", b"after", 0o100600)]
+        with zipfile.ZipFile(archive, "w") as z:
+            for info, data in entries:
+                z.writestr(info, data)
+        out = self.path("out")
+        result = run("extract", archive, out)
+        self.assertResult(result, 1)
+        lines = sorted(result.stderr.decode().splitlines())
+        self.assertEqual(lines, sorted([
+            'ziputil: refusing to extract "up": its link target ../outside leads outside the target folder',
+            'ziputil: refusing to extract "sub/deep": its link target ../../x leads outside the target folder',
+            'ziputil: refusing to extract "abs": its link target /etc/passwd is an absolute path',
+            'ziputil: refusing to extract "via": its link target self/../escape has ".." after a name',
+            'ziputil: refusing to extract "empty": its link target is empty']))
+        self.assertEqual(os.readlink(os.path.join(out, "sub", "ok")), "../file.txt")
+        self.assertEqual(os.readlink(os.path.join(out, "sub", "dot")), "./../sub/./")
+        self.assertEqual(os.readlink(os.path.join(out, "self")), ".")
+        for name in ("up", "abs", "via", "empty"):
+            self.assertFalse(os.path.lexists(os.path.join(out, name)), name)
+        self.assertFalse(os.path.lexists(os.path.join(out, "sub", "deep")))
+        with open(os.path.join(out, "sub", "ok"), "rb") as f:
+            self.assertEqual(f.read(), b"inside")
+        self.assertEqual(os.stat(os.path.join(out, "after.txt")).st_mode & 0o7777, 0o600)
+
+    def test_set_id_and_sticky_bits_are_never_restored(self):
+        archive = self.path("setid.zip")
+        entries = [unix_entry("suid", b"#!/bin/sh\n", 0o104755), unix_entry("sgid", b"x", 0o102750),
+                   unix_entry("sticky/", b"", 0o041777), unix_entry("sticky/f", b"f", 0o100640)]
+        with zipfile.ZipFile(archive, "w") as z:
+            for info, data in entries:
+                z.writestr(info, data)
+        out = self.path("out")
+        self.assertResult(run("extract", archive, out), 0)
+        self.assertEqual(os.stat(os.path.join(out, "suid")).st_mode & 0o7777, 0o755)
+        self.assertEqual(os.stat(os.path.join(out, "sgid")).st_mode & 0o7777, 0o750)
+        self.assertEqual(os.stat(os.path.join(out, "sticky")).st_mode & 0o7777, 0o777)
+        self.assertEqual(os.stat(os.path.join(out, "sticky", "f")).st_mode & 0o7777, 0o640)
+        self.assertEqual(os.stat(os.path.join(out, "suid")).st_mtime, time.mktime((2021, 3, 4, 5, 6, 8, 0, 0, -1)))
+
+    def test_a_link_target_that_cannot_be_read_is_named(self):
+        archive = self.path("long.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(*unix_entry("long", b"a/" * 3000, 0o120777))
+        result = run("extract", archive, self.path("out"))
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr, b'ziputil: refusing to extract "long": its link target is too long\n')
 
 
 def leftovers(folder, archive_name):
