@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <memory>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -107,7 +108,7 @@ bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
         });
       }
     }
-    if (refusal.empty()) return true;
+    if (refusal.empty() || refusal == CExtractFolder::kKept) return true;
     std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
                  escapeForTerminal(refusal).c_str());
   } catch (tal::CError const& e) { // the entry cannot be read
@@ -295,13 +296,32 @@ int catEntry(Options const& options, std::string const& archive, std::string con
   return status;
 }
 
-int extractArchive(Options const& options, std::string const& archive, std::string const& folder) {
+/// Whether the current entry is selected by the operands and exclusions;
+/// marks the operand patterns that matched.
+bool selected(Options const& options, EntryName const& entry, std::vector<bool>& matched) {
+  auto matches = [&](std::string const& pattern) {
+    return ::fnmatch(pattern.c_str(), entry.path.c_str(), 0) == 0 ||
+           (entry.isDirectory && ::fnmatch(pattern.c_str(), (entry.path + "/").c_str(), 0) == 0);
+  };
+  for (std::string const& pattern : options.excludes)
+    if (matches(pattern)) return false;
+  if (options.patterns.empty()) return true;
+  bool any = false;
+  for (std::size_t i = 0; i < options.patterns.size(); ++i)
+    if (matches(options.patterns[i])) any = matched[i] = true;
+  return any;
+}
+
+int extractArchive(Options const& options, std::string const& archive) {
   CEntryReader entries(archiveURIFromArgument(archive), options.password);
-  CExtractFolder target(folder);
+  CExtractFolder target(options.folder, options.overwrite);
   CProgress progress("extracting");
+  std::vector<bool> matched(options.patterns.size(), false);
   bool ok = true;
   while (entries.nextFile()) {
-    progress.step(currentEntryName(entries.reader()).shown());
+    EntryName const entry = currentEntryName(entries.reader());
+    if (!selected(options, entry, matched)) continue;
+    progress.step(entry.shown());
     bool extracted = extractCurrent(entries, target);
     if (!extracted) progress.clear();
     ok = extracted && ok;
@@ -309,6 +329,11 @@ int extractArchive(Options const& options, std::string const& archive, std::stri
   progress.clear();
   ok = target.finish() && ok; // folders last: writing into them changed their times
   entries.close();
+  for (std::size_t i = 0; i < options.patterns.size(); ++i) {
+    if (matched[i]) continue;
+    std::fprintf(stderr, "ziputil: no entry matches \"%s\"\n", escapeForTerminal(options.patterns[i]).c_str());
+    ok = false;
+  }
   return ok ? 0 : 1;
 }
 

@@ -85,7 +85,10 @@ void writeAll(int fd, unsigned char const* data, std::size_t size, std::string c
 
 } // namespace
 
-CExtractFolder::CExtractFolder(std::string root) : m_root(std::move(root)), m_rootFd(-1) {
+char const* const CExtractFolder::kKept = "kept";
+
+CExtractFolder::CExtractFolder(std::string root, Overwrite overwrite)
+    : m_root(std::move(root)), m_overwrite(overwrite), m_rootFd(-1) {
   makeDirectories(m_root);
   m_rootFd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (m_rootFd < 0) throw systemError("cannot open folder", m_root, errno);
@@ -190,6 +193,9 @@ std::string CExtractFolder::checkTarget(int folder, std::string const& leaf, std
   if (!S_ISREG(existing.st_mode) && !S_ISLNK(existing.st_mode)) return path + " is not a regular file";
   auto const earlier = m_written.find({existing.st_dev, existing.st_ino});
   if (earlier != m_written.end()) return "another entry was already extracted to " + earlier->second;
+  if (m_overwrite == Overwrite::Never) return kKept;
+  if (m_overwrite == Overwrite::Refuse)
+    return path + " exists (-o replaces it, -n keeps it without a word)";
   replacing = true;
   return std::string();
 }

@@ -14,6 +14,13 @@
 
 namespace ziputil_tool {
 
+/// What extraction does with a file or symbolic link already at a target.
+enum class Overwrite {
+  Refuse, ///< keep it and refuse the entry (the default)
+  Never,  ///< keep it and pass over the entry without a word (-n)
+  Always, ///< replace it (-o), through the same temporary file and rename
+};
+
 /// Holds the target folder open and reaches everything below it from that
 /// descriptor, one folder at a time (openat with O_NOFOLLOW | O_DIRECTORY,
 /// mkdirat, renameat, unlinkat): a folder replaced by a symbolic link while
@@ -23,8 +30,9 @@ namespace ziputil_tool {
 /// and renamed over the target only once it has been read whole and checked,
 /// so an entry that cannot be read leaves an existing file as it was and no
 /// partial file behind. Renaming replaces the folder entry: another hard link
-/// to a file it replaces keeps that file's bytes. An existing target that is
-/// not a regular file (a folder, a symbolic link, a FIFO, a device, a socket)
+/// to a file it replaces keeps that file's bytes. An existing file (or, for a
+/// link entry, an existing link) is replaced only with Overwrite::Always.
+/// An existing target that is not a regular file (a folder, a symbolic link, a FIFO, a device, a socket)
 /// is refused without being opened, and so is a target that an earlier entry
 /// of the same run has written.
 ///
@@ -40,7 +48,11 @@ namespace ziputil_tool {
 class CExtractFolder {
 public:
   /// Creates `root` with its missing parents and opens it.
-  explicit CExtractFolder(std::string root);
+  CExtractFolder(std::string root, Overwrite overwrite);
+
+  /// What writeFile and writeLink return for an entry passed over because its
+  /// target exists and Overwrite::Never keeps it.
+  static char const* const kKept;
   ~CExtractFolder();
   CExtractFolder(CExtractFolder const&) = delete;
   CExtractFolder& operator=(CExtractFolder const&) = delete;
@@ -103,6 +115,7 @@ private:
   std::vector<PendingFolder> m_folders;
 
   std::string m_root;
+  Overwrite m_overwrite;
   int m_rootFd;
   mode_t m_fileMode;
   std::mt19937_64 m_random;

@@ -11,6 +11,7 @@
 namespace {
 
 using ziputil_tool::Options;
+using ziputil_tool::Overwrite;
 
 struct Command {
   char const* name;
@@ -28,8 +29,14 @@ Command const kCommands[] = {
      "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"
      "characters. The archive is refused as test refuses it, and a bad entry is named after the\n"
      "bytes that could be read, with exit status 1.\n"},
-    {"extract", "extract [--password P] ARCHIVE [DIR]",
-     "Extracts every entry under DIR (default \".\"), replacing files of the same name. Each file is\n"
+    {"extract", "extract [--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...]",
+     "Extracts the entries named (all when none is) under DIR (default \".\"). ENTRY and PATTERN are\n"
+     "shell patterns (*, ?, [...]; \"*\" also matches \"/\") on the paths as list prints them; a folder\n"
+     "entry also matches with its \"/\". -x leaves out the entries that match any PATTERN after it\n"
+     "(up to the next option). A pattern that matches no entry is named, and the exit status is 1.\n"
+     "A file that already exists is kept and named, and the exit status is then 1; -n keeps it\n"
+     "without a word, -o replaces it.\n"
+     "Each file is\n"
      "written to a temporary file beside its target and renamed over it only once the entry has been\n"
      "read whole and checked as test checks it: a bad entry (wrong password, unsupported method,\n"
      "damaged data) leaves an existing file as it was, and nothing of the entry behind. Renaming\n"
@@ -92,30 +99,65 @@ int parseLevel(std::string const& text) {
   return text[0] - '0';
 }
 
-/// Splits the arguments after the command into options and operands.
-std::vector<std::string> parseArguments(Command const& command, int argc, char** argv, Options& options, bool& help) {
-  std::vector<std::string> operands;
-  bool optionsEnded = false;
+bool isOperand(std::string const& arg) { return arg.empty() || arg[0] != '-' || arg == "-"; }
+
+/// Short flags written together ("-qo") as separate arguments.
+std::vector<std::string> expandFlags(int argc, char** argv) {
+  std::vector<std::string> args;
   for (int i = 2; i < argc; ++i) {
     std::string arg = argv[i];
+    bool const bundle = arg.size() > 2 && arg[0] == '-' && arg[1] != '-' &&
+                        arg.find_first_not_of("qvno", 1) == std::string::npos;
+    if (!bundle) {
+      args.push_back(arg);
+      continue;
+    }
+    for (std::size_t at = 1; at < arg.size(); ++at) args.push_back(std::string("-") + arg[at]);
+  }
+  return args;
+}
+
+/// Splits the arguments after the command into options and operands.
+std::vector<std::string> parseArguments(Command const& command, int argc, char** argv, Options& options, bool& help) {
+  std::vector<std::string> const args = expandFlags(argc, argv);
+  std::vector<std::string> operands;
+  bool optionsEnded = false;
+  bool const extract = std::strcmp(command.name, "extract") == 0;
+  bool overwriteChosen = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    std::string const& arg = args[i];
     auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw UsageError{arg + " needs a value"};
-      return argv[++i];
+      if (i + 1 >= args.size()) throw UsageError{arg + " needs a value"};
+      return args[++i];
     };
-    if (optionsEnded || arg.empty() || arg[0] != '-' || arg == "-")
+    if (optionsEnded || isOperand(arg)) {
       operands.push_back(arg);
-    else if (arg == "--")
+    } else if (arg == "--") {
       optionsEnded = true;
-    else if (arg == "--help" || arg == "-h")
+    } else if (arg == "--help" || arg == "-h") {
       help = true;
-    else if (arg == "--password" || arg == "-P")
+    } else if (arg == "--password" || arg == "-P") {
       options.password = value();
-    else if (arg == "--long" && std::strcmp(command.name, "list") == 0)
+    } else if (arg == "--long" && std::strcmp(command.name, "list") == 0) {
       options.longListing = true;
-    else if (arg == "--level" && std::strcmp(command.name, "add") == 0)
+    } else if (arg == "--level" && std::strcmp(command.name, "add") == 0) {
       options.level = parseLevel(value());
-    else
+    } else if (extract && (arg == "-d" || arg == "--folder")) {
+      options.folder = value();
+      if (options.folder.empty()) throw UsageError{arg + " needs a folder"};
+      if (options.folder == "-") throw UsageError{"\"-\" is not a folder: write ./- for a folder of that name"};
+    } else if (extract && (arg == "-x" || arg == "--exclude")) {
+      std::size_t const before = options.excludes.size();
+      while (i + 1 < args.size() && isOperand(args[i + 1])) options.excludes.push_back(args[++i]);
+      if (options.excludes.size() == before) throw UsageError{arg + " needs a pattern"};
+    } else if (extract && (arg == "-n" || arg == "--never-overwrite" || arg == "-o" || arg == "--overwrite")) {
+      Overwrite const chosen = arg == "-n" || arg == "--never-overwrite" ? Overwrite::Never : Overwrite::Always;
+      if (overwriteChosen && chosen != options.overwrite) throw UsageError{"-n and -o exclude each other"};
+      overwriteChosen = true;
+      options.overwrite = chosen;
+    } else {
       throw UsageError{"unknown option " + arg};
+    }
   }
   return operands;
 }
@@ -135,8 +177,10 @@ int runCommand(Command const& command, Options const& options, std::vector<std::
     return ziputil_tool::catEntry(options, operands[0], operands[1]);
   }
   if (name == "extract") {
-    requireOperands(operands, 1, 2);
-    return ziputil_tool::extractArchive(options, operands[0], operands.size() > 1 ? operands[1] : ".");
+    requireOperands(operands, 1, static_cast<std::size_t>(-1));
+    Options selected = options;
+    selected.patterns.assign(operands.begin() + 1, operands.end());
+    return ziputil_tool::extractArchive(selected, operands[0]);
   }
   if (name == "add") {
     requireOperands(operands, 2, static_cast<std::size_t>(-1));

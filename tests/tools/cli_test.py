@@ -257,7 +257,7 @@ class NamesTest(CliTestCase):
         self.assertResult(result, 0)
         self.assertEqual(result.stdout.decode().splitlines(), [first, "d\u00fcr/", second, "caf\u00e9 utf8.txt"])
         out = self.path("out")
-        self.assertResult(run("extract", archive, out), 0)
+        self.assertResult(run("extract", archive, "-d", out), 0)
         for name, data in ((first, b"first half"), (second, b"second half")):
             with open(os.path.join(out, name), "rb") as f:
                 self.assertEqual(f.read(), data)
@@ -283,7 +283,7 @@ class NamesTest(CliTestCase):
             raw_entry(b"dir/ab.txt ", b"trailing blank"),
             raw_entry(b"other.txt", b"other"),
         ])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode().splitlines()
         self.assertEqual(err, [
@@ -299,12 +299,12 @@ class NamesTest(CliTestCase):
         self.assertEqual(sorted(os.listdir(out)), ["caf\u00e9.txt", "dir", "other.txt"])
         self.assertEqual(os.listdir(os.path.join(out, "dir")), ["ab.txt"])
 
-    def test_an_earlier_run_is_overwritten_without_complaint(self):
+    def test_an_earlier_run_is_overwritten_with_o_without_complaint(self):
         archive = self.path("again.zip")
         make_zip(archive, [("a.txt", b"a"), ("d/b.txt", b"b")])
         out = self.path("out")
-        self.assertResult(run("extract", archive, out), 0)
-        result = run("extract", archive, out)
+        self.assertResult(run("extract", archive, "-d", out), 0)
+        result = run("extract", "-o", archive, "-d", out)
         self.assertResult(result, 0)
         self.assertEqual(result.stderr, b"")
 
@@ -346,7 +346,7 @@ class NamesTest(CliTestCase):
         self.assertResult(result, 1)
         self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
         self.assertIn(b'bad entry "bad^Jentry.txt": ', result.stderr)
-        result = run("extract", archive, self.path("out"))
+        result = run("extract", archive, "-d", self.path("out"))
         self.assertResult(result, 1)
         self.assertEqual(result.stderr.count(b"\n"), 3, result.stderr)
         self.assertIn(b'"bad^Jentry.txt": ', result.stderr)
@@ -409,7 +409,7 @@ class ExtractTest(CliTestCase):
         archive = self.path("tree.zip")
         subprocess.run(["zip", "-q", "-r", archive, "tree"], cwd=self.dir, check=True)
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 0)
         for name, data in files.items():
             with open(os.path.join(out, name), "rb") as f:
@@ -430,7 +430,7 @@ class ExtractTest(CliTestCase):
         make_zip(archive, [("good.txt", b"good"), ("../evil.txt", b"evil"), ("a/../../evil2.txt", b"evil"),
                            ("after.txt", b"after")])
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         self.assertIn('"../evil.txt"', err)
@@ -450,7 +450,7 @@ class ExtractTest(CliTestCase):
         os.symlink(os.path.join(outside, "file.txt"), os.path.join(out, "filelink"))
         archive = self.path("link.zip")
         make_zip(archive, [("link/x.txt", b"x"), ("filelink", b"y"), ("ok.txt", b"ok")])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         self.assertIn('"link/x.txt"', err)
@@ -465,7 +465,7 @@ class ExtractTest(CliTestCase):
         data = bytearray(open(archive, "rb").read())
         data[100:120] = bytes(b ^ 0x5A for b in data[100:120])  # inside the entry's data
         open(archive, "wb").write(bytes(data))
-        result = run("extract", archive, self.path("out"))
+        result = run("extract", archive, "-d", self.path("out"))
         self.assertResult(result, 1)
         self.assertIn(b'"a.txt"', result.stderr)
 
@@ -554,13 +554,13 @@ class ExtractSafetyTest(CliTestCase):
             [["--password", "wrong", encrypted], [encrypted], ["--password", "wrong", self.path("stored-crc.zip")]]
         for args in runs:
             with self.subTest(args=args):
-                result = run("extract", *args, out)
+                result = run("extract", "-o", *args, "-d", out)
                 self.assertResult(result, 1)
                 self.assertTrue(result.stderr.startswith(b'ziputil: bad entry "t.txt": '), result.stderr)
                 self.assertEqual(result.stderr.count(b"\n"), 1)
                 self.assertUntouched(path, data)
                 self.assertEqual(os.listdir(out), ["t.txt"])
-        self.assertResult(run("extract", "-P", "right", encrypted, out), 0)
+        self.assertResult(run("extract", "-o", "-P", "right", encrypted, "-d", out), 0)
         with open(path, "rb") as f:
             self.assertEqual(f.read(), b"encrypted contents\n" * 100)
 
@@ -578,7 +578,7 @@ class ExtractSafetyTest(CliTestCase):
             names.append("null")
         archive = self.path("special.zip")
         make_zip(archive, [(name, b"written into a special file") for name in names] + [("ok.txt", b"ok")])
-        result = run("extract", archive, out, timeout=30)  # opening the FIFO for writing would wait for a reader
+        result = run("extract", archive, "-d", out, timeout=30)  # opening the FIFO for writing would wait for a reader
         self.assertResult(result, 1)
         err = result.stderr.decode()
         for name in names:
@@ -598,7 +598,7 @@ class ExtractSafetyTest(CliTestCase):
         os.link(outside, os.path.join(out, "a.txt"))
         archive = self.path("link.zip")
         make_zip(archive, [("a.txt", b"from the archive")])
-        self.assertResult(run("extract", archive, out), 0)
+        self.assertResult(run("extract", "-o", archive, "-d", out), 0)
         with open(os.path.join(out, "a.txt"), "rb") as f:
             self.assertEqual(f.read(), b"from the archive")
         self.assertUntouched(outside, data)
@@ -614,7 +614,7 @@ class ExtractSafetyTest(CliTestCase):
         archive = self.path("links.zip")
         make_zip(archive, [("a/b/link/x.txt", b"x"), ("a/b/link/", None), ("a/b/link/deeper/y.txt", b"y"),
                            ("a/up/outside/z.txt", b"z"), ("a/b/ok.txt", b"ok")])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         for name in ("a/b/link/x.txt", "a/b/link/", "a/b/link/deeper/y.txt", "a/up/outside/z.txt"):
@@ -642,7 +642,7 @@ class ExtractSafetyTest(CliTestCase):
         env = dict(os.environ, LD_PRELOAD=shim, ZIPUTIL_SWAP_FOLDER=os.path.join(out, "sub"),
                    ZIPUTIL_SWAP_AWAY=os.path.join(out, "moved"), ZIPUTIL_SWAP_TARGET=outside,
                    ASAN_OPTIONS=(os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":"))
-        result = subprocess.run([PROGRAM, "extract", archive, out], env=env, capture_output=True, timeout=120)
+        result = subprocess.run([PROGRAM, "extract", archive, "-d", out], env=env, capture_output=True, timeout=120)
         self.assertTrue(os.path.islink(os.path.join(out, "sub")), "the swap did not happen")
         self.assertEqual(os.listdir(outside), [])
         self.assertEqual(result.returncode, 1, result.stderr)
@@ -656,7 +656,7 @@ class ExtractSafetyTest(CliTestCase):
         archive = raw_zip(self.path("modes.zip"), [raw_entry("d/f.txt", b"f")])  # made on MS-DOS: no mode
         for mask, mode in ((0o022, 0o644), (0o077, 0o600), (0o002, 0o664)):
             out = self.path("out%o" % mask)
-            result = subprocess.run([PROGRAM, "extract", archive, out], capture_output=True, timeout=120,
+            result = subprocess.run([PROGRAM, "extract", archive, "-d", out], capture_output=True, timeout=120,
                                     preexec_fn=lambda: os.umask(mask))
             self.assertResult(result, 0)
             self.assertEqual(os.stat(os.path.join(out, "d", "f.txt")).st_mode & 0o777, mode)
@@ -670,7 +670,7 @@ class ExtractSafetyTest(CliTestCase):
                     entry.write(chunk)
         path, data = self.precious("out/big.bin")
         out = self.path("out")
-        process = subprocess.Popen([PROGRAM, "extract", archive, out], stderr=subprocess.PIPE)
+        process = subprocess.Popen([PROGRAM, "extract", "-o", archive, "-d", out], stderr=subprocess.PIPE)
         seen = False
         deadline = time.monotonic() + 60
         while process.poll() is None and time.monotonic() < deadline:
@@ -844,7 +844,7 @@ class MetadataTest(CliTestCase):
             self.assertEqual(stat.S_IMODE(z.getinfo("tree/run.sh").external_attr >> 16), 0o755)
             self.assertIn("tree/private/inner empty/", z.namelist())
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 0)
         self.assertEqual(result.stderr, b"")
         after = snapshot(os.path.join(out, "tree"))
@@ -885,7 +885,7 @@ class MetadataTest(CliTestCase):
         again = self.path("again.zip")
         subprocess.run(["zip", "-q", "-r", "-y", again, "tree"], cwd=out, check=True)
         out2 = self.path("out2")
-        self.assertResult(run("extract", again, out2), 0)
+        self.assertResult(run("extract", again, "-d", out2), 0)
         self.assertEqual(but_link_times(snapshot(os.path.join(out2, "tree"))), but_link_times(before))
 
     def test_encrypted_archive_opens_in_other_tools(self):
@@ -947,7 +947,7 @@ class MetadataTest(CliTestCase):
             for info, data in entries:
                 z.writestr(info, data)
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         lines = sorted(result.stderr.decode().splitlines())
         self.assertEqual(lines, sorted([
@@ -974,7 +974,7 @@ class MetadataTest(CliTestCase):
             for info, data in entries:
                 z.writestr(info, data)
         out = self.path("out")
-        self.assertResult(run("extract", archive, out), 0)
+        self.assertResult(run("extract", archive, "-d", out), 0)
         self.assertEqual(os.stat(os.path.join(out, "suid")).st_mode & 0o7777, 0o755)
         self.assertEqual(os.stat(os.path.join(out, "sgid")).st_mode & 0o7777, 0o750)
         self.assertEqual(os.stat(os.path.join(out, "sticky")).st_mode & 0o7777, 0o777)
@@ -985,9 +985,128 @@ class MetadataTest(CliTestCase):
         archive = self.path("long.zip")
         with zipfile.ZipFile(archive, "w") as z:
             z.writestr(*unix_entry("long", b"a/" * 3000, 0o120777))
-        result = run("extract", archive, self.path("out"))
+        result = run("extract", archive, "-d", self.path("out"))
         self.assertResult(result, 1)
         self.assertEqual(result.stderr, b'ziputil: refusing to extract "long": its link target is too long\n')
+
+
+class SelectionTest(CliTestCase):
+    """extract ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...] and what it does with existing files."""
+
+    def archive(self):
+        archive = self.path("sel.zip")
+        make_zip(archive, [("docs/", None), ("docs/a.txt", b"a"), ("docs/b.md", b"b"), ("docs/sub/c.txt", b"c"),
+                           ("caf\u00e9 #1.txt", b"coffee"), ("top.txt", b"top"), ("[x].txt", b"bracket")])
+        return archive
+
+    def extracted(self, out):
+        found = []
+        for folder, dirs, files in os.walk(out):
+            found += [os.path.relpath(os.path.join(folder, name), out) + ("/" if name in dirs else "")
+                      for name in dirs + files]
+        return sorted(found)
+
+    def test_entries_and_patterns_select(self):
+        archive = self.archive()
+        cases = [
+            (["top.txt"], ["top.txt"]),
+            (["caf\u00e9 #1.txt"], ["caf\u00e9 #1.txt"]),
+            (["*.txt"], ["[x].txt", "caf\u00e9 #1.txt", "docs/", "docs/a.txt", "docs/sub/", "docs/sub/c.txt",
+                         "top.txt"]),
+            (["docs/*.md", "t?p.*"], ["docs/", "docs/b.md", "top.txt"]),
+            (["docs/"], ["docs/"]),
+            (["[[]x].txt"], ["[x].txt"]),
+        ]
+        for index, (patterns, expected) in enumerate(cases):
+            with self.subTest(patterns=patterns):
+                out = self.path("out%d" % index)
+                result = run("extract", archive, *patterns, "-d", out)
+                self.assertResult(result, 0)
+                self.assertEqual(result.stderr, b"")
+                self.assertEqual(self.extracted(out), expected)
+
+    def test_exclusions_leave_entries_out(self):
+        archive = self.archive()
+        out = self.path("out")
+        result = run("extract", archive, "-x", "*.txt", "*/sub/", "-d", out)
+        self.assertResult(result, 0)
+        self.assertEqual(self.extracted(out), ["docs/", "docs/b.md"])
+        out2 = self.path("out2")
+        self.assertResult(run("extract", archive, "docs/*", "--exclude", "*/sub/*", "-d", out2), 0)
+        self.assertEqual(self.extracted(out2), ["docs/", "docs/a.txt", "docs/b.md"])
+        with open(os.path.join(out2, "docs", "b.md"), "rb") as f:
+            self.assertEqual(f.read(), b"b")
+
+    def test_a_pattern_matching_nothing_is_named(self):
+        archive = self.archive()
+        out = self.path("out")
+        result = run("extract", archive, "top.txt", "nothing*", "doc", "-d", out)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ['ziputil: no entry matches "nothing*"', 'ziputil: no entry matches "doc"'])
+        self.assertEqual(self.extracted(out), ["top.txt"])
+
+    def test_existing_files_are_kept_and_named_by_default(self):
+        archive = self.archive()
+        out = self.path("out")
+        self.write("out/top.txt", b"mine")
+        self.write("out/docs/a.txt", b"mine too")
+        result = run("extract", archive, "-d", out)
+        self.assertResult(result, 1)
+        self.assertEqual(sorted(result.stderr.decode().splitlines()), [
+            'ziputil: refusing to extract "docs/a.txt": %s/docs/a.txt exists (-o replaces it, -n keeps it '
+            'without a word)' % out,
+            'ziputil: refusing to extract "top.txt": %s/top.txt exists (-o replaces it, -n keeps it without a '
+            'word)' % out])
+        for name, data in (("top.txt", b"mine"), ("docs/a.txt", b"mine too"), ("docs/b.md", b"b"),
+                           ("docs/sub/c.txt", b"c")):
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data, name)
+
+    def test_n_keeps_existing_files_quietly(self):
+        archive = self.archive()
+        out = self.path("out")
+        self.write("out/top.txt", b"mine")
+        result = run("extract", "-n", archive, "-d", out)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"")
+        with open(os.path.join(out, "top.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"mine")
+        with open(os.path.join(out, "docs", "a.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"a")
+
+    def test_o_replaces_files_and_links_through_a_rename(self):
+        archive = self.path("links.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(*unix_entry("f.txt", b"new", 0o100644))
+            z.writestr(*unix_entry("l", b"f.txt", 0o120777))
+        out = self.path("out")
+        old = self.write("out/f.txt", b"old")
+        keep = self.path("kept")
+        os.link(old, keep)
+        os.symlink("elsewhere", os.path.join(out, "l"))
+        refused = run("extract", archive, "-d", out)
+        self.assertResult(refused, 1)
+        self.assertIn(b'refusing to extract "l": %s/l exists' % out.encode(), refused.stderr)
+        self.assertEqual(os.readlink(os.path.join(out, "l")), "elsewhere")
+        self.assertResult(run("extract", "-o", archive, "-d", out), 0)
+        self.assertEqual(os.readlink(os.path.join(out, "l")), "f.txt")
+        with open(os.path.join(out, "f.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"new")
+        with open(keep, "rb") as f:  # renamed over, never written into
+            self.assertEqual(f.read(), b"old")
+        self.assertEqual(sorted(os.listdir(out)), ["f.txt", "l"])
+
+    def test_usage_errors(self):
+        archive = self.archive()
+        for args in (["-n", "-o", archive], ["-x", "-d", "out", archive], [archive, "-x"], [archive, "-d"],
+                     [archive, "-d", "-"], ["--bogus", archive]):
+            with self.subTest(args=args):
+                result = run("extract", *args, cwd=self.dir)
+                self.assertResult(result, 2)
+                self.assertTrue(result.stderr.startswith(b"ziputil extract: "), result.stderr)
+        self.assertFalse(os.path.exists(self.path("-")))
+        self.assertFalse(os.path.exists(self.path("out")))
 
 
 def leftovers(folder, archive_name):
@@ -1208,7 +1327,7 @@ class CheckedReadingTest(CliTestCase):
     first, then each entry's size, end and CRC-32 when a read reaches its end."""
 
     def assertRefusedWhole(self, archive, message):
-        for args in (["test", archive], ["extract", archive, self.path("out")], ["cat", archive, "a.txt"]):
+        for args in (["test", archive], ["extract", archive, "-d", self.path("out")], ["cat", archive, "a.txt"]):
             result = run(*args)
             self.assertResult(result, 1)
             self.assertEqual(result.stdout, b"", msg=args)
@@ -1237,7 +1356,7 @@ class CheckedReadingTest(CliTestCase):
         tested = run("test", archive)
         self.assertResult(tested, 1)
         self.assertEqual(tested.stderr, message)
-        extracted = run("extract", archive, self.path("out"))
+        extracted = run("extract", archive, "-d", self.path("out"))
         self.assertResult(extracted, 1)
         self.assertEqual(extracted.stderr, message)
         with open(self.path("out", "ok.txt"), "rb") as f:
@@ -1249,7 +1368,7 @@ class CheckedReadingTest(CliTestCase):
     def test_data_going_on_past_the_size_is_bad(self):
         archive = raw_zip(self.path("long.zip"), [raw_entry("a.txt", b"y" * 1000, zipfile.ZIP_DEFLATED, size=600,
                                                             crc=zlib.crc32(b"y" * 600))])
-        for args in (["test", archive], ["extract", archive, self.path("out")]):
+        for args in (["test", archive], ["extract", archive, "-d", self.path("out")]):
             result = run(*args)
             self.assertResult(result, 1)
             self.assertEqual(result.stderr, b'ziputil: bad entry "a.txt": ZIP entry\'s data does not end at its '
@@ -1291,7 +1410,7 @@ class CheckedReadingTest(CliTestCase):
         archive = self.path("enc0.zip")
         subprocess.run(["zip", "-q", "-0", "-P", "pw", archive, "a.txt", "b.txt"], cwd=self.dir, check=True)
         self.assertResult(run("test", "-P", "pw", archive), 0)
-        self.assertResult(run("extract", "-P", "pw", archive, self.path("out")), 0)
+        self.assertResult(run("extract", "-P", "pw", archive, "-d", self.path("out")), 0)
         with open(self.path("out", "b.txt"), "rb") as f:
             self.assertEqual(f.read(), b"second stored entry\n" * 50)
         with zipfile.ZipFile(archive) as z:
@@ -1331,7 +1450,7 @@ class CheckedReadingTest(CliTestCase):
         with zipfile.ZipFile(archive) as z:
             self.assertTrue(all(info.flag_bits & 8 for info in z.infolist()))
         self.assertResult(run("test", archive), 0)
-        self.assertResult(run("extract", archive, self.path("out")), 0)
+        self.assertResult(run("extract", archive, "-d", self.path("out")), 0)
         with open(self.path("out", "s2.txt"), "rb") as f:
             self.assertEqual(f.read(), b"streamed 2\n" * 1000)
 
