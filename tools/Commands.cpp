@@ -84,7 +84,7 @@ std::string readLinkTarget(CEntryReader& entries) {
 }
 
 /// Extracts the current entry into `folder`; false when it was refused or failed.
-bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
+bool extractCurrent(Options const& options, CEntryReader& entries, CExtractFolder& folder) {
   EntryName const entry = currentEntryName(entries.reader());
   std::string const name = entry.shown();
   try {
@@ -108,7 +108,10 @@ bool extractCurrent(CEntryReader& entries, CExtractFolder& folder) {
         });
       }
     }
-    if (refusal.empty() || refusal == CExtractFolder::kKept) return true;
+    if (refusal.empty() || refusal == CExtractFolder::kKept) {
+      if (options.verbose) std::printf("%s: %s\n", refusal.empty() ? "extracting" : "keeping", name.c_str());
+      return true;
+    }
     std::fprintf(stderr, "ziputil: refusing to extract \"%s\": %s\n", name.c_str(),
                  escapeForTerminal(refusal).c_str());
   } catch (tal::CError const& e) { // the entry cannot be read
@@ -234,6 +237,31 @@ bool addItem(Options const& options, ziputil::CZipWriter& writer, SourceItem con
 /// sources found on the command line. Every source becomes a new entry.
 std::vector<SourceItem> planEntries(std::vector<SourceItem> const& sources) { return sources; }
 
+/// The paths listed in `file` ("-": standard input), one a line; empty lines
+/// are passed over. Throws std::runtime_error when it cannot be read.
+std::vector<std::string> readPathList(std::string const& file) {
+  FILE* in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+  if (!in) throw std::runtime_error("cannot read the list " + file + ": " + std::strerror(errno));
+  std::vector<std::string> paths;
+  std::string line;
+  int c;
+  while ((c = std::fgetc(in)) != EOF) {
+    if (c != '\n') {
+      line += static_cast<char>(c);
+      continue;
+    }
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty()) paths.push_back(line);
+    line.clear();
+  }
+  if (!line.empty()) paths.push_back(line);
+  bool const failed = std::ferror(in) != 0;
+  int const error = errno;
+  if (in != stdin) std::fclose(in);
+  if (failed) throw std::runtime_error("cannot read the list " + file + ": " + std::strerror(error));
+  return paths;
+}
+
 std::vector<SourceItem> collectAll(std::vector<std::string> const& paths, std::string const& archivePath) {
   std::vector<SourceItem> items;
   for (std::string const& path : paths) {
@@ -259,7 +287,7 @@ void reportError(std::exception const& error, std::string const& prefix) {
 int listArchive(Options const& options, std::string const& archive) {
   tal::P<ziputil::CZipReader> reader = openReader(options, archive);
   while (reader->nextFile()) {
-    if (options.longListing)
+    if (options.longListing || options.verbose)
       std::printf("%12llu %12llu %s  ", static_cast<unsigned long long>(reader->getCurrentFileUncompressedSize()),
                   static_cast<unsigned long long>(reader->getCurrentFileCompressedSize()),
                   formatTime(reader->getCurrentFileModifiedTimeFields()).c_str());
@@ -282,9 +310,12 @@ int catEntry(Options const& options, std::string const& archive, std::string con
     return 1;
   }
   int status = 0;
+  std::string const shown = currentEntryName(entries.reader()).shown();
+  unsigned long long written = 0;
   try {
-    entries.copyCurrent([](unsigned char const* data, std::size_t size) {
+    entries.copyCurrent([&](unsigned char const* data, std::size_t size) {
       if (std::fwrite(data, 1, size, stdout) != size) throw std::runtime_error("cannot write to standard output");
+      written += size;
     });
   } catch (tal::CError const& e) { // the entry's bytes went out as far as they could be read
     std::fflush(stdout);
@@ -293,6 +324,8 @@ int catEntry(Options const& options, std::string const& archive, std::string con
   }
   if (std::fflush(stdout) != 0) status = 1;
   entries.close();
+  if (options.verbose && status == 0)
+    std::fprintf(stderr, "ziputil: %s: %llu bytes\n", shown.c_str(), written);
   return status;
 }
 
@@ -315,14 +348,14 @@ bool selected(Options const& options, EntryName const& entry, std::vector<bool>&
 int extractArchive(Options const& options, std::string const& archive) {
   CEntryReader entries(archiveURIFromArgument(archive), options.password);
   CExtractFolder target(options.folder, options.overwrite);
-  CProgress progress("extracting");
+  CProgress progress("extracting", !options.quiet && !options.verbose);
   std::vector<bool> matched(options.patterns.size(), false);
   bool ok = true;
   while (entries.nextFile()) {
     EntryName const entry = currentEntryName(entries.reader());
     if (!selected(options, entry, matched)) continue;
     progress.step(entry.shown());
-    bool extracted = extractCurrent(entries, target);
+    bool extracted = extractCurrent(options, entries, target);
     if (!extracted) progress.clear();
     ok = extracted && ok;
   }
@@ -339,7 +372,7 @@ int extractArchive(Options const& options, std::string const& archive) {
 
 int testArchive(Options const& options, std::string const& archive) {
   CEntryReader entries(archiveURIFromArgument(archive), options.password);
-  CProgress progress("testing");
+  CProgress progress("testing", !options.quiet && !options.verbose);
   long long count = 0, bad = 0;
   while (entries.nextFile()) {
     progress.step(currentEntryName(entries.reader()).shown());
@@ -347,13 +380,15 @@ int testArchive(Options const& options, std::string const& archive) {
     if (!testCurrent(entries)) {
       progress.clear();
       ++bad;
+    } else if (options.verbose) {
+      std::printf("testing: %s OK\n", currentEntryName(entries.reader()).shown().c_str());
     }
   }
   entries.close();
   progress.clear();
-  if (bad == 0)
+  if (!options.quiet && bad == 0)
     std::printf("No errors in %lld entries of %s\n", count, escapeForTerminal(archive).c_str());
-  else
+  else if (!options.quiet)
     std::printf("%lld of %lld entries of %s are bad\n", bad, count, escapeForTerminal(archive).c_str());
   return bad == 0 ? 0 : 1;
 }
@@ -361,7 +396,13 @@ int testArchive(Options const& options, std::string const& archive) {
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths) {
   tal::CURI uri = archiveURIFromArgument(archive);
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
-  std::vector<SourceItem> items = planEntries(collectAll(paths, localPathOf(uri)));
+  std::vector<std::string> allPaths = paths;
+  for (std::string const& list : options.filesFrom) {
+    std::vector<std::string> listed = readPathList(list);
+    allPaths.insert(allPaths.end(), listed.begin(), listed.end());
+  }
+  if (allPaths.empty()) throw std::runtime_error("nothing to add: the lists name no path");
+  std::vector<SourceItem> items = planEntries(collectAll(allPaths, localPathOf(uri)));
   bool const created = !fileSystem->exists(uri);
   if (created) ziputil::createEmptyArchive(fileSystem.get(), uri);
   tal::P<ziputil::CZipWriter> writer;
@@ -376,13 +417,15 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),
                                              writerOptions);
-    CProgress progress("adding");
+    CProgress progress("adding", !options.quiet && !options.verbose);
     bool skipped = false;
     for (SourceItem const& item : items) {
       progress.step(escapeForTerminal(item.entryName));
       if (!addItem(options, *writer, item)) {
         progress.clear();
         skipped = true;
+      } else if (options.verbose) {
+        std::printf("adding: %s\n", escapeForTerminal(item.entryName).c_str());
       }
     }
     writer->close();

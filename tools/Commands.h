@@ -20,6 +20,11 @@ struct Options {
   std::vector<std::string> patterns;
   std::vector<std::string> excludes;
   Overwrite overwrite = Overwrite::Refuse;
+  /// -q: only errors (and the data asked for); -v: a line per entry.
+  bool quiet = false;
+  bool verbose = false;
+  /// add: files naming more paths, one a line ("-" for standard input).
+  std::vector<std::string> filesFrom;
 };
 
 int listArchive(Options const& options, std::string const& archive);
@@ -27,6 +32,7 @@ int catEntry(Options const& options, std::string const& archive, std::string con
 /// Extracts the entries that match options.patterns (all when there are none)
 /// and none of options.excludes into options.folder.
 int extractArchive(Options const& options, std::string const& archive);
+/// Adds `paths` and those listed in options.filesFrom.
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths);
 int testArchive(Options const& options, std::string const& archive);
 

@@ -1089,7 +1089,7 @@ class SelectionTest(CliTestCase):
         self.assertResult(refused, 1)
         self.assertIn(b'refusing to extract "l": %s/l exists' % out.encode(), refused.stderr)
         self.assertEqual(os.readlink(os.path.join(out, "l")), "elsewhere")
-        self.assertResult(run("extract", "-o", archive, "-d", out), 0)
+        self.assertResult(run("extract", "-qo", archive, "-d", out), 0)
         self.assertEqual(os.readlink(os.path.join(out, "l")), "f.txt")
         with open(os.path.join(out, "f.txt"), "rb") as f:
             self.assertEqual(f.read(), b"new")
@@ -1107,6 +1107,75 @@ class SelectionTest(CliTestCase):
                 self.assertTrue(result.stderr.startswith(b"ziputil extract: "), result.stderr)
         self.assertFalse(os.path.exists(self.path("-")))
         self.assertFalse(os.path.exists(self.path("out")))
+
+
+class QuietVerboseTest(CliTestCase):
+    """-q and -v on every command, and add's lists of paths."""
+
+    def test_quiet_prints_only_errors(self):
+        self.write("d/a.txt", b"a")
+        self.write("d/b.txt", b"b")
+        archive = self.path("q.zip")
+        for args in (["add", "-q", archive, "d"], ["test", "-q", archive], ["extract", "-q", archive, "-d", "out"]):
+            with self.subTest(args=args):
+                result = run(*args, cwd=self.dir)
+                self.assertResult(result, 0)
+                self.assertEqual((result.stdout, result.stderr), (b"", b""))
+        self.assertEqual(run("list", "-q", archive).stdout, b"d/\nd/a.txt\nd/b.txt\n")
+        self.assertEqual(run("cat", "-q", archive, "d/a.txt").stdout, b"a")
+        failing = run("extract", "-q", archive, "-d", "out", cwd=self.dir)  # the files are there now
+        self.assertResult(failing, 1)
+        self.assertEqual(failing.stdout, b"")
+        self.assertEqual(len(failing.stderr.splitlines()), 2)
+        code, output = self.run_with_terminal_stderr("test", "-q", archive)
+        self.assertEqual((code, output), (0, b""))  # no progress line either
+
+    def test_verbose_names_every_entry(self):
+        self.write("d/a.txt", b"a")
+        self.write("d/b.txt", b"bb")
+        archive = self.path("v.zip")
+        added = run("add", "-v", archive, "d", cwd=self.dir)
+        self.assertResult(added, 0)
+        self.assertEqual(added.stdout, b"adding: d/\nadding: d/a.txt\nadding: d/b.txt\n")
+        tested = run("test", "-v", archive)
+        self.assertResult(tested, 0)
+        self.assertEqual(tested.stdout.decode().splitlines(),
+                         ["testing: d/ OK", "testing: d/a.txt OK", "testing: d/b.txt OK",
+                          "No errors in 3 entries of %s" % archive])
+        self.write("out/d/a.txt", b"mine")
+        extracted = run("extract", "-vn", archive, "-d", "out", cwd=self.dir)
+        self.assertResult(extracted, 0)
+        self.assertEqual(extracted.stdout, b"extracting: d/\nkeeping: d/a.txt\nextracting: d/b.txt\n")
+        cat = run("cat", "-v", archive, "d/b.txt")
+        self.assertEqual((cat.stdout, cat.stderr), (b"bb", b"ziputil: d/b.txt: 2 bytes\n"))
+        listed = run("list", "-v", archive).stdout.decode().splitlines()
+        self.assertTrue(listed[-1].startswith("           2            4 "), listed)  # the long form
+        self.assertEqual(run("list", "-q", "-v", archive).returncode, 2)
+
+    def test_files_from_a_list_and_from_standard_input(self):
+        for name in ("a.txt", "b c.txt", "d/e.txt", "f.txt"):
+            self.write(name, name.encode())
+        with open(self.path("list"), "wb") as f:
+            f.write(b"a.txt\n\nb c.txt\r\nd\n")
+        archive = self.path("l.zip")
+        self.assertResult(run("add", "-@", "list", archive, "f.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["f.txt", "a.txt", "b c.txt", "d/", "d/e.txt"])
+        piped = self.path("p.zip")
+        self.assertResult(run("add", "--files-from", "-", piped, cwd=self.dir, stdin=b"d/e.txt\na.txt"), 0)
+        with zipfile.ZipFile(piped) as z:
+            self.assertEqual(z.namelist(), ["d/e.txt", "a.txt"])
+
+    def test_files_from_errors(self):
+        missing = run("add", "-@", "no list", self.path("x.zip"), cwd=self.dir)
+        self.assertResult(missing, 1)
+        self.assertEqual(missing.stderr, b"ziputil: cannot read the list no list: No such file or directory\n")
+        empty = run("add", "-@", "-", self.path("x.zip"), stdin=b"\n\n")
+        self.assertResult(empty, 1)
+        self.assertEqual(empty.stderr, b"ziputil: nothing to add: the lists name no path\n")
+        self.assertFalse(os.path.exists(self.path("x.zip")))
+        self.assertResult(run("add", "-@"), 2)
+        self.assertResult(run("extract", "-@", "list", self.path("x.zip")), 2)
 
 
 def leftovers(folder, archive_name):
