@@ -31,7 +31,7 @@ std::string utf8(tal::String const& text) { return text.toUTF8(); }
 tal::P<tal::IFileSystem> localFileSystem() { return tal::P<tal::IFileSystem>(tal::newObj<tal::CLocalFileSystem>()); }
 
 tal::P<ziputil::CZipReader> openReader(Options const& options, std::string const& archive) {
-  return tal::newObj<ziputil::CZipReader>(localFileSystem().get(), archiveURIFromArgument(archive),
+  return tal::newObj<ziputil::CZipReader>(localFileSystem().get(), archiveURIForReading(archive),
                                           textFromBytes(options.password));
 }
 
@@ -148,6 +148,8 @@ class CInputFile {
 public:
   explicit CInputFile(std::string const& path)
       : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW)) {}
+  /// Takes over `fd`.
+  explicit CInputFile(int fd) : m_fd(fd) {}
   ~CInputFile() {
     if (m_fd >= 0) ::close(m_fd);
   }
@@ -279,7 +281,7 @@ std::string localPathOf(tal::CURI const& uri) { return utf8(uri.getPath()); }
 void reportError(std::exception const& error, std::string const& prefix) {
   std::string line = prefix + error.what();
   if (auto const* e = dynamic_cast<tal::CError const*>(&error)) {
-    if (e->getProps().has("uri")) line += " (" + utf8(e->getProps().get("uri")) + ")";
+    if (e->getProps().has("uri")) line += " (" + shownLocation(utf8(e->getProps().get("uri"))) + ")";
   }
   std::fprintf(stderr, "ziputil: %s\n", escapeForTerminal(line).c_str());
 }
@@ -298,7 +300,7 @@ int listArchive(Options const& options, std::string const& archive) {
 }
 
 int catEntry(Options const& options, std::string const& archive, std::string const& entry) {
-  CEntryReader entries(archiveURIFromArgument(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password);
   // ENTRY is matched against the names as list shows them (decoded, cleaned);
   // the first entry of that name counts.
   std::string const wanted = cleanEntryPath(utf8(textFromBytes(entry)));
@@ -306,7 +308,7 @@ int catEntry(Options const& options, std::string const& archive, std::string con
   while (!found && entries.nextFile()) found = currentEntryName(entries.reader()).path == wanted;
   if (!found) {
     std::fprintf(stderr, "ziputil: no entry \"%s\" in %s\n", escapeForTerminal(entry).c_str(),
-                 escapeForTerminal(archive).c_str());
+                 escapeForTerminal(shownArchive(archive)).c_str());
     return 1;
   }
   int status = 0;
@@ -346,7 +348,7 @@ bool selected(Options const& options, EntryName const& entry, std::vector<bool>&
 }
 
 int extractArchive(Options const& options, std::string const& archive) {
-  CEntryReader entries(archiveURIFromArgument(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password);
   CExtractFolder target(options.folder, options.overwrite);
   CProgress progress("extracting", !options.quiet && !options.verbose);
   std::vector<bool> matched(options.patterns.size(), false);
@@ -371,7 +373,7 @@ int extractArchive(Options const& options, std::string const& archive) {
 }
 
 int testArchive(Options const& options, std::string const& archive) {
-  CEntryReader entries(archiveURIFromArgument(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password);
   CProgress progress("testing", !options.quiet && !options.verbose);
   long long count = 0, bad = 0;
   while (entries.nextFile()) {
@@ -387,49 +389,103 @@ int testArchive(Options const& options, std::string const& archive) {
   entries.close();
   progress.clear();
   if (!options.quiet && bad == 0)
-    std::printf("No errors in %lld entries of %s\n", count, escapeForTerminal(archive).c_str());
+    std::printf("No errors in %lld entries of %s\n", count, escapeForTerminal(shownArchive(archive)).c_str());
   else if (!options.quiet)
-    std::printf("%lld of %lld entries of %s are bad\n", bad, count, escapeForTerminal(archive).c_str());
+    std::printf("%lld of %lld entries of %s are bad\n", bad, count, escapeForTerminal(shownArchive(archive)).c_str());
   return bad == 0 ? 0 : 1;
 }
 
-int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths) {
-  tal::CURI uri = archiveURIFromArgument(archive);
+namespace {
+
+/// The entries `items` written through `writer`; the exit status (1 when an
+/// input was skipped). Lines of -v go to `messages`.
+int writeEntries(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
+                 FILE* messages) {
+  CProgress progress("adding", !options.quiet && !options.verbose);
+  bool skipped = false;
+  for (SourceItem const& item : items) {
+    progress.step(escapeForTerminal(item.entryName));
+    if (!addItem(options, writer, item)) {
+      progress.clear();
+      skipped = true;
+    } else if (options.verbose) {
+      std::fprintf(messages, "adding: %s\n", escapeForTerminal(item.entryName).c_str());
+    }
+  }
+  progress.clear();
+  writer.close();
+  return skipped ? 1 : 0;
+}
+
+ziputil::CZipWriter::Options writerOptionsFor(bool atomic) {
+  ziputil::CZipWriter::Options writerOptions;
+  writerOptions.atomicReplace = atomic;
+  writerOptions.madeByUnix = true;              // modes and links kept; UTF-8 names read as such
+  writerOptions.interoperableEncryption = true; // other tools accept the password
+  writerOptions.keepArchiveComment = true;
+  return writerOptions;
+}
+
+/// A new archive of `paths` written to standard output: built in an anonymous
+/// temporary file, then copied out whole.
+int addToStandardOutput(Options const& options, std::vector<std::string> const& paths) {
+  if (::isatty(STDOUT_FILENO)) throw std::runtime_error("will not write an archive to a terminal");
+  std::vector<SourceItem> items = planEntries(collectAll(paths, std::string()));
+  tal::CURI uri;
+  int const fd = anonymousTemporaryFile(uri);
+  CInputFile const closer(fd); // closed when done
+  rememberShownName(uri, "the archive for standard output");
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
+  ziputil::createEmptyArchive(fileSystem.get(), uri);
+  int status;
+  {
+    tal::P<ziputil::CZipWriter> writer = tal::newObj<ziputil::CZipWriter>(
+        fileSystem.get(), uri, textFromBytes(options.password),
+        static_cast<ziputil::CZipWriter::CompLevel>(options.level), writerOptionsFor(false));
+    status = writeEntries(options, *writer, items, stderr);
+  }
+  std::vector<unsigned char> buffer(kChunk);
+  for (off_t at = 0;;) {
+    ssize_t n = ::pread(fd, buffer.data(), buffer.size(), at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw std::runtime_error(std::string("cannot read the new archive: ") + std::strerror(errno));
+    if (n == 0) break;
+    at += n;
+    if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), stdout) != static_cast<std::size_t>(n))
+      throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
+  }
+  if (std::fflush(stdout) != 0)
+    throw std::runtime_error(std::string("cannot write to standard output: ") + std::strerror(errno));
+  return status;
+}
+
+std::vector<std::string> pathsToAdd(Options const& options, std::vector<std::string> const& paths) {
   std::vector<std::string> allPaths = paths;
   for (std::string const& list : options.filesFrom) {
     std::vector<std::string> listed = readPathList(list);
     allPaths.insert(allPaths.end(), listed.begin(), listed.end());
   }
   if (allPaths.empty()) throw std::runtime_error("nothing to add: the lists name no path");
-  std::vector<SourceItem> items = planEntries(collectAll(allPaths, localPathOf(uri)));
+  return allPaths;
+}
+
+} // namespace
+
+int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths) {
+  if (isStandardStream(archive)) return addToStandardOutput(options, pathsToAdd(options, paths));
+  tal::CURI uri = archiveURIFromArgument(archive);
+  tal::P<tal::IFileSystem> fileSystem = localFileSystem();
+  std::vector<SourceItem> items = planEntries(collectAll(pathsToAdd(options, paths), localPathOf(uri)));
   bool const created = !fileSystem->exists(uri);
   if (created) ziputil::createEmptyArchive(fileSystem.get(), uri);
   tal::P<ziputil::CZipWriter> writer;
   try {
     // The new archive is written beside the old one and moved over it when
     // complete: whatever happens meanwhile, ARCHIVE is the old or the new one.
-    ziputil::CZipWriter::Options writerOptions;
-    writerOptions.atomicReplace = true;
-    writerOptions.madeByUnix = true;              // modes and links kept; UTF-8 names read as such
-    writerOptions.interoperableEncryption = true; // other tools accept the password
-    writerOptions.keepArchiveComment = true;
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),
-                                             writerOptions);
-    CProgress progress("adding", !options.quiet && !options.verbose);
-    bool skipped = false;
-    for (SourceItem const& item : items) {
-      progress.step(escapeForTerminal(item.entryName));
-      if (!addItem(options, *writer, item)) {
-        progress.clear();
-        skipped = true;
-      } else if (options.verbose) {
-        std::printf("adding: %s\n", escapeForTerminal(item.entryName).c_str());
-      }
-    }
-    writer->close();
-    return skipped ? 1 : 0;
+                                             writerOptionsFor(true));
+    return writeEntries(options, *writer, items, stdout);
   } catch (...) {
     try {
       if (writer) writer->discard(); // nothing of this run reaches ARCHIVE

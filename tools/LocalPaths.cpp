@@ -5,7 +5,11 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <cstdlib>
+#include <map>
+
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,6 +100,69 @@ tal::CURI archiveURIFromArgument(std::string const& argument) {
   std::string path = !argument.empty() && argument[0] == '/' ? argument : currentDirectory() + "/" + argument;
   tal::String host;
   return tal::CURI(tal::String("file"), textFromBytes(path), nullptr, nullptr, host, -1, nullptr, nullptr);
+}
+
+namespace {
+std::map<std::string, std::string>& shownNames() {
+  static std::map<std::string, std::string> names;
+  return names;
+}
+} // namespace
+
+void rememberShownName(tal::CURI const& uri, std::string const& shown) {
+  shownNames()[uri.toString(true).toUTF8()] = shown;
+}
+
+std::string shownLocation(std::string const& uriText) {
+  auto const found = shownNames().find(uriText);
+  return found != shownNames().end() ? found->second : uriText;
+}
+
+int anonymousTemporaryFile(tal::CURI& uri) {
+  char const* folder = std::getenv("TMPDIR");
+  std::string const where = folder && *folder ? folder : "/tmp";
+  int fd = ::open(where.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) { // no O_TMPFILE there
+    std::string name = where + "/ziputil-XXXXXX";
+    fd = ::mkostemp(&name[0], O_CLOEXEC);
+    if (fd >= 0) ::unlink(name.c_str());
+  }
+  if (fd < 0) throw systemError("cannot create a temporary file in", where);
+  uri = archiveURIFromArgument("/proc/self/fd/" + std::to_string(fd));
+  return fd;
+}
+
+tal::CURI archiveURIForReading(std::string const& argument) {
+  if (!isStandardStream(argument)) return archiveURIFromArgument(argument);
+  if (::isatty(STDIN_FILENO)) throw std::runtime_error("will not read an archive from a terminal");
+  struct stat st;
+  if (::fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode)) {
+    tal::CURI uri = archiveURIFromArgument("/proc/self/fd/" + std::to_string(STDIN_FILENO));
+    rememberShownName(uri, "standard input");
+    return uri;
+  }
+  tal::CURI uri;
+  int const fd = anonymousTemporaryFile(uri); // open until the program ends
+  rememberShownName(uri, "standard input");
+  std::vector<char> buffer(1 << 16);
+  for (;;) {
+    ssize_t n = ::read(STDIN_FILENO, buffer.data(), buffer.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw systemError("cannot read", "standard input");
+    if (n == 0) break;
+    for (ssize_t done = 0; done < n;) {
+      ssize_t const w = ::write(fd, buffer.data() + done, static_cast<std::size_t>(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) throw systemError("cannot copy standard input to", "a temporary file");
+      done += w;
+    }
+  }
+  return uri;
+}
+
+std::string shownArchive(std::string const& argument, bool output) {
+  if (!isStandardStream(argument)) return argument;
+  return output ? "standard output" : "standard input";
 }
 
 std::string entryNameFromArgument(std::string path) {

@@ -79,6 +79,9 @@ void printUsage(FILE* out) {
   for (Command const& command : kCommands) std::fprintf(out, "  ziputil %s\n", command.usage);
   std::fprintf(out,
                "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
+               "ARCHIVE \"-\" is standard input for list, cat, test and extract (copied first into an anonymous\n"
+               "temporary file when it is not a regular file), and standard output for add, which then writes\n"
+               "a new archive; neither may be a terminal. No command creates a file named \"-\".\n"
                "Entry names are read as UTF-8, or as code page 437 when they are not valid UTF-8 and lack the\n"
                "UTF-8 flag, then cleaned into relative paths (\"\\\" becomes \"/\"; leading and trailing \"/\",\n"
                "colons and surrounding blanks go). Control characters in names are shown escaped: ^J for\n"

@@ -1178,6 +1178,84 @@ class QuietVerboseTest(CliTestCase):
         self.assertResult(run("extract", "-@", "list", self.path("x.zip")), 2)
 
 
+class StandardStreamTest(CliTestCase):
+    """"-" as ARCHIVE: standard input for list, cat, test and extract; standard output for add."""
+
+    def sample(self):
+        archive = self.path("s.zip")
+        make_zip(archive, [("d/", None), ("d/a.txt", b"alpha"), ("b.txt", b"beta" * 1000)])
+        with open(archive, "rb") as f:
+            return archive, f.read()
+
+    def test_reading_commands_take_a_pipe_or_a_file_on_standard_input(self):
+        archive, data = self.sample()
+        for how in ("pipe", "file"):
+            with self.subTest(how=how):
+                def go(*args):
+                    if how == "pipe":
+                        return run(*args, stdin=data, cwd=self.dir)
+                    with open(archive, "rb") as f:
+                        return subprocess.run([PROGRAM, *args], stdin=f, capture_output=True, cwd=self.dir,
+                                              timeout=120)
+                listed = go("list", "-")
+                self.assertResult(listed, 0)
+                self.assertEqual(listed.stdout, b"d/\nd/a.txt\nb.txt\n")
+                self.assertEqual(go("cat", "-", "d/a.txt").stdout, b"alpha")
+                tested = go("test", "-")
+                self.assertResult(tested, 0)
+                self.assertEqual(tested.stdout, b"No errors in 3 entries of standard input\n")
+                out = self.path("out-" + how)
+                self.assertResult(go("extract", "-", "b.txt", "-d", out), 0)
+                self.assertEqual(os.listdir(out), ["b.txt"])
+                with open(os.path.join(out, "b.txt"), "rb") as f:
+                    self.assertEqual(f.read(), b"beta" * 1000)
+        self.assertEqual(sorted(os.listdir(self.dir)), ["out-file", "out-pipe", "s.zip"])  # no file named "-"
+
+    def test_errors_name_standard_input(self):
+        for data in (b"not an archive at all", b""):
+            for command in ("list", "test"):
+                with self.subTest(command=command, data=data):
+                    result = run(command, "-", stdin=data, cwd=self.dir)
+                    self.assertResult(result, 1)
+                    self.assertTrue(result.stderr.endswith(b" (standard input)\n"), result.stderr)
+                    self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertEqual(os.listdir(self.dir), [])
+
+    def test_add_writes_a_new_archive_to_standard_output(self):
+        self.write("d/a.txt", b"alpha")
+        self.write("b.txt", b"beta")
+        result = run("add", "-v", "-", "d", "b.txt", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"adding: d/\nadding: d/a.txt\nadding: b.txt\n")  # not into the archive
+        with open(self.path("out.zip"), "wb") as f:
+            f.write(result.stdout)
+        with zipfile.ZipFile(self.path("out.zip")) as z:
+            self.assertEqual(z.namelist(), ["d/", "d/a.txt", "b.txt"])
+            self.assertEqual(z.read("d/a.txt"), b"alpha")
+        self.assertFalse(os.path.exists(self.path("-")))
+        ok, report = unzip_tests_every_entry(self.path("out.zip"))
+        self.assertTrue(ok, report)
+        again = run("list", "-", stdin=result.stdout)
+        self.assertEqual(again.stdout, b"d/\nd/a.txt\nb.txt\n")
+
+    def test_terminals_are_refused(self):
+        import pty
+        self.write("a.txt", b"a")
+        for args, message in ((["add", "-", "a.txt"], b"ziputil: will not write an archive to a terminal\n"),
+                              (["list", "-"], b"ziputil: will not read an archive from a terminal\n")):
+            with self.subTest(args=args):
+                master, slave = pty.openpty()
+                try:
+                    result = subprocess.run([PROGRAM, *args], stdin=slave, stdout=slave, stderr=subprocess.PIPE,
+                                            cwd=self.dir, timeout=60)
+                finally:
+                    os.close(slave)
+                    os.close(master)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, message)
+        self.assertEqual(os.listdir(self.dir), ["a.txt"])
+
+
 def leftovers(folder, archive_name):
     """Sibling copies the program left behind (after being killed)."""
     return [name for name in os.listdir(folder) if name.startswith(archive_name + ".tmp-")]
