@@ -4,6 +4,7 @@
 #include "EntryReader.h"
 #include "ExtractFolder.h"
 #include "LocalPaths.h"
+#include "Password.h"
 #include "Progress.h"
 
 #include "tal/Error.h"
@@ -33,6 +34,13 @@ tal::P<tal::IFileSystem> localFileSystem() { return tal::P<tal::IFileSystem>(tal
 tal::P<ziputil::CZipReader> openReader(Options const& options, std::string const& archive) {
   return tal::newObj<ziputil::CZipReader>(localFileSystem().get(), archiveURIForReading(archive),
                                           textFromBytes(options.password));
+}
+
+/// Asks on the terminal for the password of `archive` when an encrypted entry
+/// is met and none was given (see CEntryReader).
+std::function<std::string()> passwordPrompt(Options const& options, std::string const& archive) {
+  if (!options.password.empty() || isStandardStream(archive)) return nullptr;
+  return [archive]() { return promptPassword(archive); };
 }
 
 /// Reports a bad entry: one line naming it and what is wrong.
@@ -300,7 +308,7 @@ int listArchive(Options const& options, std::string const& archive) {
 }
 
 int catEntry(Options const& options, std::string const& archive, std::string const& entry) {
-  CEntryReader entries(archiveURIForReading(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password, passwordPrompt(options, archive));
   // ENTRY is matched against the names as list shows them (decoded, cleaned);
   // the first entry of that name counts.
   std::string const wanted = cleanEntryPath(utf8(textFromBytes(entry)));
@@ -348,7 +356,7 @@ bool selected(Options const& options, EntryName const& entry, std::vector<bool>&
 }
 
 int extractArchive(Options const& options, std::string const& archive) {
-  CEntryReader entries(archiveURIForReading(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password, passwordPrompt(options, archive));
   CExtractFolder target(options.folder, options.overwrite);
   CProgress progress("extracting", !options.quiet && !options.verbose);
   std::vector<bool> matched(options.patterns.size(), false);
@@ -373,7 +381,7 @@ int extractArchive(Options const& options, std::string const& archive) {
 }
 
 int testArchive(Options const& options, std::string const& archive) {
-  CEntryReader entries(archiveURIForReading(archive), options.password);
+  CEntryReader entries(archiveURIForReading(archive), options.password, passwordPrompt(options, archive));
   CProgress progress("testing", !options.quiet && !options.verbose);
   long long count = 0, bad = 0;
   while (entries.nextFile()) {

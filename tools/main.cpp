@@ -1,5 +1,6 @@
 // ziputil: lists, reads, extracts, adds to and tests ZIP archives on local disks.
 #include "Commands.h"
+#include "Password.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,16 +21,16 @@ struct Command {
 };
 
 Command const kCommands[] = {
-    {"list", "list [-q|-v] [--password P] [--long] ARCHIVE",
+    {"list", "list [-q|-v] [--password-file FILE|--password P] [--long] ARCHIVE",
      "Prints one line per entry in central-directory order: the entry's path, with \"/\" after a folder\n"
      "entry. --long puts the uncompressed size, compressed size and modification time before it.\n"
      "The archive's data is not read: test checks it.\n"},
-    {"cat", "cat [-q|-v] [--password P] ARCHIVE ENTRY",
+    {"cat", "cat [-q|-v] [--password-file FILE|--password P] ARCHIVE ENTRY",
      "Writes the bytes of the first entry named ENTRY to standard output. ENTRY is matched against\n"
      "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"
      "characters. The archive is refused as test refuses it, and a bad entry is named after the\n"
      "bytes that could be read, with exit status 1.\n"},
-    {"extract", "extract [-q|-v] [--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...]",
+    {"extract", "extract [-q|-v] [--password-file FILE|--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...]",
      "Extracts the entries named (all when none is) under DIR (default \".\"). ENTRY and PATTERN are\n"
      "shell patterns (*, ?, [...]; \"*\" also matches \"/\") on the paths as list prints them; a folder\n"
      "entry also matches with its \"/\". -x leaves out the entries that match any PATTERN after it\n"
@@ -52,20 +53,21 @@ Command const kCommands[] = {
      "their modification times (folders once everything below them is written). A symbolic link\n"
      "entry becomes a symbolic link when its target stays inside DIR: a target that is empty,\n"
      "absolute, climbs above DIR or has \"..\" after a name is refused by name.\n"},
-    {"add", "add [-q|-v] [--password P] [--level N] [-@ FILE] ARCHIVE PATH...",
+    {"add", "add [-q|-v] [--password-file FILE|--password P] [--level N] [-@ FILE] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
      "times in local time. Entries are recorded as made by Unix with their modes; folders become\n"
      "entries ending in \"/\"; symbolic links are stored as links (their targets), never followed.\n"
      "N is the deflate level, 1 to 9 (default 6); level 0 stores the bytes as they are.\n"
-     "Encrypted entries (--password) are written so that other tools accept the password.\n"
+     "With a password, entries are encrypted so that other tools accept the password (traditional\n"
+     "ZIP encryption, which is weak).\n"
      "-@ FILE (--files-from FILE) adds the paths that FILE lists, one a line (empty lines are passed\n"
      "over; FILE \"-\" is standard input), after the PATHs given; with it, PATH may be left out.\n"
      "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
      "always either the old archive or the new one, even if the program is killed or the disk\n"
      "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"
      "any other failure leaves ARCHIVE as it was.\n"},
-    {"test", "test [-q|-v] [--password P] ARCHIVE",
+    {"test", "test [-q|-v] [--password-file FILE|--password P] ARCHIVE",
      "Checks the archive's layout first, and refuses it with one error line when its parts do not\n"
      "fit together: entries that share or overlap their data (how a small archive inflates to\n"
      "gigabytes), or a local header that disagrees with its central header (other tools would show\n"
@@ -86,6 +88,11 @@ void printUsage(FILE* out) {
                "UTF-8 flag, then cleaned into relative paths (\"\\\" becomes \"/\"; leading and trailing \"/\",\n"
                "colons and surrounding blanks go). Control characters in names are shown escaped: ^J for\n"
                "a newline, ^@ to ^_ for the others below 32, ^? for 127, \\u0080 to \\u009f for C1 controls.\n"
+               "Passwords: --password-file FILE reads the first line of FILE (\"-\": standard input); else\n"
+               "the environment variable ZIPUTIL_PASSWORD, when set, is the password (add too encrypts\n"
+               "with it); else cat, test and extract ask for it on the terminal, without echo, when they\n"
+               "meet an encrypted entry and standard input is a terminal. --password P also works, but P\n"
+               "is then visible to other users of the machine in the process list (ps).\n"
                "-q prints only errors (and the data asked for); -v prints a line for each entry (list: the\n"
                "long form); they exclude each other. Short flags may be written together (-qo).\n"
                "Exit status: 0 success, 1 failure, 2 usage error.\n");
@@ -131,6 +138,8 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
   bool optionsEnded = false;
   bool const extract = std::strcmp(command.name, "extract") == 0;
   bool overwriteChosen = false;
+  bool passwordGiven = false;
+  std::string passwordFile;
   for (std::size_t i = 0; i < args.size(); ++i) {
     std::string const& arg = args[i];
     auto value = [&]() -> std::string {
@@ -153,6 +162,9 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
       options.filesFrom.push_back(value());
     } else if (arg == "--password" || arg == "-P") {
       options.password = value();
+      passwordGiven = true;
+    } else if (arg == "--password-file") {
+      passwordFile = value();
     } else if (arg == "--long" && std::strcmp(command.name, "list") == 0) {
       options.longListing = true;
     } else if (arg == "--level" && std::strcmp(command.name, "add") == 0) {
@@ -174,6 +186,16 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
       throw UsageError{"unknown option " + arg};
     }
   }
+  if (passwordGiven && !passwordFile.empty()) throw UsageError{"--password and --password-file exclude each other"};
+  // Standard input serves one purpose at most.
+  int readers = passwordFile == "-";
+  for (std::string const& list : options.filesFrom) readers += list == "-";
+  if (std::strcmp(command.name, "add") != 0 && !operands.empty()) readers += operands[0] == "-";
+  if (readers > 1) throw UsageError{"standard input (\"-\") can serve only one purpose"};
+  if (!passwordFile.empty())
+    options.password = ziputil_tool::readPasswordFile(passwordFile);
+  else if (!passwordGiven)
+    if (char const* fromEnvironment = std::getenv(ziputil_tool::kPasswordVariable)) options.password = fromEnvironment;
   return operands;
 }
 

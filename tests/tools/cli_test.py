@@ -17,8 +17,17 @@ import zlib
 PROGRAM = os.environ.get("ZIPUTIL_PROGRAM", "ziputil")
 
 
+# The program's environment: no password from the caller's.
+ENVIRONMENT = {name: value for name, value in os.environ.items() if name != "ZIPUTIL_PASSWORD"}
+
+
 def run(*args, cwd=None, stdin=None, timeout=120):
-    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout)
+    """Runs the program; standard input is `stdin`'s bytes, or empty (never the caller's terminal)."""
+    if stdin is None:
+        return subprocess.run([PROGRAM, *args], cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True,
+                              timeout=timeout, env=ENVIRONMENT)
+    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout,
+                          env=ENVIRONMENT)
 
 
 def unzip_tests_every_entry(archive):
@@ -1256,6 +1265,129 @@ class StandardStreamTest(CliTestCase):
         self.assertEqual(os.listdir(self.dir), ["a.txt"])
 
 
+class PasswordTest(CliTestCase):
+    """Passwords from a file, the environment or the terminal; --password stays."""
+
+    def encrypted(self):
+        self.write("src/secret.txt", b"top secret\n")
+        self.write("src/plain.txt", b"plain\n")
+        archive = self.path("enc.zip")
+        subprocess.run(["zip", "-q", "-P", "right pw", archive, "secret.txt"], cwd=self.path("src"), check=True)
+        subprocess.run(["zip", "-q", archive, "plain.txt"], cwd=self.path("src"), check=True)
+        return archive
+
+    def without_password_variable(self):
+        return {name: value for name, value in os.environ.items() if name != "ZIPUTIL_PASSWORD"}
+
+    def test_password_file(self):
+        archive = self.encrypted()
+        with open(self.path("pw"), "wb") as f:
+            f.write(b"right pw\nsecond line ignored\n")
+        result = run("cat", "--password-file", self.path("pw"), archive, "secret.txt")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"top secret\n")
+        piped = run("test", "--password-file", "-", archive, stdin=b"right pw\r\n")
+        self.assertResult(piped, 0)
+        wrong = run("cat", "--password-file", "-", archive, "secret.txt", stdin=b"wrong pw")
+        self.assertResult(wrong, 1)
+        missing = run("cat", "--password-file", self.path("none"), archive, "secret.txt")
+        self.assertResult(missing, 1)
+        self.assertEqual(missing.stderr, b"ziputil: cannot read the password file %s: No such file or directory\n"
+                         % self.path("none").encode())
+        for args in (["--password", "x", "--password-file", self.path("pw"), archive, "secret.txt"],
+                     ["--password-file", "-", "-", "secret.txt"], ["--password-file"]):
+            with self.subTest(args=args):
+                usage = run("cat", *args)
+                self.assertResult(usage, 2)
+                self.assertTrue(usage.stderr.startswith(b"ziputil cat: "), usage.stderr)
+
+    def test_password_from_the_environment(self):
+        archive = self.encrypted()
+        env = dict(self.without_password_variable(), ZIPUTIL_PASSWORD="right pw")
+        result = subprocess.run([PROGRAM, "cat", archive, "secret.txt"], env=env, capture_output=True, timeout=60)
+        self.assertEqual((result.returncode, result.stdout), (0, b"top secret\n"), result.stderr)
+        overridden = subprocess.run([PROGRAM, "cat", "-P", "other", archive, "secret.txt"], env=env,
+                                    capture_output=True, timeout=60)
+        self.assertEqual(overridden.returncode, 1)
+        made = self.path("made.zip")
+        added = subprocess.run([PROGRAM, "add", made, "src/plain.txt"], env=env, capture_output=True,
+                               cwd=self.dir, timeout=60)
+        self.assertEqual(added.returncode, 0, added.stderr)
+        with zipfile.ZipFile(made) as z:
+            self.assertTrue(z.getinfo("src/plain.txt").flag_bits & 1)
+            self.assertEqual(z.read("src/plain.txt", pwd=b"right pw"), b"plain\n")
+
+    def run_on_terminal(self, args, typed):
+        """Runs with standard input on a pseudo-terminal; types `typed` once the prompt shows.
+        Returns the result, the prompt seen and what the terminal echoed."""
+        import pty
+        import select
+        master, slave = pty.openpty()
+        process = subprocess.Popen([PROGRAM, *args], stdin=slave, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                   env=self.without_password_variable())
+        os.close(slave)
+        try:
+            seen = b""
+            deadline = time.monotonic() + 30
+            while not seen.endswith(b": ") and time.monotonic() < deadline:
+                ready, _, _ = select.select([process.stderr], [], [], 1)
+                if ready:
+                    chunk = os.read(process.stderr.fileno(), 4096)
+                    if not chunk:
+                        break
+                    seen += chunk
+            if seen.endswith(b": "):
+                time.sleep(0.2)  # echo is off by the time the prompt is out; allow for the flush of input
+                os.write(master, typed)
+            stdout, stderr = process.communicate(timeout=60)
+            echoed = b""
+            while select.select([master], [], [], 0.2)[0]:
+                try:
+                    chunk = os.read(master, 4096)
+                except OSError:
+                    break
+                if not chunk:
+                    break
+                echoed += chunk
+            return process.returncode, stdout, seen + stderr, echoed
+        finally:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+            os.close(master)
+
+    def test_prompt_on_the_terminal_without_echo(self):
+        archive = self.encrypted()
+        code, stdout, stderr, echoed = self.run_on_terminal(["cat", archive, "secret.txt"], b"right pw\n")
+        self.assertEqual(code, 0, stderr)
+        self.assertEqual(stdout, b"top secret\n")
+        self.assertEqual(stderr, b"Password for %s: \n" % archive.encode())
+        self.assertNotIn(b"right pw", echoed)
+        out = self.path("out")
+        code, stdout, stderr, echoed = self.run_on_terminal(["extract", archive, "-d", out], b"right pw\n")
+        self.assertEqual(code, 0, stderr)
+        self.assertEqual(stderr.count(b"Password for"), 1)  # asked once for the run
+        with open(os.path.join(out, "secret.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"top secret\n")
+        code, stdout, stderr, echoed = self.run_on_terminal(["test", archive], b"wrong pw\n")
+        self.assertEqual(code, 1)
+        self.assertIn(b'bad entry "secret.txt"', stderr)
+
+    def test_no_prompt_without_an_encrypted_entry_or_a_terminal(self):
+        archive = self.encrypted()
+        code, stdout, stderr, echoed = self.run_on_terminal(["cat", archive, "plain.txt"], b"")
+        self.assertEqual((code, stdout, stderr), (0, b"plain\n", b""))
+        result = subprocess.run([PROGRAM, "cat", archive, "secret.txt"], stdin=subprocess.DEVNULL,
+                                capture_output=True, env=self.without_password_variable(), timeout=60)
+        self.assertEqual(result.returncode, 1)
+        self.assertNotIn(b"Password for", result.stderr)
+
+    def test_help_says_what_password_exposes(self):
+        overview = run("--help").stdout
+        self.assertIn(b"visible to other users of the machine in the process list", overview)
+        self.assertIn(b"ZIPUTIL_PASSWORD", overview)
+
+
 def leftovers(folder, archive_name):
     """Sibling copies the program left behind (after being killed)."""
     return [name for name in os.listdir(folder) if name.startswith(archive_name + ".tmp-")]
@@ -1549,7 +1681,7 @@ class CheckedReadingTest(CliTestCase):
         result = run("test", archive)
         self.assertResult(result, 1)
         self.assertEqual(result.stderr, b'ziputil: bad entry "secret.txt": the entry is encrypted: give its '
-                                        b'password with --password\n')
+                                        b'password with --password-file, ZIPUTIL_PASSWORD or --password\n')
 
     def test_stored_encrypted_entries_are_checked(self):
         self.write("a.txt", b"first stored entry\n" * 50)
