@@ -14,6 +14,8 @@ namespace ziputil_tool {
 struct Options {
   std::string password;
   bool longListing = false;
+  /// list: one JSON object per entry.
+  bool json = false;
   int level = 6;
   /// extract: where to (-d), which entries (operands, shell patterns), which not (-x).
   std::string folder = ".";

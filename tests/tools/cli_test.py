@@ -3,6 +3,7 @@
 ZIPUTIL_PROGRAM names the program under test. Every test works in its own
 temporary folder on real files, and checks output and exit status.
 """
+import json
 import os
 import shutil
 import stat
@@ -200,8 +201,17 @@ class ListTest(CliTestCase):
         compressed = zipfile.ZipFile(archive).getinfo("data.txt").compress_size
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        fields = result.stdout.decode().split()
-        self.assertEqual(fields, ["1000", str(compressed), "2021-03-04", "05:06", "data.txt"])
+        rule = "------------ ------------ ----- ---------------- ---------- ----"
+        percent = "%d%%" % round(100 * (1000 - compressed) / 1000)
+        self.assertEqual(result.stdout.decode().splitlines(), [
+            "        Size   Compressed Ratio Date       Time  Mode       Name", rule,
+            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent), rule,
+            "%12d %12d %5s %27s 1 entry" % (1000, compressed, percent, "")])
+        quiet = run("list", "--long", "-q", archive)
+        self.assertEqual(quiet.stdout.decode().splitlines(), [
+            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent)])
+        raw = raw_zip(self.path("dos.zip"), [raw_entry("dos.txt", b"")])  # made on MS-DOS: no mode
+        self.assertTrue(run("list", "-lq", raw).stdout.decode().endswith(" 1980-01-01 00:00            dos.txt\n"))
 
     def test_long_listing_shows_sizes_from_2_63_up_unsigned(self):
         archive = raw_zip(self.path("huge.zip"), [
@@ -210,9 +220,11 @@ class ListTest(CliTestCase):
         ])
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        self.assertEqual([line.split()[:2] + line.split()[-1:] for line in result.stdout.decode().splitlines()],
+        self.assertEqual([line.split()[:2] + line.split()[-1:] for line in result.stdout.decode().splitlines()[2:]],
                          [[str(2 ** 63), str(2 ** 63 + 5), "huge.bin"],
-                          [str(2 ** 64 - 1), str(2 ** 63 - 1), "top.bin"]])
+                          [str(2 ** 64 - 1), str(2 ** 63 - 1), "top.bin"],
+                          ["-" * 12, "-" * 12, "----"],
+                          [str(2 ** 63 + 2 ** 64 - 1), str(2 ** 64 + 4), "entries"]])  # totals past 64 bits
 
     def test_not_an_archive_names_the_uri(self):
         archive = self.write("plain #1.txt", b"this is not a zip archive" * 10)
@@ -332,7 +344,7 @@ class NamesTest(CliTestCase):
         self.assertEqual(result.stdout.decode().splitlines(), self.SHOWN)
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        self.assertEqual([line[44:] for line in result.stdout.decode().splitlines()], self.SHOWN)
+        self.assertEqual([line[60:] for line in result.stdout.decode().splitlines()[2:-2]], self.SHOWN)
         for raw in (result.stdout, run("list", archive).stdout):
             self.assertFalse(any(b < 0x20 and b != 0x0a or b == 0x7f for b in raw), raw)
             self.assertNotIn("\u0085".encode(), raw)
@@ -340,7 +352,7 @@ class NamesTest(CliTestCase):
     def test_a_newline_cannot_forge_a_listing_line(self):
         archive = self.path("forged.zip")
         make_zip(archive, [("harmless.txt\n     1000         10 2020-01-01 00:00  forged.txt", b"x")])
-        for args in (["list"], ["list", "--long"]):
+        for args in (["list"], ["list", "--long", "-q"]):
             result = run(*args, archive)
             self.assertResult(result, 0)
             lines = result.stdout.decode().splitlines()
@@ -1158,7 +1170,7 @@ class QuietVerboseTest(CliTestCase):
         cat = run("cat", "-v", archive, "d/b.txt")
         self.assertEqual((cat.stdout, cat.stderr), (b"bb", b"ziputil: d/b.txt: 2 bytes\n"))
         listed = run("list", "-v", archive).stdout.decode().splitlines()
-        self.assertTrue(listed[-1].startswith("           2            4 "), listed)  # the long form
+        self.assertTrue(listed[-3].startswith("           2            4 "), listed)  # the long form
         self.assertEqual(run("list", "-q", "-v", archive).returncode, 2)
 
     def test_files_from_a_list_and_from_standard_input(self):
@@ -1386,6 +1398,81 @@ class PasswordTest(CliTestCase):
         overview = run("--help").stdout
         self.assertIn(b"visible to other users of the machine in the process list", overview)
         self.assertIn(b"ZIPUTIL_PASSWORD", overview)
+
+
+class ListFormsTest(CliTestCase):
+    """list's long form (header, modes, totals) and --json."""
+
+    def archive(self):
+        archive = self.path("forms.zip")
+        with zipfile.ZipFile(archive, "w", zipfile.ZIP_DEFLATED) as z:
+            z.writestr(*unix_entry("d/", b"", 0o040750))
+            info, data = unix_entry("d/run \"x\".sh", b"#!/bin/sh\n" * 100, 0o100755)
+            info.compress_type = zipfile.ZIP_DEFLATED
+            info.comment = "a comment\twith a tab".encode()
+            z.writestr(info, data)
+            z.writestr(*unix_entry("d/link", b"run.sh", 0o120777))
+            z.writestr(zipfile.ZipInfo("plain.txt", (1999, 12, 31, 23, 59, 58)), b"")
+        return archive
+
+    def test_long_form_shows_modes_and_totals(self):
+        archive = self.archive()
+        lines = run("list", "-l", archive).stdout.decode().splitlines()
+        self.assertEqual(len(lines), 8, lines)
+        self.assertTrue(lines[2].endswith(" 2021-03-04 05:06 drwxr-x--- d/"), lines[2])
+        self.assertTrue(lines[3].endswith(" -rwxr-xr-x d/run \"x\".sh"), lines[3])
+        self.assertTrue(lines[4].endswith(" lrwxrwxrwx d/link"), lines[4])
+        self.assertTrue(lines[5].endswith(" 1999-12-31 23:59 -rw------- plain.txt"), lines[5])  # zipfile's 0600
+        with zipfile.ZipFile(archive) as z:
+            size = sum(i.file_size for i in z.infolist())
+            compressed = sum(i.compress_size for i in z.infolist())
+        self.assertEqual(lines[7].split(), [str(size), str(compressed), "%d%%" % round(100 - 100 * compressed / size),
+                                            "4", "entries"])
+        self.assertEqual(run("list", "-v", archive).stdout.decode().splitlines(), lines)
+
+    def test_json_gives_every_field(self):
+        archive = self.archive()
+        result = run("list", "--json", archive)
+        self.assertResult(result, 0)
+        objects = [json.loads(line) for line in result.stdout.decode().splitlines()]
+        self.assertEqual(len(objects), 4)
+        with zipfile.ZipFile(archive) as z:
+            infos = z.infolist()
+        script = objects[1]
+        self.assertEqual(script, {
+            "name": "d/run \"x\".sh", "rawName": "d/run \"x\".sh", "nameUTF8": False, "directory": False,
+            "size": 1000, "compressedSize": infos[1].compress_size, "method": 8, "methodName": "deflated",
+            "crc32": "%08x" % infos[1].CRC, "time": "2021-03-04T05:06:08", "versionMadeBy": infos[1].create_system << 8
+            | infos[1].create_version, "system": 3, "externalAttributes": 0o100755 << 16, "mode": 0o100755,
+            "modeText": "-rwxr-xr-x", "link": False, "encrypted": False, "comment": "a comment\twith a tab",
+            "extra": ""})
+        self.assertEqual((objects[0]["name"], objects[0]["directory"], objects[0]["modeText"]),
+                         ("d/", True, "drwxr-x---"))
+        self.assertEqual((objects[2]["link"], objects[2]["target"], objects[2]["method"]), (True, "run.sh", 0))
+        self.assertEqual((objects[3]["mode"], objects[3]["modeText"], objects[3]["time"]),
+                         (0o600, "-rw-------", "1999-12-31T23:59:58"))  # zipfile writes no file type
+        raw = raw_zip(self.path("dos.zip"), [raw_entry("dos.txt", b"")])  # made on MS-DOS: no mode
+        dos = json.loads(run("list", "--json", raw).stdout)
+        self.assertEqual((dos["mode"], dos["modeText"], dos["system"], dos["time"]),
+                         (None, None, 0, "1980-01-01T00:00:00"))
+
+    def test_json_of_an_archive_made_by_add(self):
+        self.write("t/a b.txt", b"hello")
+        os.symlink("a b.txt", self.path("t", "l"))
+        archive = self.path("made.zip")
+        self.assertResult(run("add", "--password", "pw", archive, "t", cwd=self.dir), 0)
+        objects = [json.loads(line) for line in run("list", "--json", archive).stdout.decode().splitlines()]
+        self.assertEqual([(o["name"], o["method"], o["encrypted"], o["system"], o["link"]) for o in objects],
+                         [("t/", 0, True, 3, False), ("t/a b.txt", 8, True, 3, False), ("t/l", 8, True, 3, True)])
+        self.assertNotIn("target", objects[2])  # encrypted and no password given
+        with_password = run("list", "--json", "-P", "pw", archive).stdout.decode().splitlines()
+        self.assertEqual(json.loads(with_password[2])["target"], "a b.txt")
+
+    def test_names_in_json_are_escaped(self):
+        archive = raw_zip(self.path("ctl.zip"), [raw_entry(b"new\nline\x7f\xff.txt", b"x")])
+        line = run("list", "--json", archive).stdout
+        self.assertEqual(line.count(b"\n"), 1)
+        self.assertEqual(json.loads(line)["rawName"], "new\nline\x7f\ufffd.txt")
 
 
 def leftovers(folder, archive_name):
