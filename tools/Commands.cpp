@@ -289,7 +289,14 @@ std::string localPathOf(tal::CURI const& uri) { return utf8(uri.getPath()); }
 void reportError(std::exception const& error, std::string const& prefix) {
   std::string line = prefix + error.what();
   if (auto const* e = dynamic_cast<tal::CError const*>(&error)) {
-    if (e->getProps().has("uri")) line += " (" + shownLocation(utf8(e->getProps().get("uri"))) + ")";
+    if (e->getProps().has("uri")) {
+      // Local files are named as the user typed them (or by their paths), never as URIs.
+      std::string const uri = utf8(e->getProps().get("uri"));
+      std::string const shown = shownLocation(uri);
+      for (std::size_t at = 0; !uri.empty() && (at = line.find(uri, at)) != std::string::npos; at += shown.size())
+        line.replace(at, uri.size(), shown);
+      line += " (" + shown + ")";
+    }
   }
   std::fprintf(stderr, "ziputil: %s\n", escapeForTerminal(line).c_str());
 }

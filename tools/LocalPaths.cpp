@@ -95,11 +95,19 @@ tal::CURI entryURIFromPath(tal::String const& path) {
   return tal::CURI(tal::String(), path, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
 }
 
-tal::CURI archiveURIFromArgument(std::string const& argument) {
+namespace {
+tal::CURI uriOfArgument(std::string const& argument) {
   if (argument.rfind("file:", 0) == 0) return tal::CURI(textFromBytes(argument));
   std::string path = !argument.empty() && argument[0] == '/' ? argument : currentDirectory() + "/" + argument;
   tal::String host;
   return tal::CURI(tal::String("file"), textFromBytes(path), nullptr, nullptr, host, -1, nullptr, nullptr);
+}
+} // namespace
+
+tal::CURI archiveURIFromArgument(std::string const& argument) {
+  tal::CURI uri = uriOfArgument(argument);
+  rememberShownName(uri, argument); // messages name it as the user typed it
+  return uri;
 }
 
 namespace {
@@ -115,7 +123,16 @@ void rememberShownName(tal::CURI const& uri, std::string const& shown) {
 
 std::string shownLocation(std::string const& uriText) {
   auto const found = shownNames().find(uriText);
-  return found != shownNames().end() ? found->second : uriText;
+  if (found != shownNames().end()) return found->second;
+  if (uriText.rfind("file:", 0) == 0) { // another local file (an archive's new copy): its path
+    try {
+      tal::CURI const uri(tal::String::fromUTF8(uriText));
+      std::string const path = uri.getPath().toUTF8();
+      if (!path.empty()) return path;
+    } catch (std::exception const&) { // not a URI after all: shown as it is
+    }
+  }
+  return uriText;
 }
 
 int anonymousTemporaryFile(tal::CURI& uri) {
@@ -128,7 +145,7 @@ int anonymousTemporaryFile(tal::CURI& uri) {
     if (fd >= 0) ::unlink(name.c_str());
   }
   if (fd < 0) throw systemError("cannot create a temporary file in", where);
-  uri = archiveURIFromArgument("/proc/self/fd/" + std::to_string(fd));
+  uri = uriOfArgument("/proc/self/fd/" + std::to_string(fd));
   return fd;
 }
 
@@ -137,7 +154,7 @@ tal::CURI archiveURIForReading(std::string const& argument) {
   if (::isatty(STDIN_FILENO)) throw std::runtime_error("will not read an archive from a terminal");
   struct stat st;
   if (::fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode)) {
-    tal::CURI uri = archiveURIFromArgument("/proc/self/fd/" + std::to_string(STDIN_FILENO));
+    tal::CURI uri = uriOfArgument("/proc/self/fd/" + std::to_string(STDIN_FILENO));
     rememberShownName(uri, "standard input");
     return uri;
   }

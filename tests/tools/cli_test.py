@@ -230,9 +230,28 @@ class ListTest(CliTestCase):
         archive = self.write("plain #1.txt", b"this is not a zip archive" * 10)
         result = run("list", archive)
         self.assertResult(result, 1)
-        expected = "ziputil: File is not a valid ZIP archive. (file://%s)\n" % \
-            archive.replace("%", "%25").replace(" ", "%20").replace("#", "%23")
-        self.assertEqual(result.stderr.decode(), expected)
+        self.assertEqual(result.stderr.decode(), "ziputil: File is not a valid ZIP archive. (%s)\n" % archive)
+
+    def test_messages_name_local_paths_as_typed(self):
+        self.write("caf\u00e9 100%/a b #1.zip", b"not an archive, but long enough to hold an end record? no" * 3)
+        typed = "caf\u00e9 100%/a b #1.zip"
+        for command in (["list"], ["test"], ["cat"], ["extract"], ["add"]):
+            with self.subTest(command=command):
+                extra = {"cat": ["x"], "add": ["caf\u00e9 100%"]}.get(command[0], [])
+                result = run(*command, typed, *extra, cwd=self.dir)
+                self.assertResult(result, 1)
+                err = result.stderr.decode()
+                self.assertTrue(err.endswith("(%s)\n" % typed), err)
+                self.assertNotIn("%20", err)
+                self.assertNotIn("%C3", err)
+                self.assertNotIn("file:", err)
+        uri = "file://" + self.path(typed).replace("%", "%25").replace(" ", "%20").replace("#", "%23")
+        as_uri = run("list", uri)
+        self.assertResult(as_uri, 1)
+        self.assertTrue(as_uri.stderr.decode().endswith("(%s)\n" % uri))  # a URI when typed as one
+        missing = run("list", "gone \u00fc.zip", cwd=self.dir)
+        self.assertResult(missing, 1)
+        self.assertTrue(missing.stderr.decode().endswith("(gone \u00fc.zip)\n"), missing.stderr)
 
     def test_missing_archive_fails_with_one_line(self):
         result = run("list", self.path("missing.zip"))
@@ -241,7 +260,7 @@ class ListTest(CliTestCase):
         self.assertEqual(len(lines), 1)
         self.assertTrue(lines[0].startswith("ziputil: "))
         self.assertIn("No such file or directory", lines[0])
-        self.assertTrue(lines[0].endswith("missing.zip)"))
+        self.assertTrue(lines[0].endswith("(%s)" % self.path("missing.zip")), lines[0])
 
     def test_archive_path_with_any_characters_and_file_uri(self):
         archive = self.path("w\u00e9ird #? %41 name.zip")
