@@ -2,6 +2,10 @@
 #include "Commands.h"
 #include "Password.h"
 
+#if __has_include("ziputil/Version.h")
+#include "ziputil/Version.h"
+#endif
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -102,7 +106,25 @@ void printUsage(FILE* out) {
                "is then visible to other users of the machine in the process list (ps).\n"
                "-q prints only errors (and the data asked for); -v prints a line for each entry (list: the\n"
                "long form); they exclude each other. Short flags may be written together (-qo).\n"
-               "Exit status: 0 success, 1 failure, 2 usage error.\n");
+               "\"ziputil --version\" prints the version of the ziputil library.\n"
+               "\n"
+               "Exit status:\n"
+               "  0  success: everything asked for was done.\n"
+               "  1  failure: the archive could not be read or written, or some entries or inputs failed\n"
+               "     (each is named on standard error; the others were still done); also a pattern that\n"
+               "     matches no entry, an existing file that extract kept, or an entry that cat did not find.\n"
+               "  2  usage error: an unknown command or option, a missing or extra argument.\n"
+               "A program killed by a signal has no exit status of its own (shells report 128 plus the\n"
+               "signal's number).\n");
+}
+
+/// The library's version.
+char const* libraryVersion() {
+#if __has_include("ziputil/Version.h")
+  return ZIPUTIL_VERSION_STRING;
+#else
+  return ZIPUTIL_PROJECT_VERSION; // the build's project version, when the library does not name one
+#endif
 }
 
 Command const* findCommand(std::string const& name) {
@@ -246,6 +268,10 @@ int main(int argc, char** argv) {
   std::string first = argv[1];
   if (first == "--help" || first == "-h" || first == "help") {
     printUsage(stdout);
+    return 0;
+  }
+  if (first == "--version") {
+    std::printf("ziputil %s\n", libraryVersion());
     return 0;
   }
   Command const* command = findCommand(first);

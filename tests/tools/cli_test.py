@@ -5,6 +5,7 @@ temporary folder on real files, and checks output and exit status.
 """
 import json
 import os
+import re
 import shutil
 import stat
 import struct
@@ -171,6 +172,27 @@ class UsageTest(CliTestCase):
             self.assertIn(words, extract)
         self.assertIn(b"CRC-32", run("test", "--help").stdout)
         self.assertIn(b"overlap", run("test", "--help").stdout)
+
+    def test_version_is_the_librarys(self):
+        with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "CMakeLists.txt")) as f:
+            version = re.search(r"project\(ziputil VERSION ([0-9.]+)", f.read()).group(1)
+        result = run("--version")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode(), "ziputil %s\n" % version)
+        self.assertEqual(result.stderr, b"")
+
+    def test_help_documents_every_exit_status(self):
+        overview = run("--help").stdout.decode()
+        for words in ("  0  success", "  1  failure", "  2  usage error", "128 plus the\nsignal's number"):
+            self.assertIn(words, overview)
+
+    def test_each_exit_status(self):
+        archive = self.path("a.zip")
+        make_zip(archive, [("a.txt", b"a")])
+        self.assertResult(run("cat", archive, "a.txt"), 0)
+        self.assertResult(run("cat", archive, "b.txt"), 1)
+        self.assertResult(run("cat", archive), 2)
+        self.assertResult(run("cat", archive, "a.txt", "--no-such-option"), 2)
 
     def test_usage_errors_exit_2(self):
         for args in ([], ["frobnicate"], ["list"], ["list", "a", "b"], ["cat", "a.zip"], ["add", "a.zip"],
