@@ -204,7 +204,8 @@ ziputil::CZipWriter::EntryOptions entryOptionsFor(Options const& options, Source
   ziputil::CZipWriter::EntryOptions entry;
   entry.unixMode = static_cast<int>(item.mode & 0177777);
   entry.symbolicLink = item.kind == SourceItem::SymbolicLink;
-  if (options.level == 0 || item.kind == SourceItem::Directory) entry.method = ziputil::CZipWriter::EntryOptions::Stored;
+  if (options.level == 0 || item.kind == SourceItem::Directory)
+    entry.method = ziputil::CZipWriter::EntryOptions::Stored;
   return entry;
 }
 

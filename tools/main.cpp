@@ -41,7 +41,9 @@ Command const kCommands[] = {
      "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"
      "characters. The archive is refused as test refuses it, and a bad entry is named after the\n"
      "bytes that could be read, with exit status 1.\n"},
-    {"extract", "extract [-q|-v] [--password-file FILE|--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...]",
+    {"extract",
+     "extract [-q|-v] [--password-file FILE|--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] "
+     "[-x PATTERN...]",
      "Extracts the entries named (all when none is) under DIR (default \".\"). ENTRY and PATTERN are\n"
      "shell patterns (*, ?, [...]; \"*\" also matches \"/\") on the paths as list prints them; a folder\n"
      "entry also matches with its \"/\". -x leaves out the entries that match any PATTERN after it\n"
@@ -91,6 +93,22 @@ void printUsage(FILE* out) {
   std::fprintf(out, "usage: ziputil COMMAND [OPTIONS] ARGUMENTS\n\ncommands:\n");
   for (Command const& command : kCommands) std::fprintf(out, "  ziputil %s\n", command.usage);
   std::fprintf(out,
+               "\noptions:\n"
+               "  -h, --help                this help; after a command, that command's\n"
+               "  --version                 the version of the ziputil library\n"
+               "  -q, --quiet               only errors (and the data asked for)\n"
+               "  -v, --verbose             a line for each entry (list: the long form)\n"
+               "  --password-file FILE      the password is FILE's first line (\"-\": standard input)\n"
+               "  -P, --password P          the password is P, visible to other users in the process list\n"
+               "  -l, --long                list: sizes, ratio, time and mode, a header and totals\n"
+               "  --json                    list: one JSON object per entry\n"
+               "  -d, --folder DIR          extract: under DIR (default \".\")\n"
+               "  -x, --exclude PATTERN...  extract: leave out the entries that match a PATTERN\n"
+               "  -n, --never-overwrite     extract: keep existing files without a word\n"
+               "  -o, --overwrite           extract: replace existing files\n"
+               "  --level N                 add: deflate level 1 to 9 (default 6); 0 stores\n"
+               "  -@, --files-from FILE     add: also the paths FILE lists, one a line (\"-\": standard input)\n"
+               "  --                        the end of the options\n"
                "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
                "ARCHIVE \"-\" is standard input for list, cat, test and extract (copied first into an anonymous\n"
                "temporary file when it is not a regular file), and standard output for add, which then writes\n"

@@ -1516,6 +1516,95 @@ class ListFormsTest(CliTestCase):
         self.assertEqual(json.loads(line)["rawName"], "new\nline\x7f\ufffd.txt")
 
 
+SOURCE = os.path.dirname(os.path.abspath(__file__))
+MAN_PAGE = os.path.join(SOURCE, "..", "..", "tools", "ziputil.1")
+COMPLETION = os.path.join(SOURCE, "..", "..", "tools", "ziputil.bash-completion")
+
+# Every option, with a command that takes it and arguments that make it valid there.
+OPTIONS = {
+    "-h": ("list", []), "--help": ("list", []), "-q": ("list", []), "--quiet": ("list", []),
+    "-v": ("list", []), "--verbose": ("list", []), "-P": ("list", ["pw"]), "--password": ("list", ["pw"]),
+    "--password-file": ("list", ["PWFILE"]), "-l": ("list", []), "--long": ("list", []), "--json": ("list", []),
+    "-d": ("extract", ["out"]), "--folder": ("extract", ["out"]), "-x": ("extract", ["none"]),
+    "--exclude": ("extract", ["none"]), "-n": ("extract", []), "--never-overwrite": ("extract", []),
+    "-o": ("extract", []), "--overwrite": ("extract", []), "--level": ("add", ["5", "LIST"]),
+    "-@": ("add", ["LIST"]), "--files-from": ("add", ["LIST"]),
+}
+
+
+class DocumentationTest(CliTestCase):
+    """The man page and the bash completion cover every option, and are installed."""
+
+    def test_every_option_is_real_and_in_the_help(self):
+        archive = self.path("a.zip")
+        make_zip(archive, [("a.txt", b"a")])
+        self.write("pw", b"pw\n")
+        self.write("LIST", b"pw\n")
+        overview = run("--help").stdout.decode()
+        for option, (command, values) in OPTIONS.items():
+            with self.subTest(option=option):
+                args = [a.replace("PWFILE", self.path("pw")).replace("LIST", self.path("LIST")) for a in values]
+                operands = {"add": [self.path("new.zip")], "extract": [archive]}.get(command, [archive])
+                result = run(command, *operands, option, *args, cwd=self.dir)
+                self.assertNotIn(b"unknown option", result.stderr)
+                self.assertIn(result.returncode, (0, 1), result.stderr)
+                help_text = overview + run(command, "--help").stdout.decode()
+                self.assertRegex(help_text, r"(?<![\w-])%s(?![\w-])" % re.escape(option))
+        usage = "".join(run(command, "--help").stdout.decode().splitlines()[0]
+                        for command in ("list", "cat", "extract", "add", "test"))
+        self.assertEqual(set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", usage)) - set(OPTIONS), set())
+
+    def test_man_page_covers_every_option_command_and_status(self):
+        with open(MAN_PAGE) as f:
+            text = f.read().replace("\\-", "-")
+        for option in list(OPTIONS) + ["--version", "--"]:
+            self.assertRegex(text, r"(?<![\w-])%s(?![\w-])" % re.escape(option), option)
+        for word in ("list", "cat", "extract", "add", "test", "ZIPUTIL_PASSWORD", "EXIT STATUS", "PATTERNS"):
+            self.assertIn(word, text)
+        for status in ("0", "1", "2"):
+            self.assertIn(".TP\n.B %s\n" % status, text)
+        if shutil.which("groff"):
+            checked = subprocess.run(["groff", "-man", "-ww", "-z", MAN_PAGE], capture_output=True)
+            self.assertEqual((checked.returncode, checked.stderr), (0, b""))
+
+    def complete(self, *words):
+        """What the completion offers for the command line `words` (the last is being typed)."""
+        script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ziputil; ' \
+                 'printf "%s\\n" "${COMPREPLY[@]}"'
+        result = subprocess.run(["bash", "-c", script, "bash", COMPLETION, *words], capture_output=True,
+                                cwd=self.dir, timeout=30)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return sorted(line for line in result.stdout.decode().splitlines() if line)
+
+    def test_bash_completion_offers_commands_options_and_files(self):
+        with open(COMPLETION) as f:
+            words = set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", f.read()))
+        self.assertEqual(set(OPTIONS) - words, set())
+        self.assertEqual(self.complete("ziputil", "ex"), ["extract"])
+        self.assertEqual(self.complete("ziputil", ""), ["--help", "--version", "add", "cat", "extract", "list",
+                                                         "test"])
+        self.assertEqual(self.complete("ziputil", "extract", "--o"), ["--overwrite"])
+        self.assertEqual(self.complete("ziputil", "list", "--j"), ["--json"])
+        self.assertEqual(self.complete("ziputil", "cat", "--l"), [])
+        self.assertEqual(self.complete("ziputil", "add", "--level", ""), [str(n) for n in range(10)])
+        self.write("one.zip", b"")
+        self.write("notes.txt", b"")
+        os.makedirs(self.path("folder"))
+        self.assertEqual(self.complete("ziputil", "list", ""), ["folder", "one.zip"])
+        self.assertEqual(self.complete("ziputil", "add", "one.zip", "n"), ["notes.txt"])
+        self.assertEqual(self.complete("ziputil", "extract", "one.zip", "-d", ""), ["folder"])
+
+    def test_installed_beside_the_program(self):
+        prefix = os.path.dirname(os.path.dirname(shutil.which(PROGRAM) or PROGRAM))
+        if not os.path.isdir(os.path.join(prefix, "share")):
+            self.skipTest("the program under test is not an installed one")
+        for installed, source in ((os.path.join(prefix, "share", "man", "man1", "ziputil.1"), MAN_PAGE),
+                                  (os.path.join(prefix, "share", "bash-completion", "completions", "ziputil"),
+                                   COMPLETION)):
+            with open(installed, "rb") as a, open(source, "rb") as b:
+                self.assertEqual(a.read(), b.read(), installed)
+
+
 def leftovers(folder, archive_name):
     """Sibling copies the program left behind (after being killed)."""
     return [name for name in os.listdir(folder) if name.startswith(archive_name + ".tmp-")]
