@@ -1004,6 +1004,7 @@ class MetadataTest(CliTestCase):
                    unix_entry("self", b".", 0o120777),
                    unix_entry("via", b"self/../escape", 0o120777),
                    unix_entry("empty", b"", 0o120777),
+                   unix_entry("nul", b"a\0b", 0o120777),
                    unix_entry("after.txt", b"after", 0o100600)]
         with zipfile.ZipFile(archive, "w") as z:
             for info, data in entries:
@@ -1017,11 +1018,12 @@ class MetadataTest(CliTestCase):
             'ziputil: refusing to extract "sub/deep": its link target ../../x leads outside the target folder',
             'ziputil: refusing to extract "abs": its link target /etc/passwd is an absolute path',
             'ziputil: refusing to extract "via": its link target self/../escape has ".." after a name',
-            'ziputil: refusing to extract "empty": its link target is empty']))
+            'ziputil: refusing to extract "empty": its link target is empty',
+            'ziputil: refusing to extract "nul": its link target holds a NUL byte']))
         self.assertEqual(os.readlink(os.path.join(out, "sub", "ok")), "../file.txt")
         self.assertEqual(os.readlink(os.path.join(out, "sub", "dot")), "./../sub/./")
         self.assertEqual(os.readlink(os.path.join(out, "self")), ".")
-        for name in ("up", "abs", "via", "empty"):
+        for name in ("up", "abs", "via", "empty", "nul"):
             self.assertFalse(os.path.lexists(os.path.join(out, name)), name)
         self.assertFalse(os.path.lexists(os.path.join(out, "sub", "deep")))
         with open(os.path.join(out, "sub", "ok"), "rb") as f:
