@@ -3,6 +3,8 @@
 // errors other than per-entry ones propagate to the caller as exceptions.
 #pragma once
 
+#include "ExtractFolder.h"
+
 #include <string>
 #include <vector>
 
@@ -12,12 +14,27 @@ namespace ziputil_tool {
 struct Options {
   std::string password;
   bool longListing = false;
+  /// list: one JSON object per entry.
+  bool json = false;
   int level = 6;
+  /// extract: where to (-d), which entries (operands, shell patterns), which not (-x).
+  std::string folder = ".";
+  std::vector<std::string> patterns;
+  std::vector<std::string> excludes;
+  Overwrite overwrite = Overwrite::Refuse;
+  /// -q: only errors (and the data asked for); -v: a line per entry.
+  bool quiet = false;
+  bool verbose = false;
+  /// add: files naming more paths, one a line ("-" for standard input).
+  std::vector<std::string> filesFrom;
 };
 
 int listArchive(Options const& options, std::string const& archive);
 int catEntry(Options const& options, std::string const& archive, std::string const& entry);
-int extractArchive(Options const& options, std::string const& archive, std::string const& folder);
+/// Extracts the entries that match options.patterns (all when there are none)
+/// and none of options.excludes into options.folder.
+int extractArchive(Options const& options, std::string const& archive);
+/// Adds `paths` and those listed in options.filesFrom.
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths);
 int testArchive(Options const& options, std::string const& archive);
 

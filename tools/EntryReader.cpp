@@ -7,6 +7,7 @@
 #include "ziputil/ArchiveCheck.h"
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace ziputil_tool {
@@ -16,20 +17,44 @@ constexpr int kChunk = 1 << 16;
 
 } // namespace
 
-CEntryReader::CEntryReader(tal::CURI const& archiveURI, std::string const& password) {
+CEntryReader::CEntryReader(tal::CURI const& archiveURI, std::string const& password)
+    : CEntryReader(archiveURI, password, nullptr) {}
+
+CEntryReader::CEntryReader(tal::CURI const& archiveURI, std::string const& password,
+                           std::function<std::string()> askPassword)
+    : m_uri(archiveURI), m_password(password), m_askPassword(std::move(askPassword)) {
   tal::P<tal::IFileSystem> fileSystem(tal::newObj<tal::CLocalFileSystem>());
   ziputil::checkArchiveLayout(fileSystem.get(), archiveURI);
-  ziputil::CZipReader::Options checking;
-  checking.verifyEntries = true;
-  tal::String const text = textFromBytes(password);
-  m_checked = tal::newObj<ziputil::CZipReader>(fileSystem.get(), archiveURI, text, checking);
+  open();
 }
 
-bool CEntryReader::nextFile() { return m_checked->nextFile(); }
+void CEntryReader::open() {
+  tal::P<tal::IFileSystem> fileSystem(tal::newObj<tal::CLocalFileSystem>());
+  ziputil::CZipReader::Options checking;
+  checking.verifyEntries = true;
+  tal::String const text = textFromBytes(m_password);
+  m_checked = tal::newObj<ziputil::CZipReader>(fileSystem.get(), m_uri, text, checking);
+}
+
+bool CEntryReader::nextFile() {
+  bool const moved = m_checked->nextFile();
+  if (moved) ++m_position;
+  return moved;
+}
 
 void CEntryReader::close() { m_checked->close(); }
 
 void CEntryReader::copyCurrent(std::function<void(unsigned char const*, std::size_t)> const& sink) {
+  if (m_password.empty() && m_askPassword && m_checked->isCurrentFileEncrypted()) {
+    std::function<std::string()> const ask = std::move(m_askPassword);
+    m_askPassword = nullptr; // once per run
+    m_password = ask();
+    if (!m_password.empty()) { // the same archive again, with the password, at the same entry
+      m_checked->close();
+      open();
+      for (long long i = 0; i < m_position; ++i) m_checked->nextFile();
+    }
+  }
   tal::P<tal::IInStream> stream = m_checked->openCurrentFileStream();
   std::vector<unsigned char> buffer(kChunk);
   while (int n = stream->readLax(buffer.data(), kChunk)) sink(buffer.data(), static_cast<std::size_t>(n));
@@ -42,7 +67,7 @@ std::string CEntryReader::describeFailure(std::exception const& error) const {
       std::string const result = e->getProps().get("result").toUTF8();
       if (result == "-106") return "wrong password";
       if (result == "-102" && std::strcmp(error.what(), "unzOpenCurrentFile failed") == 0)
-        return "the entry is encrypted: give its password with --password";
+        return "the entry is encrypted: give its password with --password-file, ZIPUTIL_PASSWORD or --password";
       if (result == "-107")
         return "compression method " + std::to_string(m_checked->getCurrentFileMethod()) +
                " is not supported (only stored and deflated entries can be read)";

@@ -20,6 +20,11 @@ public:
   /// opens it with every entry checked at its end. Throws the check's or the
   /// reader's error.
   CEntryReader(tal::CURI const& archiveURI, std::string const& password);
+  /// As above; when `password` is empty and an entry to be read turns out
+  /// encrypted, `askPassword` is called (once per run) and, when it gives a
+  /// password, the archive is opened again with it at the same entry.
+  CEntryReader(tal::CURI const& archiveURI, std::string const& password,
+               std::function<std::string()> askPassword);
   CEntryReader(CEntryReader const&) = delete;
   CEntryReader& operator=(CEntryReader const&) = delete;
 
@@ -42,6 +47,12 @@ public:
   std::string describeFailure(std::exception const& error) const;
 
 private:
+  void open();
+
+  tal::CURI m_uri;
+  std::string m_password;
+  std::function<std::string()> m_askPassword;
+  long long m_position = 0; ///< entries moved over with nextFile()
   tal::P<ziputil::CZipReader> m_checked;
 };
 

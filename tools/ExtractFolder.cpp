@@ -1,7 +1,9 @@
 #include "ExtractFolder.h"
 
+#include "EntryNames.h"
 #include "LocalPaths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -83,7 +85,10 @@ void writeAll(int fd, unsigned char const* data, std::size_t size, std::string c
 
 } // namespace
 
-CExtractFolder::CExtractFolder(std::string root) : m_root(std::move(root)), m_rootFd(-1) {
+char const* const CExtractFolder::kKept = "kept";
+
+CExtractFolder::CExtractFolder(std::string root, Overwrite overwrite)
+    : m_root(std::move(root)), m_overwrite(overwrite), m_rootFd(-1) {
   makeDirectories(m_root);
   m_rootFd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (m_rootFd < 0) throw systemError("cannot open folder", m_root, errno);
@@ -151,9 +156,10 @@ int CExtractFolder::openFolders(std::vector<std::string> const& segments, std::s
   return folder;
 }
 
-std::string CExtractFolder::makeFolder(std::vector<std::string> const& segments) {
+std::string CExtractFolder::makeFolder(std::vector<std::string> const& segments, Metadata const& metadata) {
   std::string refusal;
   CFd folder(openFolders(segments, segments.size(), refusal));
+  if (folder.get() >= 0 && (metadata.mode >= 0 || metadata.hasTime)) m_folders.push_back({segments, metadata});
   return refusal;
 }
 
@@ -174,7 +180,27 @@ int CExtractFolder::createTemporary(int folder, std::string& name) {
   return -1;
 }
 
-std::string CExtractFolder::writeFile(std::vector<std::string> const& segments,
+std::string CExtractFolder::checkTarget(int folder, std::string const& leaf, std::string const& path,
+                                        bool allowLink, bool& replacing) {
+  replacing = false;
+  struct stat existing;
+  if (::fstatat(folder, leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) throw systemError("cannot read", path, errno);
+    return std::string();
+  }
+  if (S_ISLNK(existing.st_mode) && !allowLink) return path + " is a symbolic link";
+  if (S_ISDIR(existing.st_mode)) return path + " is a folder";
+  if (!S_ISREG(existing.st_mode) && !S_ISLNK(existing.st_mode)) return path + " is not a regular file";
+  auto const earlier = m_written.find({existing.st_dev, existing.st_ino});
+  if (earlier != m_written.end()) return "another entry was already extracted to " + earlier->second;
+  if (m_overwrite == Overwrite::Never) return kKept;
+  if (m_overwrite == Overwrite::Refuse)
+    return path + " exists (-o replaces it, -n keeps it without a word)";
+  replacing = true;
+  return std::string();
+}
+
+std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, Metadata const& metadata,
                                       std::function<void(Sink const&)> const& fill) {
   std::string refusal;
   CFd folder(openFolders(segments, segments.size() - 1, refusal));
@@ -182,18 +208,9 @@ std::string CExtractFolder::writeFile(std::vector<std::string> const& segments,
   std::string const& leaf = segments.back();
   std::string const path = localPath(segments, segments.size());
 
-  struct stat existing;
   bool replacing = false;
-  if (::fstatat(folder.get(), leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
-    if (S_ISLNK(existing.st_mode)) return path + " is a symbolic link";
-    if (S_ISDIR(existing.st_mode)) return path + " is a folder";
-    if (!S_ISREG(existing.st_mode)) return path + " is not a regular file";
-    auto const earlier = m_written.find({existing.st_dev, existing.st_ino});
-    if (earlier != m_written.end()) return "another entry was already extracted to " + earlier->second;
-    replacing = true;
-  } else if (errno != ENOENT) {
-    throw systemError("cannot read", path, errno);
-  }
+  refusal = checkTarget(folder.get(), leaf, path, false, replacing);
+  if (!refusal.empty()) return refusal;
 
   std::string temporary;
   CFd file(createTemporary(folder.get(), temporary));
@@ -201,7 +218,12 @@ std::string CExtractFolder::writeFile(std::vector<std::string> const& segments,
   struct stat written;
   try {
     fill([&](unsigned char const* data, std::size_t size) { writeAll(file.get(), data, size, path); });
-    if (::fchmod(file.get(), m_fileMode) != 0) throw systemError("cannot set the permissions of", path, errno);
+    mode_t const mode = metadata.mode >= 0 ? static_cast<mode_t>(metadata.mode) & 0777 : m_fileMode;
+    if (::fchmod(file.get(), mode) != 0) throw systemError("cannot set the permissions of", path, errno);
+    if (metadata.hasTime) {
+      struct timespec const times[2] = {{metadata.time, 0}, {metadata.time, 0}};
+      if (::futimens(file.get(), times) != 0) throw systemError("cannot set the time of", path, errno);
+    }
     if (replacing && ::fsync(file.get()) != 0) throw systemError("cannot write", path, errno); // old or new, never neither
     if (::fstat(file.get(), &written) != 0) throw systemError("cannot read", path, errno);
     if (int const error = file.close()) throw systemError("cannot write", path, error);
@@ -216,6 +238,104 @@ std::string CExtractFolder::writeFile(std::vector<std::string> const& segments,
   clearTemporary();
   m_written[{written.st_dev, written.st_ino}] = path;
   return std::string();
+}
+
+std::string CExtractFolder::linkTargetRefusal(std::vector<std::string> const& segments, std::string const& target) {
+  if (target.empty()) return "its link target is empty";
+  if (target.find('\0') != std::string::npos) return "its link target holds a NUL byte";
+  if (target[0] == '/') return "its link target " + target + " is an absolute path";
+  // The link's own folders were made by this run or checked to be folders
+  // (never links), so leading ".." climb them; after a name, ".." could
+  // leave a link to anywhere.
+  std::size_t depth = segments.size() - 1;
+  bool named = false;
+  std::size_t start = 0;
+  while (start <= target.size()) {
+    std::size_t end = target.find('/', start);
+    if (end == std::string::npos) end = target.size();
+    std::string const segment = target.substr(start, end - start);
+    start = end + 1;
+    if (segment.empty() || segment == ".") continue;
+    if (segment != "..") {
+      named = true;
+      continue;
+    }
+    if (named) return "its link target " + target + " has \"..\" after a name";
+    if (depth == 0) return "its link target " + target + " leads outside the target folder";
+    --depth;
+  }
+  return std::string();
+}
+
+std::string CExtractFolder::writeLink(std::vector<std::string> const& segments, std::string const& target,
+                                      Metadata const& metadata) {
+  std::string refusal = linkTargetRefusal(segments, target);
+  if (!refusal.empty()) return refusal;
+  CFd folder(openFolders(segments, segments.size() - 1, refusal));
+  if (folder.get() < 0) return refusal;
+  std::string const& leaf = segments.back();
+  std::string const path = localPath(segments, segments.size());
+  bool replacing = false;
+  refusal = checkTarget(folder.get(), leaf, path, true, replacing);
+  if (!refusal.empty()) return refusal;
+
+  std::string temporary;
+  for (int attempt = 0;; ++attempt) {
+    char text[32];
+    std::snprintf(text, sizeof text, ".ziputil-%012llx",
+                  static_cast<unsigned long long>(m_random() & 0xffffffffffffULL));
+    temporary = text;
+    setTemporary(folder.get(), temporary);
+    if (::symlinkat(target.c_str(), folder.get(), text) == 0) break;
+    int const error = errno;
+    clearTemporary();
+    if (error != EEXIST || attempt == 100) throw systemError("cannot create the symbolic link", path, error);
+  }
+  struct stat written;
+  try {
+    if (metadata.hasTime) {
+      struct timespec const times[2] = {{metadata.time, 0}, {metadata.time, 0}};
+      if (::utimensat(folder.get(), temporary.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        throw systemError("cannot set the time of", path, errno);
+    }
+    if (::fstatat(folder.get(), temporary.c_str(), &written, AT_SYMLINK_NOFOLLOW) != 0)
+      throw systemError("cannot read", path, errno);
+    if (::renameat(folder.get(), temporary.c_str(), folder.get(), leaf.c_str()) != 0)
+      throw systemError("cannot create", path, errno);
+  } catch (...) {
+    ::unlinkat(folder.get(), temporary.c_str(), 0);
+    clearTemporary();
+    throw;
+  }
+  clearTemporary();
+  m_written[{written.st_dev, written.st_ino}] = path;
+  return std::string();
+}
+
+bool CExtractFolder::finish() {
+  std::stable_sort(m_folders.begin(), m_folders.end(), [](PendingFolder const& a, PendingFolder const& b) {
+    return a.segments.size() > b.segments.size();
+  });
+  bool ok = true;
+  for (PendingFolder const& pending : m_folders) {
+    std::string const path = localPath(pending.segments, pending.segments.size());
+    std::string refusal;
+    try {
+      CFd folder(openFolders(pending.segments, pending.segments.size(), refusal));
+      if (folder.get() < 0) throw std::runtime_error("cannot set the mode and time of " + path + ": " + refusal);
+      if (pending.metadata.mode >= 0 && ::fchmod(folder.get(), static_cast<mode_t>(pending.metadata.mode) & 0777) != 0)
+        throw systemError("cannot set the permissions of", path, errno);
+      if (pending.metadata.hasTime) {
+        struct timespec const times[2] = {{pending.metadata.time, 0}, {pending.metadata.time, 0}};
+        if (::futimens(folder.get(), times) != 0) throw systemError("cannot set the time of", path, errno);
+      }
+    } catch (std::exception const& e) {
+      std::fprintf(stderr, "ziputil: %s\n", escapeForTerminal(e.what()).c_str());
+      ok = false;
+    }
+  }
+  m_folders.clear();
+  return ok;
 }
 
 } // namespace ziputil_tool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <ctime>
 
 #include <cstddef>
 #include <functional>
@@ -13,6 +14,13 @@
 
 namespace ziputil_tool {
 
+/// What extraction does with a file or symbolic link already at a target.
+enum class Overwrite {
+  Refuse, ///< keep it and refuse the entry (the default)
+  Never,  ///< keep it and pass over the entry without a word (-n)
+  Always, ///< replace it (-o), through the same temporary file and rename
+};
+
 /// Holds the target folder open and reaches everything below it from that
 /// descriptor, one folder at a time (openat with O_NOFOLLOW | O_DIRECTORY,
 /// mkdirat, renameat, unlinkat): a folder replaced by a symbolic link while
@@ -22,10 +30,17 @@ namespace ziputil_tool {
 /// and renamed over the target only once it has been read whole and checked,
 /// so an entry that cannot be read leaves an existing file as it was and no
 /// partial file behind. Renaming replaces the folder entry: another hard link
-/// to a file it replaces keeps that file's bytes. An existing target that is
-/// not a regular file (a folder, a symbolic link, a FIFO, a device, a socket)
+/// to a file it replaces keeps that file's bytes. An existing file (or, for a
+/// link entry, an existing link) is replaced only with Overwrite::Always.
+/// An existing target that is not a regular file (a folder, a symbolic link, a FIFO, a device, a socket)
 /// is refused without being opened, and so is a target that an earlier entry
 /// of the same run has written.
+///
+/// Entries made on Unix get their permission bits back (never the
+/// set-user-id, set-group-id and sticky bits); others get 0666 (files) or 0777
+/// (folders) less the umask. Files and symbolic links get their modification
+/// times when written, folders theirs (and their modes) in finish(), after
+/// everything below them was written.
 ///
 /// Refusals come back as text; failures of the local file system throw
 /// std::runtime_error; whatever the entry's reader throws passes through
@@ -33,7 +48,11 @@ namespace ziputil_tool {
 class CExtractFolder {
 public:
   /// Creates `root` with its missing parents and opens it.
-  explicit CExtractFolder(std::string root);
+  CExtractFolder(std::string root, Overwrite overwrite);
+
+  /// What writeFile and writeLink return for an entry passed over because its
+  /// target exists and Overwrite::Never keeps it.
+  static char const* const kKept;
   ~CExtractFolder();
   CExtractFolder(CExtractFolder const&) = delete;
   CExtractFolder& operator=(CExtractFolder const&) = delete;
@@ -42,13 +61,39 @@ public:
   /// dropped); returns why it is refused, or "" when it may be extracted.
   static std::string splitEntryPath(std::string const& path, std::vector<std::string>& segments);
 
-  /// Creates the folders of `segments`. Returns a refusal, or "".
-  std::string makeFolder(std::vector<std::string> const& segments);
+  /// What an entry carries beside its bytes.
+  struct Metadata {
+    int mode = -1;         ///< Unix mode (st_mode) when the entry has one, else -1
+    bool hasTime = false;  ///< whether `time` holds the modification time
+    time_t time = 0;
+  };
+
+  /// Creates the folders of `segments`; their mode and time are set by
+  /// finish(). Returns a refusal, or "".
+  std::string makeFolder(std::vector<std::string> const& segments, Metadata const& metadata);
 
   using Sink = std::function<void(unsigned char const*, std::size_t)>;
   /// Writes the file at `segments`: `fill` gets a sink for the entry's bytes
   /// and must throw when the entry turns out bad. Returns a refusal, or "".
-  std::string writeFile(std::vector<std::string> const& segments, std::function<void(Sink const&)> const& fill);
+  std::string writeFile(std::vector<std::string> const& segments, Metadata const& metadata,
+                        std::function<void(Sink const&)> const& fill);
+
+  /// Creates the symbolic link at `segments` pointing to `target` (made under
+  /// a temporary name, then renamed into place). A target that could lead
+  /// outside the folder is refused: see linkTargetRefusal. Returns a refusal,
+  /// or "".
+  std::string writeLink(std::vector<std::string> const& segments, std::string const& target,
+                        Metadata const& metadata);
+
+  /// Why a link at `segments` with `target` is refused, or "": an empty or
+  /// absolute target, one that climbs above the folder, or one with ".."
+  /// after a name (that name may itself be a link, which ".." would leave
+  /// from wherever it points).
+  static std::string linkTargetRefusal(std::vector<std::string> const& segments, std::string const& target);
+
+  /// Sets the modes and times of the folders made by makeFolder, deepest
+  /// first. Failures are named on standard error; false when there was one.
+  bool finish();
 
   /// The local path of `segments` below the folder, for messages.
   std::string localPath(std::vector<std::string> const& segments, std::size_t count) const;
@@ -58,8 +103,19 @@ private:
   /// missing ones; -1 with `refusal` set when one is not a folder.
   int openFolders(std::vector<std::string> const& segments, std::size_t count, std::string& refusal);
   int createTemporary(int folder, std::string& name);
+  /// Checks the existing target `leaf` in `folder`: "" when it may be
+  /// replaced or does not exist (`replacing` set accordingly), else a refusal.
+  std::string checkTarget(int folder, std::string const& leaf, std::string const& path, bool allowLink,
+                          bool& replacing);
+
+  struct PendingFolder {
+    std::vector<std::string> segments;
+    Metadata metadata;
+  };
+  std::vector<PendingFolder> m_folders;
 
   std::string m_root;
+  Overwrite m_overwrite;
   int m_rootFd;
   mode_t m_fileMode;
   std::mt19937_64 m_random;

@@ -5,7 +5,11 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <cstdlib>
+#include <map>
+
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,15 +60,26 @@ bool sameFile(struct stat const& a, struct stat const& b) { return a.st_dev == b
 void collectInto(std::vector<SourceItem>& items, std::string const& path, std::string const& entryName,
                  struct stat const* skip) {
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) throw systemError("cannot read", path);
+  if (lstat(path.c_str(), &st) != 0) throw systemError("cannot read", path);
   if (skip && sameFile(st, *skip)) return;
-  SourceItem item{path, entryName, S_ISDIR(st.st_mode), static_cast<long long>(st.st_mtime)};
+  SourceItem item;
+  item.localPath = path;
+  item.entryName = entryName;
+  item.kind = S_ISDIR(st.st_mode) ? SourceItem::Directory
+              : S_ISLNK(st.st_mode) ? SourceItem::SymbolicLink
+                                    : SourceItem::File;
+  item.isDirectory = item.kind == SourceItem::Directory;
+  item.modifiedTime = static_cast<long long>(st.st_mtime);
+  item.mode = static_cast<unsigned>(st.st_mode);
   if (!item.isDirectory) {
     items.push_back(item);
     return;
   }
   std::string prefix = entryName.empty() || entryName.back() == '/' ? entryName : entryName + "/";
-  if (!prefix.empty()) items.push_back(SourceItem{path, prefix, true, item.modifiedTime});
+  if (!prefix.empty()) {
+    item.entryName = prefix;
+    items.push_back(item);
+  }
   for (std::string const& child : sortedChildren(path)) collectInto(items, path + "/" + child, prefix + child, skip);
 }
 
@@ -80,11 +95,91 @@ tal::CURI entryURIFromPath(tal::String const& path) {
   return tal::CURI(tal::String(), path, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
 }
 
-tal::CURI archiveURIFromArgument(std::string const& argument) {
+namespace {
+tal::CURI uriOfArgument(std::string const& argument) {
   if (argument.rfind("file:", 0) == 0) return tal::CURI(textFromBytes(argument));
   std::string path = !argument.empty() && argument[0] == '/' ? argument : currentDirectory() + "/" + argument;
   tal::String host;
   return tal::CURI(tal::String("file"), textFromBytes(path), nullptr, nullptr, host, -1, nullptr, nullptr);
+}
+} // namespace
+
+tal::CURI archiveURIFromArgument(std::string const& argument) {
+  tal::CURI uri = uriOfArgument(argument);
+  rememberShownName(uri, argument); // messages name it as the user typed it
+  return uri;
+}
+
+namespace {
+std::map<std::string, std::string>& shownNames() {
+  static std::map<std::string, std::string> names;
+  return names;
+}
+} // namespace
+
+void rememberShownName(tal::CURI const& uri, std::string const& shown) {
+  shownNames()[uri.toString(true).toUTF8()] = shown;
+}
+
+std::string shownLocation(std::string const& uriText) {
+  auto const found = shownNames().find(uriText);
+  if (found != shownNames().end()) return found->second;
+  if (uriText.rfind("file:", 0) == 0) { // another local file (an archive's new copy): its path
+    try {
+      tal::CURI const uri(tal::String::fromUTF8(uriText));
+      std::string const path = uri.getPath().toUTF8();
+      if (!path.empty()) return path;
+    } catch (std::exception const&) { // not a URI after all: shown as it is
+    }
+  }
+  return uriText;
+}
+
+int anonymousTemporaryFile(tal::CURI& uri) {
+  char const* folder = std::getenv("TMPDIR");
+  std::string const where = folder && *folder ? folder : "/tmp";
+  int fd = ::open(where.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) { // no O_TMPFILE there
+    std::string name = where + "/ziputil-XXXXXX";
+    fd = ::mkostemp(&name[0], O_CLOEXEC);
+    if (fd >= 0) ::unlink(name.c_str());
+  }
+  if (fd < 0) throw systemError("cannot create a temporary file in", where);
+  uri = uriOfArgument("/proc/self/fd/" + std::to_string(fd));
+  return fd;
+}
+
+tal::CURI archiveURIForReading(std::string const& argument) {
+  if (!isStandardStream(argument)) return archiveURIFromArgument(argument);
+  if (::isatty(STDIN_FILENO)) throw std::runtime_error("will not read an archive from a terminal");
+  struct stat st;
+  if (::fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode)) {
+    tal::CURI uri = uriOfArgument("/proc/self/fd/" + std::to_string(STDIN_FILENO));
+    rememberShownName(uri, "standard input");
+    return uri;
+  }
+  tal::CURI uri;
+  int const fd = anonymousTemporaryFile(uri); // open until the program ends
+  rememberShownName(uri, "standard input");
+  std::vector<char> buffer(1 << 16);
+  for (;;) {
+    ssize_t n = ::read(STDIN_FILENO, buffer.data(), buffer.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw systemError("cannot read", "standard input");
+    if (n == 0) break;
+    for (ssize_t done = 0; done < n;) {
+      ssize_t const w = ::write(fd, buffer.data() + done, static_cast<std::size_t>(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) throw systemError("cannot copy standard input to", "a temporary file");
+      done += w;
+    }
+  }
+  return uri;
+}
+
+std::string shownArchive(std::string const& argument, bool output) {
+  if (!isStandardStream(argument)) return argument;
+  return output ? "standard output" : "standard input";
 }
 
 std::string entryNameFromArgument(std::string path) {

@@ -19,8 +19,8 @@ std::string firstCharacters(std::string const& text, std::size_t count) {
 
 } // namespace
 
-CProgress::CProgress(std::string verb)
-    : m_verb(std::move(verb)), m_enabled(isatty(STDERR_FILENO) == 1) {}
+CProgress::CProgress(std::string verb, bool allowed)
+    : m_verb(std::move(verb)), m_enabled(allowed && isatty(STDERR_FILENO) == 1) {}
 
 CProgress::~CProgress() { clear(); }
 

@@ -1,5 +1,6 @@
 // A progress line on standard error, shown only when standard error is a
-// terminal: at the first entry, then at most five times a second.
+// terminal (and neither -q nor -v was given): at the first entry, then at most
+// five times a second.
 #pragma once
 
 #include <chrono>
@@ -9,7 +10,8 @@ namespace ziputil_tool {
 
 class CProgress {
 public:
-  explicit CProgress(std::string verb);
+  /// `allowed` false (-q, -v) shows nothing.
+  CProgress(std::string verb, bool allowed);
   ~CProgress();
   CProgress(CProgress const&) = delete;
   CProgress& operator=(CProgress const&) = delete;

@@ -1,5 +1,10 @@
 // ziputil: lists, reads, extracts, adds to and tests ZIP archives on local disks.
 #include "Commands.h"
+#include "Password.h"
+
+#if __has_include("ziputil/Version.h")
+#include "ziputil/Version.h"
+#endif
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +16,7 @@
 namespace {
 
 using ziputil_tool::Options;
+using ziputil_tool::Overwrite;
 
 struct Command {
   char const* name;
@@ -19,17 +25,32 @@ struct Command {
 };
 
 Command const kCommands[] = {
-    {"list", "list [--password P] [--long] ARCHIVE",
+    {"list", "list [-q|-v] [--password-file FILE|--password P] [--long|--json] ARCHIVE",
      "Prints one line per entry in central-directory order: the entry's path, with \"/\" after a folder\n"
-     "entry. --long puts the uncompressed size, compressed size and modification time before it.\n"
-     "The archive's data is not read: test checks it.\n"},
-    {"cat", "cat [--password P] ARCHIVE ENTRY",
+     "entry. --long (-l, or -v) puts the uncompressed size, compressed size, how much smaller it is,\n"
+     "the modification time and the Unix mode (when the entry has one) before it, under a header and\n"
+     "over a totals line (the entry count, both sizes and the ratio), which -q leaves out.\n"
+     "--json prints one JSON object per line for each entry, for scripts, with every field the\n"
+     "library reports: name (cleaned, \"/\" after a folder), rawName, nameUTF8, directory, size,\n"
+     "compressedSize, method, methodName, crc32 (8 hex digits), time (local, ISO 8601, or null),\n"
+     "versionMadeBy, system (3 for Unix), externalAttributes, mode (st_mode, or null), modeText,\n"
+     "link, target (a link's target, when it can be read), encrypted, comment, extra (the central\n"
+     "extra field in hex). Only a link's target is read from the archive's data: test checks it.\n"},
+    {"cat", "cat [-q|-v] [--password-file FILE|--password P] ARCHIVE ENTRY",
      "Writes the bytes of the first entry named ENTRY to standard output. ENTRY is matched against\n"
      "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"
      "characters. The archive is refused as test refuses it, and a bad entry is named after the\n"
      "bytes that could be read, with exit status 1.\n"},
-    {"extract", "extract [--password P] ARCHIVE [DIR]",
-     "Extracts every entry under DIR (default \".\"), replacing files of the same name. Each file is\n"
+    {"extract",
+     "extract [-q|-v] [--password-file FILE|--password P] [-n|-o] ARCHIVE [ENTRY|PATTERN...] [-d DIR] "
+     "[-x PATTERN...]",
+     "Extracts the entries named (all when none is) under DIR (default \".\"). ENTRY and PATTERN are\n"
+     "shell patterns (*, ?, [...]; \"*\" also matches \"/\") on the paths as list prints them; a folder\n"
+     "entry also matches with its \"/\". -x leaves out the entries that match any PATTERN after it\n"
+     "(up to the next option). A pattern that matches no entry is named, and the exit status is 1.\n"
+     "A file that already exists is kept and named, and the exit status is then 1; -n keeps it\n"
+     "without a word, -o replaces it.\n"
+     "Each file is\n"
      "written to a temporary file beside its target and renamed over it only once the entry has been\n"
      "read whole and checked as test checks it: a bad entry (wrong password, unsupported method,\n"
      "damaged data) leaves an existing file as it was, and nothing of the entry behind. Renaming\n"
@@ -39,16 +60,27 @@ Command const kCommands[] = {
      "file (a folder, symbolic link, FIFO, device or socket, which is never opened), or whose target\n"
      "an earlier entry of the same run has written. The other entries are still extracted, and the\n"
      "exit status is then 1. An archive that test refuses as a whole is refused before anything is\n"
-     "written. New files get mode 0666 less the umask.\n"},
-    {"add", "add [--password P] [--level N] ARCHIVE PATH...",
+     "written.\n"
+     "Entries made on Unix get their permission bits back, never the set-user-id, set-group-id and\n"
+     "sticky bits; other files get mode 0666 less the umask. Files, folders and symbolic links get\n"
+     "their modification times (folders once everything below them is written). A symbolic link\n"
+     "entry becomes a symbolic link when its target stays inside DIR: a target that is empty,\n"
+     "absolute, climbs above DIR or has \"..\" after a name is refused by name.\n"},
+    {"add", "add [-q|-v] [--password-file FILE|--password P] [--level N] [-@ FILE] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
-     "times in local time. N is the deflate level, 0 to 9 (default 6).\n"
+     "times in local time. Entries are recorded as made by Unix with their modes; folders become\n"
+     "entries ending in \"/\"; symbolic links are stored as links (their targets), never followed.\n"
+     "N is the deflate level, 1 to 9 (default 6); level 0 stores the bytes as they are.\n"
+     "With a password, entries are encrypted so that other tools accept the password (traditional\n"
+     "ZIP encryption, which is weak).\n"
+     "-@ FILE (--files-from FILE) adds the paths that FILE lists, one a line (empty lines are passed\n"
+     "over; FILE \"-\" is standard input), after the PATHs given; with it, PATH may be left out.\n"
      "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
      "always either the old archive or the new one, even if the program is killed or the disk\n"
      "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"
      "any other failure leaves ARCHIVE as it was.\n"},
-    {"test", "test [--password P] ARCHIVE",
+    {"test", "test [-q|-v] [--password-file FILE|--password P] ARCHIVE",
      "Checks the archive's layout first, and refuses it with one error line when its parts do not\n"
      "fit together: entries that share or overlap their data (how a small archive inflates to\n"
      "gigabytes), or a local header that disagrees with its central header (other tools would show\n"
@@ -61,12 +93,56 @@ void printUsage(FILE* out) {
   std::fprintf(out, "usage: ziputil COMMAND [OPTIONS] ARGUMENTS\n\ncommands:\n");
   for (Command const& command : kCommands) std::fprintf(out, "  ziputil %s\n", command.usage);
   std::fprintf(out,
+               "\noptions:\n"
+               "  -h, --help                this help; after a command, that command's\n"
+               "  --version                 the version of the ziputil library\n"
+               "  -q, --quiet               only errors (and the data asked for)\n"
+               "  -v, --verbose             a line for each entry (list: the long form)\n"
+               "  --password-file FILE      the password is FILE's first line (\"-\": standard input)\n"
+               "  -P, --password P          the password is P, visible to other users in the process list\n"
+               "  -l, --long                list: sizes, ratio, time and mode, a header and totals\n"
+               "  --json                    list: one JSON object per entry\n"
+               "  -d, --folder DIR          extract: under DIR (default \".\")\n"
+               "  -x, --exclude PATTERN...  extract: leave out the entries that match a PATTERN\n"
+               "  -n, --never-overwrite     extract: keep existing files without a word\n"
+               "  -o, --overwrite           extract: replace existing files\n"
+               "  --level N                 add: deflate level 1 to 9 (default 6); 0 stores\n"
+               "  -@, --files-from FILE     add: also the paths FILE lists, one a line (\"-\": standard input)\n"
+               "  --                        the end of the options\n"
                "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
+               "ARCHIVE \"-\" is standard input for list, cat, test and extract (copied first into an anonymous\n"
+               "temporary file when it is not a regular file), and standard output for add, which then writes\n"
+               "a new archive; neither may be a terminal. No command creates a file named \"-\".\n"
                "Entry names are read as UTF-8, or as code page 437 when they are not valid UTF-8 and lack the\n"
                "UTF-8 flag, then cleaned into relative paths (\"\\\" becomes \"/\"; leading and trailing \"/\",\n"
                "colons and surrounding blanks go). Control characters in names are shown escaped: ^J for\n"
                "a newline, ^@ to ^_ for the others below 32, ^? for 127, \\u0080 to \\u009f for C1 controls.\n"
-               "Exit status: 0 success, 1 failure, 2 usage error.\n");
+               "Passwords: --password-file FILE reads the first line of FILE (\"-\": standard input); else\n"
+               "the environment variable ZIPUTIL_PASSWORD, when set, is the password (add too encrypts\n"
+               "with it); else cat, test and extract ask for it on the terminal, without echo, when they\n"
+               "meet an encrypted entry and standard input is a terminal. --password P also works, but P\n"
+               "is then visible to other users of the machine in the process list (ps).\n"
+               "-q prints only errors (and the data asked for); -v prints a line for each entry (list: the\n"
+               "long form); they exclude each other. Short flags may be written together (-qo).\n"
+               "\"ziputil --version\" prints the version of the ziputil library.\n"
+               "\n"
+               "Exit status:\n"
+               "  0  success: everything asked for was done.\n"
+               "  1  failure: the archive could not be read or written, or some entries or inputs failed\n"
+               "     (each is named on standard error; the others were still done); also a pattern that\n"
+               "     matches no entry, an existing file that extract kept, or an entry that cat did not find.\n"
+               "  2  usage error: an unknown command or option, a missing or extra argument.\n"
+               "A program killed by a signal has no exit status of its own (shells report 128 plus the\n"
+               "signal's number).\n");
+}
+
+/// The library's version.
+char const* libraryVersion() {
+#if __has_include("ziputil/Version.h")
+  return ZIPUTIL_VERSION_STRING;
+#else
+  return ZIPUTIL_PROJECT_VERSION; // the build's project version, when the library does not name one
+#endif
 }
 
 Command const* findCommand(std::string const& name) {
@@ -84,31 +160,91 @@ int parseLevel(std::string const& text) {
   return text[0] - '0';
 }
 
-/// Splits the arguments after the command into options and operands.
-std::vector<std::string> parseArguments(Command const& command, int argc, char** argv, Options& options, bool& help) {
-  std::vector<std::string> operands;
-  bool optionsEnded = false;
+bool isOperand(std::string const& arg) { return arg.empty() || arg[0] != '-' || arg == "-"; }
+
+/// Short flags written together ("-qo") as separate arguments.
+std::vector<std::string> expandFlags(int argc, char** argv) {
+  std::vector<std::string> args;
   for (int i = 2; i < argc; ++i) {
     std::string arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw UsageError{arg + " needs a value"};
-      return argv[++i];
-    };
-    if (optionsEnded || arg.empty() || arg[0] != '-' || arg == "-")
-      operands.push_back(arg);
-    else if (arg == "--")
-      optionsEnded = true;
-    else if (arg == "--help" || arg == "-h")
-      help = true;
-    else if (arg == "--password" || arg == "-P")
-      options.password = value();
-    else if (arg == "--long" && std::strcmp(command.name, "list") == 0)
-      options.longListing = true;
-    else if (arg == "--level" && std::strcmp(command.name, "add") == 0)
-      options.level = parseLevel(value());
-    else
-      throw UsageError{"unknown option " + arg};
+    bool const bundle = arg.size() > 2 && arg[0] == '-' && arg[1] != '-' &&
+                        arg.find_first_not_of("qvnol", 1) == std::string::npos;
+    if (!bundle) {
+      args.push_back(arg);
+      continue;
+    }
+    for (std::size_t at = 1; at < arg.size(); ++at) args.push_back(std::string("-") + arg[at]);
   }
+  return args;
+}
+
+/// Splits the arguments after the command into options and operands.
+std::vector<std::string> parseArguments(Command const& command, int argc, char** argv, Options& options, bool& help) {
+  std::vector<std::string> const args = expandFlags(argc, argv);
+  std::vector<std::string> operands;
+  bool optionsEnded = false;
+  bool const extract = std::strcmp(command.name, "extract") == 0;
+  bool overwriteChosen = false;
+  bool passwordGiven = false;
+  std::string passwordFile;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    std::string const& arg = args[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= args.size()) throw UsageError{arg + " needs a value"};
+      return args[++i];
+    };
+    if (optionsEnded || isOperand(arg)) {
+      operands.push_back(arg);
+    } else if (arg == "--") {
+      optionsEnded = true;
+    } else if (arg == "--help" || arg == "-h") {
+      help = true;
+    } else if (arg == "-q" || arg == "--quiet") {
+      if (options.verbose) throw UsageError{"-q and -v exclude each other"};
+      options.quiet = true;
+    } else if (arg == "-v" || arg == "--verbose") {
+      if (options.quiet) throw UsageError{"-q and -v exclude each other"};
+      options.verbose = true;
+    } else if ((arg == "-@" || arg == "--files-from") && std::strcmp(command.name, "add") == 0) {
+      options.filesFrom.push_back(value());
+    } else if (arg == "--password" || arg == "-P") {
+      options.password = value();
+      passwordGiven = true;
+    } else if (arg == "--password-file") {
+      passwordFile = value();
+    } else if ((arg == "--long" || arg == "-l") && std::strcmp(command.name, "list") == 0) {
+      options.longListing = true;
+    } else if (arg == "--json" && std::strcmp(command.name, "list") == 0) {
+      options.json = true;
+    } else if (arg == "--level" && std::strcmp(command.name, "add") == 0) {
+      options.level = parseLevel(value());
+    } else if (extract && (arg == "-d" || arg == "--folder")) {
+      options.folder = value();
+      if (options.folder.empty()) throw UsageError{arg + " needs a folder"};
+      if (options.folder == "-") throw UsageError{"\"-\" is not a folder: write ./- for a folder of that name"};
+    } else if (extract && (arg == "-x" || arg == "--exclude")) {
+      std::size_t const before = options.excludes.size();
+      while (i + 1 < args.size() && isOperand(args[i + 1])) options.excludes.push_back(args[++i]);
+      if (options.excludes.size() == before) throw UsageError{arg + " needs a pattern"};
+    } else if (extract && (arg == "-n" || arg == "--never-overwrite" || arg == "-o" || arg == "--overwrite")) {
+      Overwrite const chosen = arg == "-n" || arg == "--never-overwrite" ? Overwrite::Never : Overwrite::Always;
+      if (overwriteChosen && chosen != options.overwrite) throw UsageError{"-n and -o exclude each other"};
+      overwriteChosen = true;
+      options.overwrite = chosen;
+    } else {
+      throw UsageError{"unknown option " + arg};
+    }
+  }
+  if (passwordGiven && !passwordFile.empty()) throw UsageError{"--password and --password-file exclude each other"};
+  // Standard input serves one purpose at most.
+  int readers = passwordFile == "-";
+  for (std::string const& list : options.filesFrom) readers += list == "-";
+  if (std::strcmp(command.name, "add") != 0 && !operands.empty()) readers += operands[0] == "-";
+  if (readers > 1) throw UsageError{"standard input (\"-\") can serve only one purpose"};
+  if (!passwordFile.empty())
+    options.password = ziputil_tool::readPasswordFile(passwordFile);
+  else if (!passwordGiven)
+    if (char const* fromEnvironment = std::getenv(ziputil_tool::kPasswordVariable)) options.password = fromEnvironment;
   return operands;
 }
 
@@ -127,11 +263,13 @@ int runCommand(Command const& command, Options const& options, std::vector<std::
     return ziputil_tool::catEntry(options, operands[0], operands[1]);
   }
   if (name == "extract") {
-    requireOperands(operands, 1, 2);
-    return ziputil_tool::extractArchive(options, operands[0], operands.size() > 1 ? operands[1] : ".");
+    requireOperands(operands, 1, static_cast<std::size_t>(-1));
+    Options selected = options;
+    selected.patterns.assign(operands.begin() + 1, operands.end());
+    return ziputil_tool::extractArchive(selected, operands[0]);
   }
   if (name == "add") {
-    requireOperands(operands, 2, static_cast<std::size_t>(-1));
+    requireOperands(operands, options.filesFrom.empty() ? 2 : 1, static_cast<std::size_t>(-1));
     return ziputil_tool::addToArchive(options, operands[0], {operands.begin() + 1, operands.end()});
   }
   requireOperands(operands, 1, 1);
@@ -148,6 +286,10 @@ int main(int argc, char** argv) {
   std::string first = argv[1];
   if (first == "--help" || first == "-h" || first == "help") {
     printUsage(stdout);
+    return 0;
+  }
+  if (first == "--version") {
+    std::printf("ziputil %s\n", libraryVersion());
     return 0;
   }
   Command const* command = findCommand(first);

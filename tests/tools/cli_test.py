@@ -3,8 +3,11 @@
 ZIPUTIL_PROGRAM names the program under test. Every test works in its own
 temporary folder on real files, and checks output and exit status.
 """
+import json
 import os
+import re
 import shutil
+import stat
 import struct
 import subprocess
 import tempfile
@@ -16,8 +19,17 @@ import zlib
 PROGRAM = os.environ.get("ZIPUTIL_PROGRAM", "ziputil")
 
 
+# The program's environment: no password from the caller's.
+ENVIRONMENT = {name: value for name, value in os.environ.items() if name != "ZIPUTIL_PASSWORD"}
+
+
 def run(*args, cwd=None, stdin=None, timeout=120):
-    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout)
+    """Runs the program; standard input is `stdin`'s bytes, or empty (never the caller's terminal)."""
+    if stdin is None:
+        return subprocess.run([PROGRAM, *args], cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True,
+                              timeout=timeout, env=ENVIRONMENT)
+    return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout,
+                          env=ENVIRONMENT)
 
 
 def unzip_tests_every_entry(archive):
@@ -161,6 +173,27 @@ class UsageTest(CliTestCase):
         self.assertIn(b"CRC-32", run("test", "--help").stdout)
         self.assertIn(b"overlap", run("test", "--help").stdout)
 
+    def test_version_is_the_librarys(self):
+        with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "CMakeLists.txt")) as f:
+            version = re.search(r"project\(ziputil VERSION ([0-9.]+)", f.read()).group(1)
+        result = run("--version")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode(), "ziputil %s\n" % version)
+        self.assertEqual(result.stderr, b"")
+
+    def test_help_documents_every_exit_status(self):
+        overview = run("--help").stdout.decode()
+        for words in ("  0  success", "  1  failure", "  2  usage error", "128 plus the\nsignal's number"):
+            self.assertIn(words, overview)
+
+    def test_each_exit_status(self):
+        archive = self.path("a.zip")
+        make_zip(archive, [("a.txt", b"a")])
+        self.assertResult(run("cat", archive, "a.txt"), 0)
+        self.assertResult(run("cat", archive, "b.txt"), 1)
+        self.assertResult(run("cat", archive), 2)
+        self.assertResult(run("cat", archive, "a.txt", "--no-such-option"), 2)
+
     def test_usage_errors_exit_2(self):
         for args in ([], ["frobnicate"], ["list"], ["list", "a", "b"], ["cat", "a.zip"], ["add", "a.zip"],
                      ["list", "--bogus", "a.zip"], ["add", "--level", "10", "a.zip", "x"],
@@ -190,8 +223,17 @@ class ListTest(CliTestCase):
         compressed = zipfile.ZipFile(archive).getinfo("data.txt").compress_size
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        fields = result.stdout.decode().split()
-        self.assertEqual(fields, ["1000", str(compressed), "2021-03-04", "05:06", "data.txt"])
+        rule = "------------ ------------ ----- ---------------- ---------- ----"
+        percent = "%d%%" % round(100 * (1000 - compressed) / 1000)
+        self.assertEqual(result.stdout.decode().splitlines(), [
+            "        Size   Compressed Ratio Date       Time  Mode       Name", rule,
+            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent), rule,
+            "%12d %12d %5s %27s 1 entry" % (1000, compressed, percent, "")])
+        quiet = run("list", "--long", "-q", archive)
+        self.assertEqual(quiet.stdout.decode().splitlines(), [
+            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent)])
+        raw = raw_zip(self.path("dos.zip"), [raw_entry("dos.txt", b"")])  # made on MS-DOS: no mode
+        self.assertTrue(run("list", "-lq", raw).stdout.decode().endswith(" 1980-01-01 00:00            dos.txt\n"))
 
     def test_long_listing_shows_sizes_from_2_63_up_unsigned(self):
         archive = raw_zip(self.path("huge.zip"), [
@@ -200,17 +242,38 @@ class ListTest(CliTestCase):
         ])
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        self.assertEqual([line.split()[:2] + line.split()[-1:] for line in result.stdout.decode().splitlines()],
+        self.assertEqual([line.split()[:2] + line.split()[-1:] for line in result.stdout.decode().splitlines()[2:]],
                          [[str(2 ** 63), str(2 ** 63 + 5), "huge.bin"],
-                          [str(2 ** 64 - 1), str(2 ** 63 - 1), "top.bin"]])
+                          [str(2 ** 64 - 1), str(2 ** 63 - 1), "top.bin"],
+                          ["-" * 12, "-" * 12, "----"],
+                          [str(2 ** 63 + 2 ** 64 - 1), str(2 ** 64 + 4), "entries"]])  # totals past 64 bits
 
     def test_not_an_archive_names_the_uri(self):
         archive = self.write("plain #1.txt", b"this is not a zip archive" * 10)
         result = run("list", archive)
         self.assertResult(result, 1)
-        expected = "ziputil: File is not a valid ZIP archive. (file://%s)\n" % \
-            archive.replace("%", "%25").replace(" ", "%20").replace("#", "%23")
-        self.assertEqual(result.stderr.decode(), expected)
+        self.assertEqual(result.stderr.decode(), "ziputil: File is not a valid ZIP archive. (%s)\n" % archive)
+
+    def test_messages_name_local_paths_as_typed(self):
+        self.write("caf\u00e9 100%/a b #1.zip", b"not an archive, but long enough to hold an end record? no" * 3)
+        typed = "caf\u00e9 100%/a b #1.zip"
+        for command in (["list"], ["test"], ["cat"], ["extract"], ["add"]):
+            with self.subTest(command=command):
+                extra = {"cat": ["x"], "add": ["caf\u00e9 100%"]}.get(command[0], [])
+                result = run(*command, typed, *extra, cwd=self.dir)
+                self.assertResult(result, 1)
+                err = result.stderr.decode()
+                self.assertTrue(err.endswith("(%s)\n" % typed), err)
+                self.assertNotIn("%20", err)
+                self.assertNotIn("%C3", err)
+                self.assertNotIn("file:", err)
+        uri = "file://" + self.path(typed).replace("%", "%25").replace(" ", "%20").replace("#", "%23")
+        as_uri = run("list", uri)
+        self.assertResult(as_uri, 1)
+        self.assertTrue(as_uri.stderr.decode().endswith("(%s)\n" % uri))  # a URI when typed as one
+        missing = run("list", "gone \u00fc.zip", cwd=self.dir)
+        self.assertResult(missing, 1)
+        self.assertTrue(missing.stderr.decode().endswith("(gone \u00fc.zip)\n"), missing.stderr)
 
     def test_missing_archive_fails_with_one_line(self):
         result = run("list", self.path("missing.zip"))
@@ -219,7 +282,7 @@ class ListTest(CliTestCase):
         self.assertEqual(len(lines), 1)
         self.assertTrue(lines[0].startswith("ziputil: "))
         self.assertIn("No such file or directory", lines[0])
-        self.assertTrue(lines[0].endswith("missing.zip)"))
+        self.assertTrue(lines[0].endswith("(%s)" % self.path("missing.zip")), lines[0])
 
     def test_archive_path_with_any_characters_and_file_uri(self):
         archive = self.path("w\u00e9ird #? %41 name.zip")
@@ -256,7 +319,7 @@ class NamesTest(CliTestCase):
         self.assertResult(result, 0)
         self.assertEqual(result.stdout.decode().splitlines(), [first, "d\u00fcr/", second, "caf\u00e9 utf8.txt"])
         out = self.path("out")
-        self.assertResult(run("extract", archive, out), 0)
+        self.assertResult(run("extract", archive, "-d", out), 0)
         for name, data in ((first, b"first half"), (second, b"second half")):
             with open(os.path.join(out, name), "rb") as f:
                 self.assertEqual(f.read(), data)
@@ -282,7 +345,7 @@ class NamesTest(CliTestCase):
             raw_entry(b"dir/ab.txt ", b"trailing blank"),
             raw_entry(b"other.txt", b"other"),
         ])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode().splitlines()
         self.assertEqual(err, [
@@ -298,12 +361,12 @@ class NamesTest(CliTestCase):
         self.assertEqual(sorted(os.listdir(out)), ["caf\u00e9.txt", "dir", "other.txt"])
         self.assertEqual(os.listdir(os.path.join(out, "dir")), ["ab.txt"])
 
-    def test_an_earlier_run_is_overwritten_without_complaint(self):
+    def test_an_earlier_run_is_overwritten_with_o_without_complaint(self):
         archive = self.path("again.zip")
         make_zip(archive, [("a.txt", b"a"), ("d/b.txt", b"b")])
         out = self.path("out")
-        self.assertResult(run("extract", archive, out), 0)
-        result = run("extract", archive, out)
+        self.assertResult(run("extract", archive, "-d", out), 0)
+        result = run("extract", "-o", archive, "-d", out)
         self.assertResult(result, 0)
         self.assertEqual(result.stderr, b"")
 
@@ -322,7 +385,7 @@ class NamesTest(CliTestCase):
         self.assertEqual(result.stdout.decode().splitlines(), self.SHOWN)
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        self.assertEqual([line[44:] for line in result.stdout.decode().splitlines()], self.SHOWN)
+        self.assertEqual([line[60:] for line in result.stdout.decode().splitlines()[2:-2]], self.SHOWN)
         for raw in (result.stdout, run("list", archive).stdout):
             self.assertFalse(any(b < 0x20 and b != 0x0a or b == 0x7f for b in raw), raw)
             self.assertNotIn("\u0085".encode(), raw)
@@ -330,7 +393,7 @@ class NamesTest(CliTestCase):
     def test_a_newline_cannot_forge_a_listing_line(self):
         archive = self.path("forged.zip")
         make_zip(archive, [("harmless.txt\n     1000         10 2020-01-01 00:00  forged.txt", b"x")])
-        for args in (["list"], ["list", "--long"]):
+        for args in (["list"], ["list", "--long", "-q"]):
             result = run(*args, archive)
             self.assertResult(result, 0)
             lines = result.stdout.decode().splitlines()
@@ -345,7 +408,7 @@ class NamesTest(CliTestCase):
         self.assertResult(result, 1)
         self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
         self.assertIn(b'bad entry "bad^Jentry.txt": ', result.stderr)
-        result = run("extract", archive, self.path("out"))
+        result = run("extract", archive, "-d", self.path("out"))
         self.assertResult(result, 1)
         self.assertEqual(result.stderr.count(b"\n"), 3, result.stderr)
         self.assertIn(b'"bad^Jentry.txt": ', result.stderr)
@@ -408,7 +471,7 @@ class ExtractTest(CliTestCase):
         archive = self.path("tree.zip")
         subprocess.run(["zip", "-q", "-r", archive, "tree"], cwd=self.dir, check=True)
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 0)
         for name, data in files.items():
             with open(os.path.join(out, name), "rb") as f:
@@ -429,7 +492,7 @@ class ExtractTest(CliTestCase):
         make_zip(archive, [("good.txt", b"good"), ("../evil.txt", b"evil"), ("a/../../evil2.txt", b"evil"),
                            ("after.txt", b"after")])
         out = self.path("out")
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         self.assertIn('"../evil.txt"', err)
@@ -449,7 +512,7 @@ class ExtractTest(CliTestCase):
         os.symlink(os.path.join(outside, "file.txt"), os.path.join(out, "filelink"))
         archive = self.path("link.zip")
         make_zip(archive, [("link/x.txt", b"x"), ("filelink", b"y"), ("ok.txt", b"ok")])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         self.assertIn('"link/x.txt"', err)
@@ -464,7 +527,7 @@ class ExtractTest(CliTestCase):
         data = bytearray(open(archive, "rb").read())
         data[100:120] = bytes(b ^ 0x5A for b in data[100:120])  # inside the entry's data
         open(archive, "wb").write(bytes(data))
-        result = run("extract", archive, self.path("out"))
+        result = run("extract", archive, "-d", self.path("out"))
         self.assertResult(result, 1)
         self.assertIn(b'"a.txt"', result.stderr)
 
@@ -553,13 +616,13 @@ class ExtractSafetyTest(CliTestCase):
             [["--password", "wrong", encrypted], [encrypted], ["--password", "wrong", self.path("stored-crc.zip")]]
         for args in runs:
             with self.subTest(args=args):
-                result = run("extract", *args, out)
+                result = run("extract", "-o", *args, "-d", out)
                 self.assertResult(result, 1)
                 self.assertTrue(result.stderr.startswith(b'ziputil: bad entry "t.txt": '), result.stderr)
                 self.assertEqual(result.stderr.count(b"\n"), 1)
                 self.assertUntouched(path, data)
                 self.assertEqual(os.listdir(out), ["t.txt"])
-        self.assertResult(run("extract", "-P", "right", encrypted, out), 0)
+        self.assertResult(run("extract", "-o", "-P", "right", encrypted, "-d", out), 0)
         with open(path, "rb") as f:
             self.assertEqual(f.read(), b"encrypted contents\n" * 100)
 
@@ -577,7 +640,7 @@ class ExtractSafetyTest(CliTestCase):
             names.append("null")
         archive = self.path("special.zip")
         make_zip(archive, [(name, b"written into a special file") for name in names] + [("ok.txt", b"ok")])
-        result = run("extract", archive, out, timeout=30)  # opening the FIFO for writing would wait for a reader
+        result = run("extract", archive, "-d", out, timeout=30)  # opening the FIFO for writing would wait for a reader
         self.assertResult(result, 1)
         err = result.stderr.decode()
         for name in names:
@@ -597,7 +660,7 @@ class ExtractSafetyTest(CliTestCase):
         os.link(outside, os.path.join(out, "a.txt"))
         archive = self.path("link.zip")
         make_zip(archive, [("a.txt", b"from the archive")])
-        self.assertResult(run("extract", archive, out), 0)
+        self.assertResult(run("extract", "-o", archive, "-d", out), 0)
         with open(os.path.join(out, "a.txt"), "rb") as f:
             self.assertEqual(f.read(), b"from the archive")
         self.assertUntouched(outside, data)
@@ -613,7 +676,7 @@ class ExtractSafetyTest(CliTestCase):
         archive = self.path("links.zip")
         make_zip(archive, [("a/b/link/x.txt", b"x"), ("a/b/link/", None), ("a/b/link/deeper/y.txt", b"y"),
                            ("a/up/outside/z.txt", b"z"), ("a/b/ok.txt", b"ok")])
-        result = run("extract", archive, out)
+        result = run("extract", archive, "-d", out)
         self.assertResult(result, 1)
         err = result.stderr.decode()
         for name in ("a/b/link/x.txt", "a/b/link/", "a/b/link/deeper/y.txt", "a/up/outside/z.txt"):
@@ -641,7 +704,7 @@ class ExtractSafetyTest(CliTestCase):
         env = dict(os.environ, LD_PRELOAD=shim, ZIPUTIL_SWAP_FOLDER=os.path.join(out, "sub"),
                    ZIPUTIL_SWAP_AWAY=os.path.join(out, "moved"), ZIPUTIL_SWAP_TARGET=outside,
                    ASAN_OPTIONS=(os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":"))
-        result = subprocess.run([PROGRAM, "extract", archive, out], env=env, capture_output=True, timeout=120)
+        result = subprocess.run([PROGRAM, "extract", archive, "-d", out], env=env, capture_output=True, timeout=120)
         self.assertTrue(os.path.islink(os.path.join(out, "sub")), "the swap did not happen")
         self.assertEqual(os.listdir(outside), [])
         self.assertEqual(result.returncode, 1, result.stderr)
@@ -652,11 +715,10 @@ class ExtractSafetyTest(CliTestCase):
         self.assertEqual(self.leftovers(out), [])
 
     def test_new_files_follow_the_umask(self):
-        archive = self.path("modes.zip")
-        make_zip(archive, [("d/f.txt", b"f")])
+        archive = raw_zip(self.path("modes.zip"), [raw_entry("d/f.txt", b"f")])  # made on MS-DOS: no mode
         for mask, mode in ((0o022, 0o644), (0o077, 0o600), (0o002, 0o664)):
             out = self.path("out%o" % mask)
-            result = subprocess.run([PROGRAM, "extract", archive, out], capture_output=True, timeout=120,
+            result = subprocess.run([PROGRAM, "extract", archive, "-d", out], capture_output=True, timeout=120,
                                     preexec_fn=lambda: os.umask(mask))
             self.assertResult(result, 0)
             self.assertEqual(os.stat(os.path.join(out, "d", "f.txt")).st_mode & 0o777, mode)
@@ -670,7 +732,7 @@ class ExtractSafetyTest(CliTestCase):
                     entry.write(chunk)
         path, data = self.precious("out/big.bin")
         out = self.path("out")
-        process = subprocess.Popen([PROGRAM, "extract", archive, out], stderr=subprocess.PIPE)
+        process = subprocess.Popen([PROGRAM, "extract", "-o", archive, "-d", out], stderr=subprocess.PIPE)
         seen = False
         deadline = time.monotonic() + 60
         while process.poll() is None and time.monotonic() < deadline:
@@ -720,15 +782,16 @@ class AddTest(CliTestCase):
     def test_levels(self):
         self.write("big.txt", b"compressible text " * 5000)
         sizes = {}
-        for level in ("0", "9"):
+        for level, method in (("0", zipfile.ZIP_STORED), ("1", zipfile.ZIP_DEFLATED), ("9", zipfile.ZIP_DEFLATED)):
             archive = self.path("l%s.zip" % level)
             self.assertResult(run("add", "--level", level, archive, "big.txt", cwd=self.dir), 0)
             with zipfile.ZipFile(archive) as z:
                 info = z.getinfo("big.txt")
-                self.assertEqual(info.compress_type, zipfile.ZIP_DEFLATED)
+                self.assertEqual(info.compress_type, method)
                 self.assertEqual(z.read("big.txt"), b"compressible text " * 5000)
                 sizes[level] = info.compress_size
-        self.assertGreater(sizes["0"], 90000)
+            self.assertResult(run("test", archive), 0)
+        self.assertEqual(sizes["0"], 90000)  # stored: the bytes as they are
         self.assertLess(sizes["9"], 2000)
 
     def test_appends_to_existing_archive(self):
@@ -771,6 +834,777 @@ class AddTest(CliTestCase):
         self.assertResult(run("add", archive, "d", cwd=self.dir), 0)
         with zipfile.ZipFile(archive) as z:
             self.assertEqual(z.namelist(), ["d/", "d/a.txt"])
+
+
+def snapshot(root):
+    """Everything below root that extraction restores: kind, permission bits, whole-second
+    modification time, and the bytes of a file or the target of a link."""
+    found = {}
+    for folder, dirs, files in os.walk(root):
+        for name in dirs + files:
+            full = os.path.join(folder, name)
+            st = os.lstat(full)
+            kind = stat.S_IFMT(st.st_mode)
+            if stat.S_ISLNK(st.st_mode):
+                content = os.readlink(full)
+            elif stat.S_ISREG(st.st_mode):
+                with open(full, "rb") as f:
+                    content = f.read()
+            else:
+                content = None
+            found[os.path.relpath(full, root)] = (kind, stat.S_IMODE(st.st_mode), int(st.st_mtime), content)
+    return found
+
+
+def unix_entry(name, data, mode):
+    """A ZipInfo made on Unix with mode (st_mode bits) and its bytes."""
+    info = zipfile.ZipInfo(name, (2021, 3, 4, 5, 6, 8))
+    info.create_system = 3
+    info.external_attr = mode << 16
+    return info, data
+
+
+class MetadataTest(CliTestCase):
+    """What add stores beside the bytes, and what extract restores."""
+
+    def metadata_tree(self):
+        """A folder with modes, even-second times, empty folders, links and non-ASCII names."""
+        root = self.path("tree")
+        files = {"caf\u00e9 #1.txt": (b"coffee\n", 0o640), "run.sh": (b"#!/bin/sh\necho hi\n", 0o755),
+                 "sub/\u00fc ber/n\u00e4he.bin": (bytes(range(256)) * 9, 0o600), "ro.txt": (b"read only", 0o444),
+                 "sub/empty.txt": (b"", 0o644)}
+        for name, (data, mode) in files.items():
+            full = self.write(os.path.join("tree", name), data)
+            os.chmod(full, mode)
+        os.makedirs(os.path.join(root, "empty"))
+        os.makedirs(os.path.join(root, "private", "inner empty"))
+        os.chmod(os.path.join(root, "private"), 0o700)
+        os.chmod(os.path.join(root, "private", "inner empty"), 0o750)
+        os.symlink("caf\u00e9 #1.txt", os.path.join(root, "to file"))
+        os.symlink("../run.sh", os.path.join(root, "sub", "up to run"))
+        os.symlink("sub", os.path.join(root, "to folder"))
+        os.symlink("not there", os.path.join(root, "dangling"))
+        stamp = time.mktime((2019, 7, 14, 10, 20, 30, 0, 0, -1))
+        for folder, dirs, names in os.walk(root, topdown=False):
+            for name in dirs + names:
+                stamp += 2
+                os.utime(os.path.join(folder, name), (stamp, stamp), follow_symlinks=False)
+        os.utime(root, (stamp + 2, stamp + 2))
+        return root
+
+    def test_folder_survives_add_then_extract_exactly(self):
+        root = self.metadata_tree()
+        before = snapshot(root)
+        archive = self.path("meta.zip")
+        self.assertResult(run("add", archive, "tree", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            for info in z.infolist():
+                self.assertEqual(info.create_system, 3, info.filename)
+            link = z.getinfo("tree/to file")
+            self.assertTrue(stat.S_ISLNK(link.external_attr >> 16))
+            self.assertEqual(z.read(link), "caf\u00e9 #1.txt".encode())
+            self.assertEqual(stat.S_IMODE(z.getinfo("tree/run.sh").external_attr >> 16), 0o755)
+            self.assertIn("tree/private/inner empty/", z.namelist())
+        out = self.path("out")
+        result = run("extract", archive, "-d", out)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"")
+        after = snapshot(os.path.join(out, "tree"))
+        self.assertEqual(after, before)
+        self.assertEqual(int(os.stat(os.path.join(out, "tree")).st_mtime), int(os.stat(root).st_mtime))
+
+    def test_folder_round_trips_through_info_zip_unzip(self):
+        root = self.metadata_tree()
+        before = snapshot(root)
+        archive = self.path("meta.zip")
+        self.assertResult(run("add", archive, "tree", cwd=self.dir), 0)
+        listing = subprocess.run(["unzip", "-Z", archive], capture_output=True)
+        self.assertEqual(listing.returncode, 0, listing.stderr)
+        lines = listing.stdout.decode().splitlines()
+
+        def line_of(name):
+            matching = [line for line in lines if line.endswith(" " + name)]
+            self.assertEqual(len(matching), 1, (name, lines))
+            return matching[0]
+        self.assertTrue(line_of("tree/caf\u00e9 #1.txt").startswith("-rw-r----- "))
+        self.assertTrue(line_of("tree/run.sh").startswith("-rwxr-xr-x "))
+        self.assertTrue(line_of("tree/private/").startswith("drwx------ "))
+        self.assertTrue(line_of("tree/to file").startswith("lrwxrwxrwx "))
+        self.assertIn(" unx ", line_of("tree/to file"))
+        tested = subprocess.run(["unzip", "-t", archive], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        self.assertNotIn(b"mismatching", tested.stdout + tested.stderr)
+        out = self.path("by unzip")
+        unpacked = subprocess.run(["unzip", "-q", "-d", out, archive], capture_output=True)
+        self.assertEqual(unpacked.returncode, 0, unpacked.stdout + unpacked.stderr)
+        self.assertNotIn(b"mismatching", unpacked.stdout + unpacked.stderr)
+
+        def but_link_times(found):  # Info-ZIP unzip leaves a link's own time as it was made
+            return {name: (k, m, None if stat.S_ISLNK(k) else t, c) for name, (k, m, t, c) in found.items()}
+        self.assertEqual(but_link_times(snapshot(os.path.join(out, "tree"))), but_link_times(before))
+
+        # and back: an archive of that folder made by Info-ZIP zip comes out the same through ziputil
+        again = self.path("again.zip")
+        subprocess.run(["zip", "-q", "-r", "-y", again, "tree"], cwd=out, check=True)
+        out2 = self.path("out2")
+        self.assertResult(run("extract", again, "-d", out2), 0)
+        self.assertEqual(but_link_times(snapshot(os.path.join(out2, "tree"))), but_link_times(before))
+
+    def test_encrypted_archive_opens_in_other_tools(self):
+        data = b"the secret contents\n" * 50
+        self.write("s/secret.txt", data)
+        self.write("s/small.txt", b"x")
+        archive = self.path("enc.zip")
+        self.assertResult(run("add", "--password", "right pw", archive, "s", cwd=self.dir), 0)
+        unzipped = subprocess.run(["unzip", "-p", "-P", "right pw", archive, "s/secret.txt"], capture_output=True)
+        self.assertEqual(unzipped.returncode, 0, unzipped.stderr)
+        self.assertEqual(unzipped.stdout, data)
+        wrong = subprocess.run(["unzip", "-p", "-P", "wrong", archive, "s/secret.txt"], capture_output=True)
+        self.assertNotEqual(wrong.returncode, 0)
+        with zipfile.ZipFile(archive) as z:
+            z.setpassword(b"right pw")
+            self.assertEqual(z.read("s/secret.txt"), data)
+            self.assertEqual(z.read("s/small.txt"), b"x")
+            self.assertTrue(z.getinfo("s/secret.txt").flag_bits & 0x9 == 0x9)  # encrypted, streamed
+        seven = subprocess.run(["7z", "x", "-so", "-pright pw", archive, "s/secret.txt"], capture_output=True)
+        self.assertEqual(seven.returncode, 0, seven.stderr)
+        self.assertEqual(seven.stdout, data)
+        tested = subprocess.run(["7z", "t", "-pright pw", archive], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        bsdtar = subprocess.run(["bsdtar", "-x", "-O", "--passphrase", "right pw", "-f", archive, "s/secret.txt"],
+                                capture_output=True)
+        self.assertEqual(bsdtar.returncode, 0, bsdtar.stderr)
+        self.assertEqual(bsdtar.stdout, data)
+        self.assertEqual(run("cat", "-P", "right pw", archive, "s/secret.txt").stdout, data)
+
+    def test_link_loops_are_stored_as_links_without_hanging(self):
+        os.makedirs(self.path("d", "sub"))
+        os.symlink("loop2", self.path("d", "loop1"))
+        os.symlink("loop1", self.path("d", "loop2"))
+        os.symlink("..", self.path("d", "sub", "parent"))  # a walk that followed links would never end
+        os.symlink(self.path("d"), self.path("top link"))
+        archive = self.path("loops.zip")
+        self.assertResult(run("add", archive, "d", "top link", cwd=self.dir, timeout=30), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["d/", "d/loop1", "d/loop2", "d/sub/", "d/sub/parent", "top link"])
+            self.assertEqual(z.read("d/loop1"), b"loop2")
+            self.assertEqual(z.read("d/sub/parent"), b"..")
+            self.assertEqual(z.read("top link"), self.path("d").encode())
+            for name in ("d/loop1", "d/sub/parent", "top link"):
+                self.assertEqual(z.getinfo(name).external_attr >> 16, 0o120777)
+
+    def test_links_leading_outside_are_refused_by_name(self):
+        archive = self.path("links.zip")
+        entries = [unix_entry("file.txt", b"inside", 0o100644),
+                   unix_entry("sub/ok", b"../file.txt", 0o120777),
+                   unix_entry("sub/dot", b"./../sub/./", 0o120777),
+                   unix_entry("up", b"../outside", 0o120777),
+                   unix_entry("sub/deep", b"../../x", 0o120777),
+                   unix_entry("abs", b"/etc/passwd", 0o120777),
+                   unix_entry("self", b".", 0o120777),
+                   unix_entry("via", b"self/../escape", 0o120777),
+                   unix_entry("empty", b"", 0o120777),
+                   unix_entry("nul", b"a\0b", 0o120777),
+                   unix_entry("after.txt", b"after", 0o100600)]
+        with zipfile.ZipFile(archive, "w") as z:
+            for info, data in entries:
+                z.writestr(info, data)
+        out = self.path("out")
+        result = run("extract", archive, "-d", out)
+        self.assertResult(result, 1)
+        lines = sorted(result.stderr.decode().splitlines())
+        self.assertEqual(lines, sorted([
+            'ziputil: refusing to extract "up": its link target ../outside leads outside the target folder',
+            'ziputil: refusing to extract "sub/deep": its link target ../../x leads outside the target folder',
+            'ziputil: refusing to extract "abs": its link target /etc/passwd is an absolute path',
+            'ziputil: refusing to extract "via": its link target self/../escape has ".." after a name',
+            'ziputil: refusing to extract "empty": its link target is empty',
+            'ziputil: refusing to extract "nul": its link target holds a NUL byte']))
+        self.assertEqual(os.readlink(os.path.join(out, "sub", "ok")), "../file.txt")
+        self.assertEqual(os.readlink(os.path.join(out, "sub", "dot")), "./../sub/./")
+        self.assertEqual(os.readlink(os.path.join(out, "self")), ".")
+        for name in ("up", "abs", "via", "empty", "nul"):
+            self.assertFalse(os.path.lexists(os.path.join(out, name)), name)
+        self.assertFalse(os.path.lexists(os.path.join(out, "sub", "deep")))
+        with open(os.path.join(out, "sub", "ok"), "rb") as f:
+            self.assertEqual(f.read(), b"inside")
+        self.assertEqual(os.stat(os.path.join(out, "after.txt")).st_mode & 0o7777, 0o600)
+
+    def test_set_id_and_sticky_bits_are_never_restored(self):
+        archive = self.path("setid.zip")
+        entries = [unix_entry("suid", b"#!/bin/sh\n", 0o104755), unix_entry("sgid", b"x", 0o102750),
+                   unix_entry("sticky/", b"", 0o041777), unix_entry("sticky/f", b"f", 0o100640)]
+        with zipfile.ZipFile(archive, "w") as z:
+            for info, data in entries:
+                z.writestr(info, data)
+        out = self.path("out")
+        self.assertResult(run("extract", archive, "-d", out), 0)
+        self.assertEqual(os.stat(os.path.join(out, "suid")).st_mode & 0o7777, 0o755)
+        self.assertEqual(os.stat(os.path.join(out, "sgid")).st_mode & 0o7777, 0o750)
+        self.assertEqual(os.stat(os.path.join(out, "sticky")).st_mode & 0o7777, 0o777)
+        self.assertEqual(os.stat(os.path.join(out, "sticky", "f")).st_mode & 0o7777, 0o640)
+        self.assertEqual(os.stat(os.path.join(out, "suid")).st_mtime, time.mktime((2021, 3, 4, 5, 6, 8, 0, 0, -1)))
+
+    def test_a_link_target_that_cannot_be_read_is_named(self):
+        archive = self.path("long.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(*unix_entry("long", b"a/" * 3000, 0o120777))
+        result = run("extract", archive, "-d", self.path("out"))
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr, b'ziputil: refusing to extract "long": its link target is too long\n')
+
+
+class SelectionTest(CliTestCase):
+    """extract ARCHIVE [ENTRY|PATTERN...] [-d DIR] [-x PATTERN...] and what it does with existing files."""
+
+    def archive(self):
+        archive = self.path("sel.zip")
+        make_zip(archive, [("docs/", None), ("docs/a.txt", b"a"), ("docs/b.md", b"b"), ("docs/sub/c.txt", b"c"),
+                           ("caf\u00e9 #1.txt", b"coffee"), ("top.txt", b"top"), ("[x].txt", b"bracket")])
+        return archive
+
+    def extracted(self, out):
+        found = []
+        for folder, dirs, files in os.walk(out):
+            found += [os.path.relpath(os.path.join(folder, name), out) + ("/" if name in dirs else "")
+                      for name in dirs + files]
+        return sorted(found)
+
+    def test_entries_and_patterns_select(self):
+        archive = self.archive()
+        cases = [
+            (["top.txt"], ["top.txt"]),
+            (["caf\u00e9 #1.txt"], ["caf\u00e9 #1.txt"]),
+            (["*.txt"], ["[x].txt", "caf\u00e9 #1.txt", "docs/", "docs/a.txt", "docs/sub/", "docs/sub/c.txt",
+                         "top.txt"]),
+            (["docs/*.md", "t?p.*"], ["docs/", "docs/b.md", "top.txt"]),
+            (["docs/"], ["docs/"]),
+            (["[[]x].txt"], ["[x].txt"]),
+        ]
+        for index, (patterns, expected) in enumerate(cases):
+            with self.subTest(patterns=patterns):
+                out = self.path("out%d" % index)
+                result = run("extract", archive, *patterns, "-d", out)
+                self.assertResult(result, 0)
+                self.assertEqual(result.stderr, b"")
+                self.assertEqual(self.extracted(out), expected)
+
+    def test_exclusions_leave_entries_out(self):
+        archive = self.archive()
+        out = self.path("out")
+        result = run("extract", archive, "-x", "*.txt", "*/sub/", "-d", out)
+        self.assertResult(result, 0)
+        self.assertEqual(self.extracted(out), ["docs/", "docs/b.md"])
+        out2 = self.path("out2")
+        self.assertResult(run("extract", archive, "docs/*", "--exclude", "*/sub/*", "-d", out2), 0)
+        self.assertEqual(self.extracted(out2), ["docs/", "docs/a.txt", "docs/b.md"])
+        with open(os.path.join(out2, "docs", "b.md"), "rb") as f:
+            self.assertEqual(f.read(), b"b")
+
+    def test_a_pattern_matching_nothing_is_named(self):
+        archive = self.archive()
+        out = self.path("out")
+        result = run("extract", archive, "top.txt", "nothing*", "doc", "-d", out)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.decode().splitlines(),
+                         ['ziputil: no entry matches "nothing*"', 'ziputil: no entry matches "doc"'])
+        self.assertEqual(self.extracted(out), ["top.txt"])
+
+    def test_existing_files_are_kept_and_named_by_default(self):
+        archive = self.archive()
+        out = self.path("out")
+        self.write("out/top.txt", b"mine")
+        self.write("out/docs/a.txt", b"mine too")
+        result = run("extract", archive, "-d", out)
+        self.assertResult(result, 1)
+        self.assertEqual(sorted(result.stderr.decode().splitlines()), [
+            'ziputil: refusing to extract "docs/a.txt": %s/docs/a.txt exists (-o replaces it, -n keeps it '
+            'without a word)' % out,
+            'ziputil: refusing to extract "top.txt": %s/top.txt exists (-o replaces it, -n keeps it without a '
+            'word)' % out])
+        for name, data in (("top.txt", b"mine"), ("docs/a.txt", b"mine too"), ("docs/b.md", b"b"),
+                           ("docs/sub/c.txt", b"c")):
+            with open(os.path.join(out, name), "rb") as f:
+                self.assertEqual(f.read(), data, name)
+
+    def test_n_keeps_existing_files_quietly(self):
+        archive = self.archive()
+        out = self.path("out")
+        self.write("out/top.txt", b"mine")
+        result = run("extract", "-n", archive, "-d", out)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"")
+        with open(os.path.join(out, "top.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"mine")
+        with open(os.path.join(out, "docs", "a.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"a")
+
+    def test_o_replaces_files_and_links_through_a_rename(self):
+        archive = self.path("links.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(*unix_entry("f.txt", b"new", 0o100644))
+            z.writestr(*unix_entry("l", b"f.txt", 0o120777))
+        out = self.path("out")
+        old = self.write("out/f.txt", b"old")
+        keep = self.path("kept")
+        os.link(old, keep)
+        os.symlink("elsewhere", os.path.join(out, "l"))
+        refused = run("extract", archive, "-d", out)
+        self.assertResult(refused, 1)
+        self.assertIn(b'refusing to extract "l": %s/l exists' % out.encode(), refused.stderr)
+        self.assertEqual(os.readlink(os.path.join(out, "l")), "elsewhere")
+        self.assertResult(run("extract", "-qo", archive, "-d", out), 0)
+        self.assertEqual(os.readlink(os.path.join(out, "l")), "f.txt")
+        with open(os.path.join(out, "f.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"new")
+        with open(keep, "rb") as f:  # renamed over, never written into
+            self.assertEqual(f.read(), b"old")
+        self.assertEqual(sorted(os.listdir(out)), ["f.txt", "l"])
+
+    def test_usage_errors(self):
+        archive = self.archive()
+        for args in (["-n", "-o", archive], ["-x", "-d", "out", archive], [archive, "-x"], [archive, "-d"],
+                     [archive, "-d", "-"], ["--bogus", archive]):
+            with self.subTest(args=args):
+                result = run("extract", *args, cwd=self.dir)
+                self.assertResult(result, 2)
+                self.assertTrue(result.stderr.startswith(b"ziputil extract: "), result.stderr)
+        self.assertFalse(os.path.exists(self.path("-")))
+        self.assertFalse(os.path.exists(self.path("out")))
+
+
+class QuietVerboseTest(CliTestCase):
+    """-q and -v on every command, and add's lists of paths."""
+
+    def test_quiet_prints_only_errors(self):
+        self.write("d/a.txt", b"a")
+        self.write("d/b.txt", b"b")
+        archive = self.path("q.zip")
+        for args in (["add", "-q", archive, "d"], ["test", "-q", archive], ["extract", "-q", archive, "-d", "out"]):
+            with self.subTest(args=args):
+                result = run(*args, cwd=self.dir)
+                self.assertResult(result, 0)
+                self.assertEqual((result.stdout, result.stderr), (b"", b""))
+        self.assertEqual(run("list", "-q", archive).stdout, b"d/\nd/a.txt\nd/b.txt\n")
+        self.assertEqual(run("cat", "-q", archive, "d/a.txt").stdout, b"a")
+        failing = run("extract", "-q", archive, "-d", "out", cwd=self.dir)  # the files are there now
+        self.assertResult(failing, 1)
+        self.assertEqual(failing.stdout, b"")
+        self.assertEqual(len(failing.stderr.splitlines()), 2)
+        code, output = self.run_with_terminal_stderr("test", "-q", archive)
+        self.assertEqual((code, output), (0, b""))  # no progress line either
+
+    def test_verbose_names_every_entry(self):
+        self.write("d/a.txt", b"a")
+        self.write("d/b.txt", b"bb")
+        archive = self.path("v.zip")
+        added = run("add", "-v", archive, "d", cwd=self.dir)
+        self.assertResult(added, 0)
+        self.assertEqual(added.stdout, b"adding: d/\nadding: d/a.txt\nadding: d/b.txt\n")
+        tested = run("test", "-v", archive)
+        self.assertResult(tested, 0)
+        self.assertEqual(tested.stdout.decode().splitlines(),
+                         ["testing: d/ OK", "testing: d/a.txt OK", "testing: d/b.txt OK",
+                          "No errors in 3 entries of %s" % archive])
+        self.write("out/d/a.txt", b"mine")
+        extracted = run("extract", "-vn", archive, "-d", "out", cwd=self.dir)
+        self.assertResult(extracted, 0)
+        self.assertEqual(extracted.stdout, b"extracting: d/\nkeeping: d/a.txt\nextracting: d/b.txt\n")
+        cat = run("cat", "-v", archive, "d/b.txt")
+        self.assertEqual((cat.stdout, cat.stderr), (b"bb", b"ziputil: d/b.txt: 2 bytes\n"))
+        listed = run("list", "-v", archive).stdout.decode().splitlines()
+        self.assertTrue(listed[-3].startswith("           2            4 "), listed)  # the long form
+        self.assertEqual(run("list", "-q", "-v", archive).returncode, 2)
+
+    def test_files_from_a_list_and_from_standard_input(self):
+        for name in ("a.txt", "b c.txt", "d/e.txt", "f.txt"):
+            self.write(name, name.encode())
+        with open(self.path("list"), "wb") as f:
+            f.write(b"a.txt\n\nb c.txt\r\nd\n")
+        archive = self.path("l.zip")
+        self.assertResult(run("add", "-@", "list", archive, "f.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["f.txt", "a.txt", "b c.txt", "d/", "d/e.txt"])
+        piped = self.path("p.zip")
+        self.assertResult(run("add", "--files-from", "-", piped, cwd=self.dir, stdin=b"d/e.txt\na.txt"), 0)
+        with zipfile.ZipFile(piped) as z:
+            self.assertEqual(z.namelist(), ["d/e.txt", "a.txt"])
+
+    def test_files_from_errors(self):
+        missing = run("add", "-@", "no list", self.path("x.zip"), cwd=self.dir)
+        self.assertResult(missing, 1)
+        self.assertEqual(missing.stderr, b"ziputil: cannot read the list no list: No such file or directory\n")
+        empty = run("add", "-@", "-", self.path("x.zip"), stdin=b"\n\n")
+        self.assertResult(empty, 1)
+        self.assertEqual(empty.stderr, b"ziputil: nothing to add: the lists name no path\n")
+        self.assertFalse(os.path.exists(self.path("x.zip")))
+        self.assertResult(run("add", "-@"), 2)
+        self.assertResult(run("extract", "-@", "list", self.path("x.zip")), 2)
+
+
+class StandardStreamTest(CliTestCase):
+    """"-" as ARCHIVE: standard input for list, cat, test and extract; standard output for add."""
+
+    def sample(self):
+        archive = self.path("s.zip")
+        make_zip(archive, [("d/", None), ("d/a.txt", b"alpha"), ("b.txt", b"beta" * 1000)])
+        with open(archive, "rb") as f:
+            return archive, f.read()
+
+    def test_reading_commands_take_a_pipe_or_a_file_on_standard_input(self):
+        archive, data = self.sample()
+        for how in ("pipe", "file"):
+            with self.subTest(how=how):
+                def go(*args):
+                    if how == "pipe":
+                        return run(*args, stdin=data, cwd=self.dir)
+                    with open(archive, "rb") as f:
+                        return subprocess.run([PROGRAM, *args], stdin=f, capture_output=True, cwd=self.dir,
+                                              timeout=120)
+                listed = go("list", "-")
+                self.assertResult(listed, 0)
+                self.assertEqual(listed.stdout, b"d/\nd/a.txt\nb.txt\n")
+                self.assertEqual(go("cat", "-", "d/a.txt").stdout, b"alpha")
+                tested = go("test", "-")
+                self.assertResult(tested, 0)
+                self.assertEqual(tested.stdout, b"No errors in 3 entries of standard input\n")
+                out = self.path("out-" + how)
+                self.assertResult(go("extract", "-", "b.txt", "-d", out), 0)
+                self.assertEqual(os.listdir(out), ["b.txt"])
+                with open(os.path.join(out, "b.txt"), "rb") as f:
+                    self.assertEqual(f.read(), b"beta" * 1000)
+        self.assertEqual(sorted(os.listdir(self.dir)), ["out-file", "out-pipe", "s.zip"])  # no file named "-"
+
+    def test_errors_name_standard_input(self):
+        for data in (b"not an archive at all", b""):
+            for command in ("list", "test"):
+                with self.subTest(command=command, data=data):
+                    result = run(command, "-", stdin=data, cwd=self.dir)
+                    self.assertResult(result, 1)
+                    self.assertTrue(result.stderr.endswith(b" (standard input)\n"), result.stderr)
+                    self.assertEqual(result.stderr.count(b"\n"), 1)
+        self.assertEqual(os.listdir(self.dir), [])
+
+    def test_add_writes_a_new_archive_to_standard_output(self):
+        self.write("d/a.txt", b"alpha")
+        self.write("b.txt", b"beta")
+        result = run("add", "-v", "-", "d", "b.txt", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stderr, b"adding: d/\nadding: d/a.txt\nadding: b.txt\n")  # not into the archive
+        with open(self.path("out.zip"), "wb") as f:
+            f.write(result.stdout)
+        with zipfile.ZipFile(self.path("out.zip")) as z:
+            self.assertEqual(z.namelist(), ["d/", "d/a.txt", "b.txt"])
+            self.assertEqual(z.read("d/a.txt"), b"alpha")
+        self.assertFalse(os.path.exists(self.path("-")))
+        ok, report = unzip_tests_every_entry(self.path("out.zip"))
+        self.assertTrue(ok, report)
+        again = run("list", "-", stdin=result.stdout)
+        self.assertEqual(again.stdout, b"d/\nd/a.txt\nb.txt\n")
+
+    def test_terminals_are_refused(self):
+        import pty
+        self.write("a.txt", b"a")
+        for args, message in ((["add", "-", "a.txt"], b"ziputil: will not write an archive to a terminal\n"),
+                              (["list", "-"], b"ziputil: will not read an archive from a terminal\n")):
+            with self.subTest(args=args):
+                master, slave = pty.openpty()
+                try:
+                    result = subprocess.run([PROGRAM, *args], stdin=slave, stdout=slave, stderr=subprocess.PIPE,
+                                            cwd=self.dir, timeout=60)
+                finally:
+                    os.close(slave)
+                    os.close(master)
+                self.assertEqual(result.returncode, 1)
+                self.assertEqual(result.stderr, message)
+        self.assertEqual(os.listdir(self.dir), ["a.txt"])
+
+
+class PasswordTest(CliTestCase):
+    """Passwords from a file, the environment or the terminal; --password stays."""
+
+    def encrypted(self):
+        self.write("src/secret.txt", b"top secret\n")
+        self.write("src/plain.txt", b"plain\n")
+        archive = self.path("enc.zip")
+        subprocess.run(["zip", "-q", "-P", "right pw", archive, "secret.txt"], cwd=self.path("src"), check=True)
+        subprocess.run(["zip", "-q", archive, "plain.txt"], cwd=self.path("src"), check=True)
+        return archive
+
+    def without_password_variable(self):
+        return {name: value for name, value in os.environ.items() if name != "ZIPUTIL_PASSWORD"}
+
+    def test_password_file(self):
+        archive = self.encrypted()
+        with open(self.path("pw"), "wb") as f:
+            f.write(b"right pw\nsecond line ignored\n")
+        result = run("cat", "--password-file", self.path("pw"), archive, "secret.txt")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"top secret\n")
+        piped = run("test", "--password-file", "-", archive, stdin=b"right pw\r\n")
+        self.assertResult(piped, 0)
+        wrong = run("cat", "--password-file", "-", archive, "secret.txt", stdin=b"wrong pw")
+        self.assertResult(wrong, 1)
+        missing = run("cat", "--password-file", self.path("none"), archive, "secret.txt")
+        self.assertResult(missing, 1)
+        self.assertEqual(missing.stderr, b"ziputil: cannot read the password file %s: No such file or directory\n"
+                         % self.path("none").encode())
+        for args in (["--password", "x", "--password-file", self.path("pw"), archive, "secret.txt"],
+                     ["--password-file", "-", "-", "secret.txt"], ["--password-file"]):
+            with self.subTest(args=args):
+                usage = run("cat", *args)
+                self.assertResult(usage, 2)
+                self.assertTrue(usage.stderr.startswith(b"ziputil cat: "), usage.stderr)
+
+    def test_password_from_the_environment(self):
+        archive = self.encrypted()
+        env = dict(self.without_password_variable(), ZIPUTIL_PASSWORD="right pw")
+        result = subprocess.run([PROGRAM, "cat", archive, "secret.txt"], env=env, capture_output=True, timeout=60)
+        self.assertEqual((result.returncode, result.stdout), (0, b"top secret\n"), result.stderr)
+        overridden = subprocess.run([PROGRAM, "cat", "-P", "other", archive, "secret.txt"], env=env,
+                                    capture_output=True, timeout=60)
+        self.assertEqual(overridden.returncode, 1)
+        made = self.path("made.zip")
+        added = subprocess.run([PROGRAM, "add", made, "src/plain.txt"], env=env, capture_output=True,
+                               cwd=self.dir, timeout=60)
+        self.assertEqual(added.returncode, 0, added.stderr)
+        with zipfile.ZipFile(made) as z:
+            self.assertTrue(z.getinfo("src/plain.txt").flag_bits & 1)
+            self.assertEqual(z.read("src/plain.txt", pwd=b"right pw"), b"plain\n")
+
+    def run_on_terminal(self, args, typed):
+        """Runs with standard input on a pseudo-terminal; types `typed` once the prompt shows.
+        Returns the result, the prompt seen and what the terminal echoed."""
+        import pty
+        import select
+        master, slave = pty.openpty()
+        process = subprocess.Popen([PROGRAM, *args], stdin=slave, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                   env=self.without_password_variable())
+        os.close(slave)
+        try:
+            seen = b""
+            deadline = time.monotonic() + 30
+            while not seen.endswith(b": ") and time.monotonic() < deadline:
+                ready, _, _ = select.select([process.stderr], [], [], 1)
+                if ready:
+                    chunk = os.read(process.stderr.fileno(), 4096)
+                    if not chunk:
+                        break
+                    seen += chunk
+            if seen.endswith(b": "):
+                time.sleep(0.2)  # echo is off by the time the prompt is out; allow for the flush of input
+                os.write(master, typed)
+            stdout, stderr = process.communicate(timeout=60)
+            echoed = b""
+            while select.select([master], [], [], 0.2)[0]:
+                try:
+                    chunk = os.read(master, 4096)
+                except OSError:
+                    break
+                if not chunk:
+                    break
+                echoed += chunk
+            return process.returncode, stdout, seen + stderr, echoed
+        finally:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+            os.close(master)
+
+    def test_prompt_on_the_terminal_without_echo(self):
+        archive = self.encrypted()
+        code, stdout, stderr, echoed = self.run_on_terminal(["cat", archive, "secret.txt"], b"right pw\n")
+        self.assertEqual(code, 0, stderr)
+        self.assertEqual(stdout, b"top secret\n")
+        self.assertEqual(stderr, b"Password for %s: \n" % archive.encode())
+        self.assertNotIn(b"right pw", echoed)
+        out = self.path("out")
+        code, stdout, stderr, echoed = self.run_on_terminal(["extract", archive, "-d", out], b"right pw\n")
+        self.assertEqual(code, 0, stderr)
+        self.assertEqual(stderr.count(b"Password for"), 1)  # asked once for the run
+        with open(os.path.join(out, "secret.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"top secret\n")
+        code, stdout, stderr, echoed = self.run_on_terminal(["test", archive], b"wrong pw\n")
+        self.assertEqual(code, 1)
+        self.assertIn(b'bad entry "secret.txt"', stderr)
+
+    def test_no_prompt_without_an_encrypted_entry_or_a_terminal(self):
+        archive = self.encrypted()
+        code, stdout, stderr, echoed = self.run_on_terminal(["cat", archive, "plain.txt"], b"")
+        self.assertEqual((code, stdout, stderr), (0, b"plain\n", b""))
+        result = subprocess.run([PROGRAM, "cat", archive, "secret.txt"], stdin=subprocess.DEVNULL,
+                                capture_output=True, env=self.without_password_variable(), timeout=60)
+        self.assertEqual(result.returncode, 1)
+        self.assertNotIn(b"Password for", result.stderr)
+
+    def test_help_says_what_password_exposes(self):
+        overview = run("--help").stdout
+        self.assertIn(b"visible to other users of the machine in the process list", overview)
+        self.assertIn(b"ZIPUTIL_PASSWORD", overview)
+
+
+class ListFormsTest(CliTestCase):
+    """list's long form (header, modes, totals) and --json."""
+
+    def archive(self):
+        archive = self.path("forms.zip")
+        with zipfile.ZipFile(archive, "w", zipfile.ZIP_DEFLATED) as z:
+            z.writestr(*unix_entry("d/", b"", 0o040750))
+            info, data = unix_entry("d/run \"x\".sh", b"#!/bin/sh\n" * 100, 0o100755)
+            info.compress_type = zipfile.ZIP_DEFLATED
+            info.comment = "a comment\twith a tab".encode()
+            z.writestr(info, data)
+            z.writestr(*unix_entry("d/link", b"run.sh", 0o120777))
+            z.writestr(zipfile.ZipInfo("plain.txt", (1999, 12, 31, 23, 59, 58)), b"")
+        return archive
+
+    def test_long_form_shows_modes_and_totals(self):
+        archive = self.archive()
+        lines = run("list", "-l", archive).stdout.decode().splitlines()
+        self.assertEqual(len(lines), 8, lines)
+        self.assertTrue(lines[2].endswith(" 2021-03-04 05:06 drwxr-x--- d/"), lines[2])
+        self.assertTrue(lines[3].endswith(" -rwxr-xr-x d/run \"x\".sh"), lines[3])
+        self.assertTrue(lines[4].endswith(" lrwxrwxrwx d/link"), lines[4])
+        self.assertTrue(lines[5].endswith(" 1999-12-31 23:59 -rw------- plain.txt"), lines[5])  # zipfile's 0600
+        with zipfile.ZipFile(archive) as z:
+            size = sum(i.file_size for i in z.infolist())
+            compressed = sum(i.compress_size for i in z.infolist())
+        self.assertEqual(lines[7].split(), [str(size), str(compressed), "%d%%" % round(100 - 100 * compressed / size),
+                                            "4", "entries"])
+        self.assertEqual(run("list", "-v", archive).stdout.decode().splitlines(), lines)
+
+    def test_json_gives_every_field(self):
+        archive = self.archive()
+        result = run("list", "--json", archive)
+        self.assertResult(result, 0)
+        objects = [json.loads(line) for line in result.stdout.decode().splitlines()]
+        self.assertEqual(len(objects), 4)
+        with zipfile.ZipFile(archive) as z:
+            infos = z.infolist()
+        script = objects[1]
+        self.assertEqual(script, {
+            "name": "d/run \"x\".sh", "rawName": "d/run \"x\".sh", "nameUTF8": False, "directory": False,
+            "size": 1000, "compressedSize": infos[1].compress_size, "method": 8, "methodName": "deflated",
+            "crc32": "%08x" % infos[1].CRC, "time": "2021-03-04T05:06:08", "versionMadeBy": infos[1].create_system << 8
+            | infos[1].create_version, "system": 3, "externalAttributes": 0o100755 << 16, "mode": 0o100755,
+            "modeText": "-rwxr-xr-x", "link": False, "encrypted": False, "comment": "a comment\twith a tab",
+            "extra": ""})
+        self.assertEqual((objects[0]["name"], objects[0]["directory"], objects[0]["modeText"]),
+                         ("d/", True, "drwxr-x---"))
+        self.assertEqual((objects[2]["link"], objects[2]["target"], objects[2]["method"]), (True, "run.sh", 0))
+        self.assertEqual((objects[3]["mode"], objects[3]["modeText"], objects[3]["time"]),
+                         (0o600, "-rw-------", "1999-12-31T23:59:58"))  # zipfile writes no file type
+        raw = raw_zip(self.path("dos.zip"), [raw_entry("dos.txt", b"")])  # made on MS-DOS: no mode
+        dos = json.loads(run("list", "--json", raw).stdout)
+        self.assertEqual((dos["mode"], dos["modeText"], dos["system"], dos["time"]),
+                         (None, None, 0, "1980-01-01T00:00:00"))
+
+    def test_json_of_an_archive_made_by_add(self):
+        self.write("t/a b.txt", b"hello")
+        os.symlink("a b.txt", self.path("t", "l"))
+        archive = self.path("made.zip")
+        self.assertResult(run("add", "--password", "pw", archive, "t", cwd=self.dir), 0)
+        objects = [json.loads(line) for line in run("list", "--json", archive).stdout.decode().splitlines()]
+        self.assertEqual([(o["name"], o["method"], o["encrypted"], o["system"], o["link"]) for o in objects],
+                         [("t/", 0, True, 3, False), ("t/a b.txt", 8, True, 3, False), ("t/l", 8, True, 3, True)])
+        self.assertNotIn("target", objects[2])  # encrypted and no password given
+        with_password = run("list", "--json", "-P", "pw", archive).stdout.decode().splitlines()
+        self.assertEqual(json.loads(with_password[2])["target"], "a b.txt")
+
+    def test_names_in_json_are_escaped(self):
+        archive = raw_zip(self.path("ctl.zip"), [raw_entry(b"new\nline\x7f\xff.txt", b"x")])
+        line = run("list", "--json", archive).stdout
+        self.assertEqual(line.count(b"\n"), 1)
+        self.assertEqual(json.loads(line)["rawName"], "new\nline\x7f\ufffd.txt")
+
+
+SOURCE = os.path.dirname(os.path.abspath(__file__))
+MAN_PAGE = os.path.join(SOURCE, "..", "..", "tools", "ziputil.1")
+COMPLETION = os.path.join(SOURCE, "..", "..", "tools", "ziputil.bash-completion")
+
+# Every option, with a command that takes it and arguments that make it valid there.
+OPTIONS = {
+    "-h": ("list", []), "--help": ("list", []), "-q": ("list", []), "--quiet": ("list", []),
+    "-v": ("list", []), "--verbose": ("list", []), "-P": ("list", ["pw"]), "--password": ("list", ["pw"]),
+    "--password-file": ("list", ["PWFILE"]), "-l": ("list", []), "--long": ("list", []), "--json": ("list", []),
+    "-d": ("extract", ["out"]), "--folder": ("extract", ["out"]), "-x": ("extract", ["none"]),
+    "--exclude": ("extract", ["none"]), "-n": ("extract", []), "--never-overwrite": ("extract", []),
+    "-o": ("extract", []), "--overwrite": ("extract", []), "--level": ("add", ["5", "LIST"]),
+    "-@": ("add", ["LIST"]), "--files-from": ("add", ["LIST"]),
+}
+
+
+class DocumentationTest(CliTestCase):
+    """The man page and the bash completion cover every option, and are installed."""
+
+    def test_every_option_is_real_and_in_the_help(self):
+        archive = self.path("a.zip")
+        make_zip(archive, [("a.txt", b"a")])
+        self.write("pw", b"pw\n")
+        self.write("LIST", b"pw\n")
+        overview = run("--help").stdout.decode()
+        for option, (command, values) in OPTIONS.items():
+            with self.subTest(option=option):
+                args = [a.replace("PWFILE", self.path("pw")).replace("LIST", self.path("LIST")) for a in values]
+                operands = {"add": [self.path("new.zip")], "extract": [archive]}.get(command, [archive])
+                result = run(command, *operands, option, *args, cwd=self.dir)
+                self.assertNotIn(b"unknown option", result.stderr)
+                self.assertIn(result.returncode, (0, 1), result.stderr)
+                help_text = overview + run(command, "--help").stdout.decode()
+                self.assertRegex(help_text, r"(?<![\w-])%s(?![\w-])" % re.escape(option))
+        usage = "".join(run(command, "--help").stdout.decode().splitlines()[0]
+                        for command in ("list", "cat", "extract", "add", "test"))
+        self.assertEqual(set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", usage)) - set(OPTIONS), set())
+
+    def test_man_page_covers_every_option_command_and_status(self):
+        with open(MAN_PAGE) as f:
+            text = f.read().replace("\\-", "-")
+        for option in list(OPTIONS) + ["--version", "--"]:
+            self.assertRegex(text, r"(?<![\w-])%s(?![\w-])" % re.escape(option), option)
+        for word in ("list", "cat", "extract", "add", "test", "ZIPUTIL_PASSWORD", "EXIT STATUS", "PATTERNS"):
+            self.assertIn(word, text)
+        for status in ("0", "1", "2"):
+            self.assertIn(".TP\n.B %s\n" % status, text)
+        if shutil.which("groff"):
+            checked = subprocess.run(["groff", "-man", "-ww", "-z", MAN_PAGE], capture_output=True)
+            self.assertEqual((checked.returncode, checked.stderr), (0, b""))
+
+    def complete(self, *words):
+        """What the completion offers for the command line `words` (the last is being typed)."""
+        script = 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ziputil; ' \
+                 'printf "%s\\n" "${COMPREPLY[@]}"'
+        result = subprocess.run(["bash", "-c", script, "bash", COMPLETION, *words], capture_output=True,
+                                cwd=self.dir, timeout=30)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return sorted(line for line in result.stdout.decode().splitlines() if line)
+
+    def test_bash_completion_offers_commands_options_and_files(self):
+        with open(COMPLETION) as f:
+            words = set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", f.read()))
+        self.assertEqual(set(OPTIONS) - words, set())
+        self.assertEqual(self.complete("ziputil", "ex"), ["extract"])
+        self.assertEqual(self.complete("ziputil", ""), ["--help", "--version", "add", "cat", "extract", "list",
+                                                         "test"])
+        self.assertEqual(self.complete("ziputil", "extract", "--o"), ["--overwrite"])
+        self.assertEqual(self.complete("ziputil", "list", "--j"), ["--json"])
+        self.assertEqual(self.complete("ziputil", "cat", "--l"), [])
+        self.assertEqual(self.complete("ziputil", "add", "--level", ""), [str(n) for n in range(10)])
+        self.write("one.zip", b"")
+        self.write("notes.txt", b"")
+        os.makedirs(self.path("folder"))
+        self.assertEqual(self.complete("ziputil", "list", ""), ["folder", "one.zip"])
+        self.assertEqual(self.complete("ziputil", "add", "one.zip", "n"), ["notes.txt"])
+        self.assertEqual(self.complete("ziputil", "extract", "one.zip", "-d", ""), ["folder"])
+
+    def test_installed_beside_the_program(self):
+        prefix = os.path.dirname(os.path.dirname(shutil.which(PROGRAM) or PROGRAM))
+        if not os.path.isdir(os.path.join(prefix, "share")):
+            self.skipTest("the program under test is not an installed one")
+        for installed, source in ((os.path.join(prefix, "share", "man", "man1", "ziputil.1"), MAN_PAGE),
+                                  (os.path.join(prefix, "share", "bash-completion", "completions", "ziputil"),
+                                   COMPLETION)):
+            with open(installed, "rb") as a, open(source, "rb") as b:
+                self.assertEqual(a.read(), b.read(), installed)
 
 
 def leftovers(folder, archive_name):
@@ -991,7 +1825,7 @@ class CheckedReadingTest(CliTestCase):
     first, then each entry's size, end and CRC-32 when a read reaches its end."""
 
     def assertRefusedWhole(self, archive, message):
-        for args in (["test", archive], ["extract", archive, self.path("out")], ["cat", archive, "a.txt"]):
+        for args in (["test", archive], ["extract", archive, "-d", self.path("out")], ["cat", archive, "a.txt"]):
             result = run(*args)
             self.assertResult(result, 1)
             self.assertEqual(result.stdout, b"", msg=args)
@@ -1020,7 +1854,7 @@ class CheckedReadingTest(CliTestCase):
         tested = run("test", archive)
         self.assertResult(tested, 1)
         self.assertEqual(tested.stderr, message)
-        extracted = run("extract", archive, self.path("out"))
+        extracted = run("extract", archive, "-d", self.path("out"))
         self.assertResult(extracted, 1)
         self.assertEqual(extracted.stderr, message)
         with open(self.path("out", "ok.txt"), "rb") as f:
@@ -1032,7 +1866,7 @@ class CheckedReadingTest(CliTestCase):
     def test_data_going_on_past_the_size_is_bad(self):
         archive = raw_zip(self.path("long.zip"), [raw_entry("a.txt", b"y" * 1000, zipfile.ZIP_DEFLATED, size=600,
                                                             crc=zlib.crc32(b"y" * 600))])
-        for args in (["test", archive], ["extract", archive, self.path("out")]):
+        for args in (["test", archive], ["extract", archive, "-d", self.path("out")]):
             result = run(*args)
             self.assertResult(result, 1)
             self.assertEqual(result.stderr, b'ziputil: bad entry "a.txt": ZIP entry\'s data does not end at its '
@@ -1066,7 +1900,7 @@ class CheckedReadingTest(CliTestCase):
         result = run("test", archive)
         self.assertResult(result, 1)
         self.assertEqual(result.stderr, b'ziputil: bad entry "secret.txt": the entry is encrypted: give its '
-                                        b'password with --password\n')
+                                        b'password with --password-file, ZIPUTIL_PASSWORD or --password\n')
 
     def test_stored_encrypted_entries_are_checked(self):
         self.write("a.txt", b"first stored entry\n" * 50)
@@ -1074,7 +1908,7 @@ class CheckedReadingTest(CliTestCase):
         archive = self.path("enc0.zip")
         subprocess.run(["zip", "-q", "-0", "-P", "pw", archive, "a.txt", "b.txt"], cwd=self.dir, check=True)
         self.assertResult(run("test", "-P", "pw", archive), 0)
-        self.assertResult(run("extract", "-P", "pw", archive, self.path("out")), 0)
+        self.assertResult(run("extract", "-P", "pw", archive, "-d", self.path("out")), 0)
         with open(self.path("out", "b.txt"), "rb") as f:
             self.assertEqual(f.read(), b"second stored entry\n" * 50)
         with zipfile.ZipFile(archive) as z:
@@ -1114,7 +1948,7 @@ class CheckedReadingTest(CliTestCase):
         with zipfile.ZipFile(archive) as z:
             self.assertTrue(all(info.flag_bits & 8 for info in z.infolist()))
         self.assertResult(run("test", archive), 0)
-        self.assertResult(run("extract", archive, self.path("out")), 0)
+        self.assertResult(run("extract", archive, "-d", self.path("out")), 0)
         with open(self.path("out", "s2.txt"), "rb") as f:
             self.assertEqual(f.read(), b"streamed 2\n" * 1000)
 
