@@ -34,8 +34,9 @@ endforeach()
 # Licences and change log: the project's own LICENSE, and minizip's notice
 # (compiled into libziputil.so) as its headers carry it.
 set(_minizip_notice "${PROJECT_BINARY_DIR}/doc/LICENSE.minizip")
-set(_notice "libziputil.so contains minizip from zlib 1.3.1's contrib/minizip (ioapi.c, unzip.c, zip.c),\n"
-            "compiled with the changes described in the project's README. Its notices, as its headers carry them:\n")
+string(CONCAT _notice
+  "libziputil.so contains minizip from zlib 1.3.1's contrib/minizip (ioapi.c, unzip.c, zip.c),\n"
+  "compiled with the changes described in the project's README. Its notices, as its headers carry them:\n")
 foreach(_h ioapi.h unzip.h zip.h)
   file(READ "${_minizip_dir}/${_h}" _text)
   string(FIND "${_text}" "*/" _end)
@@ -57,7 +58,8 @@ set(CPACK_PACKAGE_NAME ziputil)
 set(CPACK_PACKAGE_VENDOR "the ziputil developers")
 set(CPACK_PACKAGE_CONTACT "the ziputil developers")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "ZIP archive reading and writing for tal applications")
+# No CPACK_PACKAGE_DESCRIPTION_SUMMARY: each package's synopsis is the first
+# line of its component's description.
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -66,12 +68,18 @@ set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS libraries)
 set(CPACK_COMPONENT_PROGRAM_DEPENDS libraries)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# Stripped, as Debian ships libraries and programs.
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# dpkg-shlibdeps finds the project's own libraries in the build tree; the
+# program's dependency on them is the component dependency above.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/tal ${PROJECT_BINARY_DIR}/ziputil)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME libziputil${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBRARIES_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_LIBRARIES_PACKAGE_GENERATE_SHLIBS_POLICY "=")
+# A shlibs file (and ldconfig triggers) for the package that holds the libraries.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
 set(CPACK_COMPONENT_LIBRARIES_DESCRIPTION "ZIP archive reading and writing for tal applications (libraries)
 libziputil reads and writes ZIP archives through minizip over any tal file system;
 libtal is the foundation framework it builds on.")
