@@ -31,18 +31,24 @@ echo "== ziputil extract"
 "$ziputil" extract "$archive" "$work/out"
 echo "== compare with the original"
 diff -r examples/sample "$work/out/sample"
+# Each tool checks the archive; all three run, and any complaint fails the demo.
+failed=()
 echo "== cross-check with Info-ZIP unzip -t"
-unzip -t "$archive"
+unzip -t "$archive" || failed+=("unzip -t")
 echo "== cross-check with 7-Zip (7z t)"
-7z t "$archive"
+7z t "$archive" || failed+=("7z t")
 echo "== cross-check with Python's zipfile"
-python3 - "$archive" <<'PY'
+python3 - "$archive" <<'PY' || failed+=("zipfile")
 import sys, zipfile
 with zipfile.ZipFile(sys.argv[1]) as z:
     bad = z.testzip()
     assert bad is None, bad
     print("%d entries, every CRC-32 checked by zipfile" % len(z.infolist()))
 PY
-echo "The extracted folder matches the sample folder byte for byte; unzip, 7z and zipfile find no error."
 echo "Archive: $archive"
 echo "Extracted: $work/out"
+if [ ${#failed[@]} -gt 0 ]; then
+  echo "demo: the archive was refused or warned about by: ${failed[*]}" >&2
+  exit 1
+fi
+echo "The extracted folder matches the sample folder byte for byte; unzip, 7z and zipfile find no error."
