@@ -42,6 +42,17 @@ if [ "$mode" = pkgconfig ]; then
     "$here/consumer/consumer.cpp" -o "$work/plain/consumer" $(pkg-config --libs ziputil libzip)
 else
   flags+=("-DCMAKE_PREFIX_PATH=$prefix")
+  # The package refuses a wxWidgets other than the one it was built with, by name.
+  mkdir -p "$work/other-wx"
+  printf '#!/bin/sh\necho 3.0.5\n' > "$work/other-wx/wx-config"
+  chmod +x "$work/other-wx/wx-config"
+  if out=$(cmake -S "$here/consumer" -B "$work/other-wx/build" "${flags[@]}" \
+             "-DZIPUTIL_WX_CONFIG=$work/other-wx/wx-config" 2>&1); then
+    fail "find_package(ziputil) accepted wxWidgets 3.0.5"
+  fi
+  out=$(tr -s ' \n' ' ' <<<"$out")
+  grep -qF "ziputil was built with wxWidgets $(wx-config --version); $work/other-wx/wx-config is version 3.0.5" <<<"$out" ||
+    fail "find_package(ziputil) with wxWidgets 3.0.5: $out"
 fi
 cmake -S "$here/consumer" -B "$work/build" "${flags[@]}"
 cmake --build "$work/build" --verbose
