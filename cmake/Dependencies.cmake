@@ -6,39 +6,74 @@ find_package(Threads REQUIRED)
 
 # wxWidgets base library. Only `wx-config --libs base` is linked.
 find_program(WX_CONFIG wx-config REQUIRED)
-execute_process(COMMAND ${WX_CONFIG} --cxxflags OUTPUT_VARIABLE _wx_cxxflags OUTPUT_STRIP_TRAILING_WHITESPACE
-                COMMAND_ERROR_IS_FATAL ANY)
-execute_process(COMMAND ${WX_CONFIG} --libs base OUTPUT_VARIABLE _wx_libs OUTPUT_STRIP_TRAILING_WHITESPACE
-                COMMAND_ERROR_IS_FATAL ANY)
-separate_arguments(_wx_cxxflags UNIX_COMMAND "${_wx_cxxflags}")
-separate_arguments(_wx_libs UNIX_COMMAND "${_wx_libs}")
-set(_wx_includes "")
-set(_wx_defines "")
-set(_wx_options "")
-foreach(flag IN LISTS _wx_cxxflags)
-  if(flag MATCHES "^-I(.*)")
-    list(APPEND _wx_includes "${CMAKE_MATCH_1}")
-  elseif(flag MATCHES "^-D(.*)")
-    list(APPEND _wx_defines "${CMAKE_MATCH_1}")
-  else()
-    list(APPEND _wx_options "${flag}")
-  endif()
-endforeach()
-add_library(wxbase INTERFACE)
-target_include_directories(wxbase SYSTEM INTERFACE ${_wx_includes})
-target_compile_definitions(wxbase INTERFACE ${_wx_defines})
-target_compile_options(wxbase INTERFACE ${_wx_options})
-target_link_libraries(wxbase INTERFACE ${_wx_libs} Threads::Threads)
+include(${CMAKE_CURRENT_LIST_DIR}/ziputilWxBase.cmake)
+ziputil_wx_base(wxbase "${WX_CONFIG}")
 
-# minizip: fetched on demand into third_party/ (ignored by git).
-set(ZIPUTIL_ZLIB_SOURCE_DIR "${CMAKE_CURRENT_SOURCE_DIR}/third_party/zlib-src" CACHE PATH
-    "zlib 1.3.1 source tree holding contrib/minizip")
+# minizip: the zlib 1.3.1 source tree that holds contrib/minizip.
+# -DZIPUTIL_ZLIB_SOURCE_DIR=<unpacked zlib 1.3.1 source> builds without
+# network: configuring then never downloads, and a missing or wrong tree is an
+# error. Without it, the tree is third_party/zlib-src (ignored by git), which
+# scripts/setup.sh fills through scripts/fetch-minizip.sh; configuring fetches
+# it there too when it is missing.
+set(_zlib_default_source_dir "${CMAKE_CURRENT_SOURCE_DIR}/third_party/zlib-src")
+if(NOT DEFINED CACHE{ZIPUTIL_ZLIB_SOURCE_DIR})
+  set(_ZIPUTIL_ZLIB_SOURCE_DIR_DEFAULTED ON CACHE INTERNAL "ZIPUTIL_ZLIB_SOURCE_DIR was not given")
+endif()
+set(ZIPUTIL_ZLIB_SOURCE_DIR "${_zlib_default_source_dir}" CACHE PATH
+    "Unpacked zlib 1.3.1 source tree holding contrib/minizip (given: configuring never downloads)")
 set(_minizip_dir "${ZIPUTIL_ZLIB_SOURCE_DIR}/contrib/minizip")
-if(NOT EXISTS "${_minizip_dir}/unzip.c")
+set(_minizip_files ioapi.c ioapi.h unzip.c unzip.h zip.c zip.h)
+function(_ziputil_check_zlib_source dir result)
+  if(NOT IS_DIRECTORY "${dir}")
+    set(${result} "no such folder" PARENT_SCOPE)
+    return()
+  endif()
+  set(missing "")
+  foreach(f zlib.h ${_minizip_files})
+    if(f STREQUAL "zlib.h")
+      set(path "${dir}/zlib.h")
+    else()
+      set(path "${dir}/contrib/minizip/${f}")
+    endif()
+    if(NOT EXISTS "${path}")
+      list(APPEND missing "${path}")
+    endif()
+  endforeach()
+  if(missing)
+    list(JOIN missing ", " missing)
+    set(${result} "it lacks ${missing}" PARENT_SCOPE)
+    return()
+  endif()
+  file(STRINGS "${dir}/zlib.h" version_line REGEX "^#define ZLIB_VERSION \"[^\"]*\"")
+  if(NOT version_line MATCHES "\"([^\"]*)\"")
+    set(${result} "its zlib.h defines no ZLIB_VERSION" PARENT_SCOPE)
+  elseif(NOT CMAKE_MATCH_1 STREQUAL "1.3.1")
+    set(${result} "it is zlib ${CMAKE_MATCH_1}, not 1.3.1" PARENT_SCOPE)
+  else()
+    set(${result} "" PARENT_SCOPE)
+  endif()
+endfunction()
+_ziputil_check_zlib_source("${ZIPUTIL_ZLIB_SOURCE_DIR}" _zlib_source_problem)
+if(_zlib_source_problem AND _ZIPUTIL_ZLIB_SOURCE_DIR_DEFAULTED
+   AND ZIPUTIL_ZLIB_SOURCE_DIR STREQUAL _zlib_default_source_dir AND NOT EXISTS "${_minizip_dir}/unzip.c")
   message(STATUS "minizip sources missing: fetching them")
   execute_process(COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/scripts/fetch-minizip.sh" "${ZIPUTIL_ZLIB_SOURCE_DIR}"
                   COMMAND_ERROR_IS_FATAL ANY)
+  _ziputil_check_zlib_source("${ZIPUTIL_ZLIB_SOURCE_DIR}" _zlib_source_problem)
 endif()
+if(_zlib_source_problem)
+  message(FATAL_ERROR "ZIPUTIL_ZLIB_SOURCE_DIR=${ZIPUTIL_ZLIB_SOURCE_DIR} is not an unpacked zlib 1.3.1 source tree: "
+          "${_zlib_source_problem}. Give the path of an unpacked zlib 1.3.1 source (scripts/fetch-minizip.sh DIR "
+          "fetches one) with -DZIPUTIL_ZLIB_SOURCE_DIR=DIR.")
+endif()
+# The public headers include minizip's headers as "ziputil/minizip/<name>.h":
+# the build gives them that path through a folder of its own, as the installed
+# package does under its include folder, so `#include <zip.h>` in a program
+# that uses ziputil still names whatever zip.h that program means (libzip's).
+set(ZIPUTIL_GENERATED_INCLUDE_DIR "${PROJECT_BINARY_DIR}/include")
+foreach(_h ioapi.h unzip.h zip.h)
+  configure_file("${_minizip_dir}/${_h}" "${ZIPUTIL_GENERATED_INCLUDE_DIR}/ziputil/minizip/${_h}" COPYONLY)
+endforeach()
 # The build compiles copies of unzip.c and zip.c written into the build tree,
 # each with a small, checked change; the sources themselves stay untouched.
 # ziputil_patch_source(<input> <output> <text> <replacement> ...): each text is

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs, from Debian's archive, whatever this project needs to build and test
-# on a fresh Debian 12 machine. Does nothing when everything is already present.
+# on a fresh Debian 12 machine, and fetches minizip's source (zlib 1.3.1) into
+# third_party/zlib-src: the one step that needs the network, so that
+# configuring and building need none. Does nothing when everything is already
+# present.
 set -euo pipefail
 
 packages=(
@@ -8,7 +11,7 @@ packages=(
   zlib1g-dev libwxgtk3.2-dev gettext
   googletest libgtest-dev libgmock-dev libzip-dev
   zip unzip libarchive-tools p7zip-full python3
-  dpkg-dev
+  dpkg-dev file
   clang libclang-rt-dev
 )
 
@@ -19,13 +22,14 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}" >&2
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-echo "setup: installing ${missing[*]}" >&2
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# minizip's source (skipped when third_party/zlib-src holds it already).
+bash "$(dirname "$0")/fetch-minizip.sh"

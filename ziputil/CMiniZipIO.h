@@ -3,7 +3,7 @@
 
 #include "tal/Stream.h"
 
-#include <ioapi.h>
+#include "ziputil/minizip/ioapi.h"
 
 namespace ziputil {
 

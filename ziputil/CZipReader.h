@@ -5,7 +5,7 @@
 #include "tal/Stream.h"
 #include "ziputil/CMiniZipIO.h"
 
-#include <unzip.h>
+#include "ziputil/minizip/unzip.h"
 
 #include <atomic>
 #include <memory>

@@ -4,7 +4,7 @@
 #include "tal/Stream.h"
 #include "ziputil/CMiniZipIO.h"
 
-#include <zip.h>
+#include "ziputil/minizip/zip.h"
 
 #include <atomic>
 #include <memory>

@@ -5,7 +5,7 @@
 
 #include "tal/Stream.h"
 
-#include <unzip.h>
+#include "ziputil/minizip/unzip.h"
 
 #include <cstdint>
 #include <memory>

@@ -3,7 +3,7 @@
 // locate that takes a name-comparison callback, and password checking.
 #pragma once
 
-#include <unzip.h>
+#include "ziputil/minizip/unzip.h"
 
 /// Returned by ziputil::minizip::unzOpenCurrentFilePassword when the password
 /// does not open the entry.

@@ -2,8 +2,8 @@
 // stock minizip (internal to libziputil; not installed).
 #pragma once
 
-#include <unzip.h>
-#include <zip.h>
+#include "ziputil/minizip/unzip.h"
+#include "ziputil/minizip/zip.h"
 
 extern "C" {
 
