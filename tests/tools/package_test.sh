@@ -93,3 +93,11 @@ for program in "${programs[@]}"; do
 $expected"
   unzip -t "$archive"
 done
+
+# The examples build against the installed package alone and do what they say.
+if [ "$mode" = cmake ]; then
+  cmake -S "$here/../../examples" -B "$work/examples" "${flags[@]}"
+  cmake --build "$work/examples"
+  env -u LD_LIBRARY_PATH bash "$here/../../examples/run_examples.sh" \
+    "$work/examples/pack" "$work/examples/count_lines" "$work/examples/low_level"
+fi
