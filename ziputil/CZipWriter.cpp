@@ -180,12 +180,13 @@ void CZipWriter::openCopy(ArchiveState& state) {
 }
 
 void CZipWriter::openRebuilt(std::unique_ptr<ArchiveState> state) {
+  unsigned long long listed = 0;
   {
     // Checked as an archive to add to is checked, before anything is written.
     tal::P<tal::IInOutStream> in =
         m_fileSystem->openStream(m_archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
     std::string tail;
-    readArchiveLayout(*in, m_archiveURI, tail);
+    listed = readArchiveLayout(*in, m_archiveURI, tail).entryCount;
     in->close();
   }
   state->target = freshSibling(m_fileSystem.get(), m_archiveURI);
@@ -206,9 +207,15 @@ void CZipWriter::openRebuilt(std::unique_ptr<ArchiveState> state) {
       m_options.archiveComment = reader->getArchiveComment();
       m_options.keepArchiveComment = false; // the copy began without it
     }
-    while (reader->nextFile())
+    unsigned long long walked = 0;
+    for (; reader->nextFile(); ++walked)
       if (!m_options.omitEntry(*reader)) copyFileFrom(*reader);
     reader->close();
+    if (walked != listed) // every entry is copied or left out on purpose, never lost on the way
+      throw tal::CError(tal::String::fromUTF8(("Damaged archive: the central directory lists " + std::to_string(listed) +
+                                               " entries, but " + std::to_string(walked) + " could be read.")
+                                                  .c_str()),
+                        tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
   } catch (...) {
     // A failure of this writer has rolled it back already; any other leaves the copy to remove.
     std::unique_ptr<ArchiveState> left = std::move(m_state);
@@ -485,6 +492,16 @@ void CZipWriter::copyFileFrom(CZipReader& reader) {
     throw;
   }
   in->close();
+}
+
+void CZipWriter::abandonEntry(tal::P<tal::IOutStream>& stream) {
+  if (!stream) return;
+  {
+    tal::CMutexLock lock(m_mutex);
+    auto* entry = dynamic_cast<CFileInZipOutStream*>(stream.get());
+    if (entry && entry->m_owner == this && entry->m_open) entry->detach();
+  }
+  stream = nullptr;
 }
 
 std::function<bool(CZipReader& reader)> CZipWriter::omitNamed(std::vector<tal::CURI> const& names,

@@ -132,7 +132,11 @@ public:
     /// its metadata, unchanged. The reader is positioned at the entry; the
     /// function may use its getters but must not move it. New entries then go
     /// after the copied ones, and close() moves the new archive over the old
-    /// one. keepArchiveComment keeps the old archive's comment. Every failure
+    /// one. keepArchiveComment keeps the old archive's comment. Besides the
+    /// errors of the archive checks above, the copies (copyFileFrom) and the
+    /// reader, a walk that does not reach every entry the central directory
+    /// lists throws CError "Damaged archive: the central directory lists <n>
+    /// entries, but <m> could be read." {"uri"}. Every failure
     /// (of the file system, of the old archive's entries, or thrown by
     /// omitEntry, which passes unchanged) removes the copy and leaves the
     /// archive untouched. Empty (the default): nothing is left out and the
@@ -313,6 +317,9 @@ private:
   /// The method and level beginAddFile uses for an entry with `options`.
   void entryMethod(EntryOptions const* options, int& method, int& level) const;
   tal::P<CFileInZipOutStream> beginRaw(RawEntry const& entry);
+  /// Marks `stream`, an entry stream of this writer, closed without finishing
+  /// its entry (which discard() or a rollback then undoes), and drops it.
+  void abandonEntry(tal::P<tal::IOutStream>& stream);
   /// Builds the copy without the entries Options::omitEntry leaves out.
   void openRebuilt(std::unique_ptr<ArchiveState> state);
   /// Cuts the target at minizip's write position: what lies beyond is the old
