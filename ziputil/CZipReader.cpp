@@ -387,14 +387,17 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileRawStream() {
     throw tal::CError(tal::String("CZipReader cannot open the current file because its stream is still open."),
                       tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
   ZipStuff& stuff = *m_zipStuff;
+  tal::P<tal::CError> const before = stuff.io.getLastError();
   int method = 0;
   int level = 0;
   int const result = unzOpenCurrentFile2(stuff.handle, &method, &level, 1);
   if (result != UNZ_OK) {
+    // minizip answers a failed read of the local header with UNZ_BADZIPFILE: the file system's error wins.
+    tal::P<tal::CError> const after = stuff.io.getLastError();
+    if (after && after.get() != before.get()) after->throwClone();
     tal::CError const error(tal::String("unzOpenCurrentFile2 failed"), tal::String(), -1,
                             minizipFailureProps(m_archiveURI, result), nullptr);
-    throwMinizipFailure(stuff.io.getLastError(), result,
-                        tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+    throwMinizipFailure(after, result, tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
   }
   tal::CURI const entryURI = m_archiveURI << m_currentRelativeURI;
   tal::P<CFileInZipInStream> stream(
@@ -423,8 +426,14 @@ std::string CZipReader::getCurrentFileLocalExtraField() const {
   // minizip reads the local header of an open entry: the entry is opened raw for it when no stream has it open.
   bool const opened = !m_streamOpen;
   if (opened) {
+    tal::P<tal::CError> const before = m_zipStuff->io.getLastError();
     int const result = unzOpenCurrentFile2(handle, nullptr, nullptr, 1);
-    if (result != UNZ_OK) throwFailure(result, "unzGetLocalExtrafield failed");
+    if (result != UNZ_OK) {
+      // minizip answers a failed read of the local header with UNZ_BADZIPFILE: the file system's error wins.
+      tal::P<tal::CError> const after = m_zipStuff->io.getLastError();
+      if (after && after.get() != before.get()) after->throwClone();
+      throwFailure(result, "unzGetLocalExtrafield failed");
+    }
   }
   int size = unzGetLocalExtrafield(handle, nullptr, 0);
   std::string extra(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
@@ -433,6 +442,11 @@ std::string CZipReader::getCurrentFileLocalExtraField() const {
   if (size < 0) throwFailure(size, "unzGetLocalExtrafield failed");
   extra.resize(static_cast<std::size_t>(size));
   return extra;
+}
+
+tal::P<tal::CError> CZipReader::getLastIOError() const {
+  tal::CMutexLock lock(m_mutex);
+  return m_zipStuff ? m_zipStuff->io.getLastError() : tal::P<tal::CError>();
 }
 
 } // namespace ziputil

@@ -207,6 +207,11 @@ public:
   /// Throws CError "unzGetLocalExtrafield failed" {"uri", "result"} (or the
   /// file system's error) when it cannot be read.
   std::string getCurrentFileLocalExtraField() const;
+  /// Addition: the last failure of the file system that the reader's minizip
+  /// calls met, also one that minizip passed over (looking for the end
+  /// records, or probing past the last entry), as the file system threw it;
+  /// null when there was none, and after close().
+  tal::P<tal::CError> getLastIOError() const;
 
 private:
   bool isPositioned() const { return !m_currentRelativeURI.isEmpty(); }

@@ -210,6 +210,8 @@ void CZipWriter::openRebuilt(std::unique_ptr<ArchiveState> state) {
     unsigned long long walked = 0;
     for (; reader->nextFile(); ++walked)
       if (!m_options.omitEntry(*reader)) copyFileFrom(*reader);
+    // A failure minizip passed over is a failure all the same, as for the archive a writer adds to.
+    if (tal::P<tal::CError> const passedOver = reader->getLastIOError()) passedOver->throwClone();
     reader->close();
     if (walked != listed) // every entry is copied or left out on purpose, never lost on the way
       throw tal::CError(tal::String::fromUTF8(("Damaged archive: the central directory lists " + std::to_string(listed) +

@@ -136,7 +136,9 @@ public:
     /// errors of the archive checks above, the copies (copyFileFrom) and the
     /// reader, a walk that does not reach every entry the central directory
     /// lists throws CError "Damaged archive: the central directory lists <n>
-    /// entries, but <m> could be read." {"uri"}. Every failure
+    /// entries, but <m> could be read." {"uri"}, and a failure of the file
+    /// system that minizip passed over while reading the old archive is
+    /// thrown all the same. Every failure
     /// (of the file system, of the old archive's entries, or thrown by
     /// omitEntry, which passes unchanged) removes the copy and leaves the
     /// archive untouched. Empty (the default): nothing is left out and the

@@ -18,6 +18,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -272,6 +274,235 @@ TEST_F(RawCopyTest, RawStreamGivesTheStoredBytesAndHoldsTheReader) {
     testsupport::expectSameError(e, tal::CError(tal::String("CZipReader not positioned at a file. Cannot open stream."),
                                                 tal::String(), -1, tal::uriProps(dir.uri("sealed.zip")), nullptr));
   }
+}
+
+TEST_F(RawCopyTest, RawEntryArgumentsAreCheckedBeforeAnythingIsWritten) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::CURI const uri(tal::String("mem:/raw.zip"));
+  auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+  std::string const before = memory->getFile(uri);
+  auto expectRefused = [&](CZipWriter::RawEntry const& entry, char const* detail, tal::CProps const& props) {
+    try {
+      writer->beginAddRawFile(entry);
+      ADD_FAILURE() << detail;
+    } catch (tal::CError const& e) {
+      testsupport::expectSameError(
+          e, tal::CInvalidArgError(tal::String("CZipWriter::beginAddRawFile"), tal::String(detail), props));
+    }
+  };
+  CZipWriter::RawEntry entry;
+  expectRefused(entry, "name is invalid", tal::CProps{{"name", tal::String()}});
+  entry.name = std::string(65536, 'n');
+  expectRefused(entry, "name is invalid", tal::CProps{{"name", tal::String::fromUTF8(entry.name.c_str())}});
+  entry.name = "n";
+  entry.method = 12;
+  expectRefused(entry, "method is invalid", tal::CProps{{"method", tal::String("12")}});
+  entry.method = 0;
+  entry.comment = std::string(65536, 'c');
+  expectRefused(entry, "comment is invalid", tal::CProps{{"comment", tal::String::fromUTF8(entry.comment.c_str())}});
+  entry.comment.clear();
+  entry.localExtraField = std::string(65516, 'x');
+  expectRefused(entry, "extra field is invalid", tal::CProps());
+  entry.localExtraField.clear();
+  EXPECT_EQ(memory->getFile(uri), before);
+  // A stored entry written raw, and one whose Zip64 record is dropped for the writer's own.
+  entry.crc32 = crc32(0, reinterpret_cast<Bytef const*>("raw"), 3);
+  entry.uncompressedSize = 3;
+  entry.dosDate = 0x58A60000UL; // 2024-05-06 00:00:00
+  entry.localExtraField = std::string("\x01\x00\x04\x00zzzz\xfe\xca\x01\x00q", 13);
+  auto out = writer->beginAddRawFile(entry);
+  testsupport::expectSameError(
+      [&]() -> tal::CError {
+        try {
+          writer->beginAddRawFile(entry);
+        } catch (tal::CError const& e) {
+          return *e.clone();
+        }
+        return tal::CError(tal::String("none"), tal::String(), -1, tal::CProps(), nullptr);
+      }(),
+      tal::CError(tal::String("Internal error: CZipWriter::beginAddFile called before previous added file was finished."),
+                  tal::String(), -1, tal::uriProps(uri), nullptr));
+  out->write("raw", 3, nullptr);
+  EXPECT_EQ(out->getPosition(), 3);
+  out->close();
+  writer->close();
+  std::vector<testsupport::RawEntry> const written = testsupport::parseArchive(memory->getFile(uri));
+  ASSERT_EQ(written.size(), 1u);
+  EXPECT_EQ(written[0].data, "raw");
+  EXPECT_EQ(written[0].centralMethod, 0);
+  EXPECT_EQ(written[0].crc, entry.crc32);
+  EXPECT_EQ(written[0].centralFlags, 0x800);
+  EXPECT_EQ(written[0].centralDate, 0x58A6);
+  EXPECT_EQ(written[0].localDate, 0x58A6);
+  EXPECT_EQ(written[0].localExtraIds, (std::vector<std::uint16_t>{0xcafe, 1}));
+  CZipReader::Options verify;
+  verify.verifyEntries = true;
+  auto reader = tal::newObj<CZipReader>(memory.get(), uri, tal::String(), verify);
+  ASSERT_TRUE(reader->nextFile());
+  auto in = reader->openCurrentFileStream();
+  char data[4] = {};
+  EXPECT_EQ(in->readLax(data, 4), 3);
+  EXPECT_STREQ(data, "raw");
+  in->close();
+}
+
+/// An archive of five entries, "b" twice, with a comment.
+class RawDeleteTest : public RawCopyTest {
+protected:
+  void SetUp() override {
+    CZipWriter::Options options;
+    options.madeByUnix = true;
+    options.archiveComment = "kept?";
+    ziputil::createEmptyArchive(fs.get(), uri);
+    auto writer = tal::newObj<CZipWriter>(fs.get(), uri, tal::String(), CZipWriter::CompNormal, options);
+    tal::CTimeFields const time(2024, 1, 2, 3, 4, 6, 0.0, 0, false);
+    for (std::string const name : {"a", "b", "dir/c d.txt", "b", "e"}) {
+      CZipWriter::EntryOptions entry;
+      entry.comment = "about " + name;
+      entry.method = name == "e" ? CZipWriter::EntryOptions::Stored : CZipWriter::EntryOptions::WriterDefault;
+      auto out = writer->beginAddFile(entryURI(name), time, entry);
+      std::string const data(30000 + name.size(), name[0]);
+      out->write(data.data(), static_cast<int>(data.size()), nullptr);
+      out->close();
+    }
+    writer->close();
+    original = testsupport::readFile(dir.file("d.zip"));
+  }
+
+  /// The original's lines (headers and reader getters) without those at `indexes`.
+  template <typename T>
+  static std::vector<T> without(std::vector<T> lines, std::set<std::size_t> const& indexes) {
+    std::vector<T> kept;
+    for (std::size_t i = 0; i < lines.size(); ++i)
+      if (!indexes.count(i)) kept.push_back(lines[i]);
+    return kept;
+  }
+
+  tal::CURI uri = dir.uri("d.zip");
+  std::string original;
+};
+
+TEST_F(RawDeleteTest, DeletingKeepsEveryOtherEntryAsItWas) {
+  std::vector<std::string> const before = describe(fs.get(), uri);
+  std::vector<std::string> const beforeHeaders = headers(original);
+  auto omitted = std::make_shared<std::vector<std::string>>();
+  CZipWriter::Options options;
+  options.keepArchiveComment = true;
+  options.omitEntry = CZipWriter::omitNamed({entryURI("b"), entryURI("/dir\\c d.txt"), entryURI("missing")}, omitted);
+  auto writer = tal::newObj<CZipWriter>(fs.get(), uri, tal::String(), CZipWriter::CompNormal, options);
+  EXPECT_EQ(testsupport::readFile(dir.file("d.zip")), original); // nothing changes before close
+  EXPECT_EQ(testsupport::listFolder(dir.path()).size(), 2u);      // the archive and its copy
+  writer->close();
+  EXPECT_EQ(*omitted, (std::vector<std::string>{"b", "dir/c d.txt", "b"}));
+  std::string comment;
+  EXPECT_EQ(describe(fs.get(), uri, &comment), without(before, {1, 2, 3}));
+  EXPECT_EQ(comment, "kept?");
+  EXPECT_EQ(headers(testsupport::readFile(dir.file("d.zip"))), without(beforeHeaders, {1, 2, 3}));
+  EXPECT_EQ(testsupport::listFolder(dir.path()), (std::vector<std::string>{"d.zip"}));
+  EXPECT_EQ(testsupport::pythonVerdicts({dir.file("d.zip")}), (std::vector<std::string>{"a,e None"}));
+  expectOthersAccept("d.zip");
+}
+
+TEST_F(RawDeleteTest, ReplacingPutsTheNewEntryAfterTheOthers) {
+  std::vector<std::string> const before = describe(fs.get(), uri);
+  CZipWriter::Options options;
+  options.madeByUnix = true;
+  options.omitEntry = CZipWriter::omitNamed({entryURI("a")});
+  auto writer = tal::newObj<CZipWriter>(fs.get(), uri, tal::String(), CZipWriter::CompNormal, options);
+  testsupport::addEntry(*writer, "a", "the new a", tal::CTimeFields(2025, 1, 1, 0, 0, 0, 0.0, 0, false));
+  writer->close();
+  std::string comment = "?";
+  std::vector<std::string> const after = describe(fs.get(), uri, &comment);
+  ASSERT_EQ(after.size(), 5u);
+  EXPECT_EQ(std::vector<std::string>(after.begin(), after.begin() + 4), without(before, {0}));
+  EXPECT_EQ(after[4].substr(0, 2), "a|");
+  EXPECT_EQ(comment, ""); // the options' comment, as for any writer
+  EXPECT_EQ(testsupport::pythonVerdicts({dir.file("d.zip")}), (std::vector<std::string>{"b,dir/c d.txt,b,e,a None"}));
+  expectOthersAccept("d.zip");
+}
+
+TEST_F(RawDeleteTest, OmitFunctionErrorsPassUnchangedAndLeaveTheArchive) {
+  CZipWriter::Options options;
+  tal::CIOError const thrown(tal::CIOError::ReadFailed, tal::String("from the caller"), tal::CProps{{"k", tal::String("v")}},
+                             nullptr);
+  int seen = 0;
+  options.omitEntry = [&](CZipReader& reader) -> bool {
+    if (++seen == 3) throw thrown;
+    return reader.getCurrentFileRawName() == "a";
+  };
+  try {
+    tal::newObj<CZipWriter>(fs.get(), uri, tal::String(), CZipWriter::CompNormal, options);
+    ADD_FAILURE() << "no error";
+  } catch (tal::CError const& e) {
+    testsupport::expectSameError(e, thrown);
+  }
+  EXPECT_EQ(testsupport::readFile(dir.file("d.zip")), original);
+  EXPECT_EQ(testsupport::listFolder(dir.path()), (std::vector<std::string>{"d.zip"}));
+}
+
+/// Every I/O call of deleting an entry fails in turn: the caller gets the
+/// injected error unchanged, the archive keeps its bytes, and no copy stays.
+TEST(RawDeleteFaultsTest, EveryFailureLeavesTheOldArchive) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::P<testsupport::CRecordingFileSystem> recording = tal::newObj<testsupport::CRecordingFileSystem>(memory.get());
+  tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(recording.get());
+  tal::CURI const uri(tal::String("mem:/delete.zip"));
+  {
+    auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+    testsupport::addEntry(*writer, "a", std::string(20000, 'a'));
+    testsupport::addEntry(*writer, "b", std::string(20000, 'b'));
+    testsupport::addEntry(*writer, "c", std::string(70000, 'c'));
+    writer->close();
+  }
+  std::string const original = memory->getFile(uri);
+  using Op = testsupport::CFaultyFileSystem::Op;
+  std::string expected;
+  int faults = 0;
+  for (Op op : {Op::Open, Op::Read, Op::Write, Op::Seek, Op::Tell, Op::Close, Op::Length, Op::Sync, Op::Move}) {
+    for (long long n = 1;; ++n) {
+      memory->setFile(uri, original);
+      recording->clear();
+      faulty->reset();
+      faulty->failNth(op, n);
+      bool threw = false;
+      try {
+        CZipWriter::Options options;
+        options.omitEntry = CZipWriter::omitNamed({entryURI("b")});
+        auto writer = tal::newObj<CZipWriter>(faulty.get(), uri, tal::String(), CZipWriter::CompNormal, options);
+        testsupport::addEntry(*writer, "d", std::string(1000, 'd'));
+        writer->close();
+      } catch (tal::CError const& e) {
+        threw = true;
+        EXPECT_EQ(typeid(e), typeid(testsupport::CInjectedError)) << e.what() << " at " << n;
+        tal::CURI const where(e.getProps().get("uri"));
+        testsupport::expectSameError(e, testsupport::CFaultyFileSystem::injectedError(op, n, where));
+      }
+      bool const fired = faulty->fired();
+      faulty->failNth(op, 0);
+      std::set<std::string> left = recording->existing();
+      left.erase(utf8(uri.toString(true)));
+      if (!fired) {
+        EXPECT_FALSE(threw);
+        expected = memory->getFile(uri);
+        EXPECT_TRUE(left.empty());
+        break;
+      }
+      ++faults;
+      EXPECT_TRUE(threw) << testsupport::CFaultyFileSystem::opName(op) << " " << n;
+      EXPECT_EQ(memory->getFile(uri), original) << testsupport::CFaultyFileSystem::opName(op) << " " << n;
+      EXPECT_TRUE(left.empty()) << testsupport::CFaultyFileSystem::opName(op) << " " << n;
+    }
+  }
+  EXPECT_GT(faults, 50);
+  std::vector<testsupport::RawEntry> const kept = testsupport::parseArchive(expected);
+  ASSERT_EQ(kept.size(), 3u);
+  EXPECT_EQ(kept[0].name + kept[1].name + kept[2].name, "acd");
+  std::vector<testsupport::RawEntry> const old = testsupport::parseArchive(original);
+  EXPECT_EQ(kept[0].data, old[0].data);
+  EXPECT_EQ(kept[1].data, old[2].data);
+  testsupport::TempDir dir("ziputil-delete");
+  testsupport::writeFile(dir.file("after.zip"), expected);
+  EXPECT_EQ(testsupport::pythonVerdicts({dir.file("after.zip")}), (std::vector<std::string>{"a,c,d None"}));
 }
 
 }  // namespace
