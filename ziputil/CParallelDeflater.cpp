@@ -42,7 +42,6 @@ public:
   CDeflater(int level, tal::CURI const& entryURI) : m_uri(entryURI), m_stream() {
     int const result = deflateInit2(&m_stream, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
     if (result != Z_OK) throwZlib("deflateInit2 failed", m_uri, result);
-    m_stream.data_type = Z_BINARY;
   }
   ~CDeflater() { deflateEnd(&m_stream); }
   CDeflater(CDeflater const&) = delete;
