@@ -208,6 +208,7 @@ struct ParallelRun {
       auto* bytes = reinterpret_cast<unsigned char*>(&buffer[0]);
       uLong crc = crc32(0L, Z_NULL, 0);
       bool tooLong = false;
+      bool stopped = false;
       while (int const n = in->readLax(&buffer[0], CParallelDeflater::kChunkSize)) {
         slot.size += static_cast<unsigned long long>(n);
         if (slot.size > static_cast<unsigned long long>(length)) {
@@ -221,11 +222,13 @@ struct ParallelRun {
           slot.data.emplace_back(buffer, 0, static_cast<std::size_t>(n));
         {
           std::lock_guard<std::mutex> lock(mutex);
-          if (stop) break;
+          stopped = stop;
         }
+        if (stopped) break; // the calling thread has given up: nothing of this entry will be written
       }
       in->close();
       in = nullptr;
+      if (stopped) return;
       if (tooLong) {
         giveBack(slot.reserved);
         Slot big;
