@@ -194,9 +194,9 @@ public:
   /// where the other says "zipCloseFileInZip failed"), and the integrity
   /// rules apply as to beginAddFile. Throws as beginAddFile when closed or an
   /// entry is open; CInvalidArgError for function "CZipWriter::beginAddRawFile"
-  /// with "name is invalid" {"name"} (empty or longer than 65,535 bytes),
-  /// "method is invalid" {"method"}, "comment is invalid" {"comment"} (longer
-  /// than 65,535 bytes) or "extra field is invalid" {} (longer than 65,535
+  /// with "name is invalid" {"name"} (empty, longer than 65,535 bytes, or
+  /// holding a NUL byte), "method is invalid" {"method"}, "comment is invalid"
+  /// {"comment"} (longer than 65,535 bytes, or holding a NUL byte) or "extra field is invalid" {} (longer than 65,535
   /// bytes, or longer than 65,515 locally where the writer adds its Zip64
   /// record); CError "zipOpenNewFileInZip4_64 failed" {"uri", "result"}.
   tal::P<tal::IOutStream> beginAddRawFile(RawEntry const& entry);
