@@ -187,9 +187,10 @@ public:
   /// "CZipReader cannot open the current file because its stream is still
   /// open." {"uri"} while an entry stream is open; CFileSystemError
   /// (Unspecified) from CError "unzOpenCurrentFile2 failed" {"uri", "result"}
-  /// when minizip refuses (among others UNZ_BADZIPFILE, -103, for a method
-  /// minizip does not know), or the file system's error. Holds the reader's
-  /// mutex while it opens.
+  /// when minizip refuses (a local header that is not there, say), or the file
+  /// system's error, which wins over minizip's code. Entries of every method
+  /// open, also those openCurrentFileStream refuses. Holds the reader's mutex
+  /// while it opens.
   tal::P<tal::IInStream> openCurrentFileRawStream();
   /// Addition: the current entry's general-purpose flags as stored in its
   /// central header (bit 0 encrypted, bits 1-2 deflate's option, bit 3 sizes

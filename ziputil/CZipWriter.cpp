@@ -417,7 +417,7 @@ tal::P<CZipWriter::CFileInZipOutStream> CZipWriter::beginRaw(RawEntry const& ent
     props["name"] = tal::String::fromUTF8(entry.name.c_str());
     throwRawArgument("name is invalid", props);
   }
-  if (entry.method != 0 && entry.method != Z_DEFLATED) {
+  if (entry.method < 0 || entry.method > 0xFFFF) {
     tal::CProps props;
     props["method"] = tal::toString(entry.method);
     throwRawArgument("method is invalid", props);

@@ -162,7 +162,8 @@ public:
     /// instead, as beginAddFile does.
     unsigned long dosDate = 0;
     tal::CTimeFields time;
-    /// 0 (stored) or 8 (deflated).
+    /// The compression method as stored: 0 stored, 8 deflated, or any other
+    /// (0 to 65535): the data is never looked at.
     int method = 8;
     /// General-purpose flags. Kept: bit 0 (the data is encrypted: it starts
     /// with its 12-byte encryption header), bits 1-2 (deflate's option), bit 3
@@ -195,7 +196,8 @@ public:
   /// rules apply as to beginAddFile. Throws as beginAddFile when closed or an
   /// entry is open; CInvalidArgError for function "CZipWriter::beginAddRawFile"
   /// with "name is invalid" {"name"} (empty, longer than 65,535 bytes, or
-  /// holding a NUL byte), "method is invalid" {"method"}, "comment is invalid"
+  /// holding a NUL byte), "method is invalid" {"method"} (outside 0 to
+  /// 65,535), "comment is invalid"
   /// {"comment"} (longer than 65,535 bytes, or holding a NUL byte) or "extra field is invalid" {} (longer than 65,535
   /// bytes, or longer than 65,515 locally where the writer adds its Zip64
   /// record); CError "zipOpenNewFileInZip4_64 failed" {"uri", "result"}.
@@ -211,6 +213,7 @@ public:
   /// empty time (0x00200000). Throws what those calls throw (the reader's
   /// errors leave this writer rolled back, as any failure while an entry is
   /// open); the reader is positioned as before, its raw stream closed.
+  /// Entries of any method are copied, also those this library cannot read.
   void copyFileFrom(CZipReader& reader);
 
   /// Addition: what beginAddFile may choose for one entry.

@@ -227,6 +227,33 @@ TEST_F(RawCopyTest, CopiedEntriesKeepEveryFieldAndByteOfTheirStoredForm) {
   }
 }
 
+TEST_F(RawCopyTest, EntriesOfMethodsThisLibraryCannotReadAreCopiedAndDeleted) {
+  testsupport::runPython(R"(
+import sys, zipfile
+text = b"".join(b"line %d of the text\n" % i for i in range(20000))
+with zipfile.ZipFile(sys.argv[1], "w") as z:
+    z.writestr("bzip2.txt", text, compress_type=zipfile.ZIP_BZIP2)
+    z.writestr("lzma.txt", text[:50000], compress_type=zipfile.ZIP_LZMA)
+    z.writestr("deflated.txt", text[:30000], compress_type=zipfile.ZIP_DEFLATED)
+)",
+                         {dir.file("methods.zip")});
+  copyAll(fs.get(), dir.uri("methods.zip"), dir.uri("methods-copy.zip"));
+  std::vector<std::string> const original = describe(fs.get(), dir.uri("methods.zip"));
+  ASSERT_EQ(original.size(), 3u);
+  EXPECT_EQ(original[0].substr(0, 13), "bzip2.txt|12|");
+  EXPECT_EQ(original[1].substr(0, 12), "lzma.txt|14|");
+  EXPECT_EQ(describe(fs.get(), dir.uri("methods-copy.zip")), original);
+  // Deleting the deflated entry keeps the others, which only other tools can check.
+  CZipWriter::Options options;
+  options.omitEntry = CZipWriter::omitNamed({entryURI("deflated.txt")});
+  tal::newObj<CZipWriter>(fs.get(), dir.uri("methods.zip"), tal::String(), CZipWriter::CompNormal, options)->close();
+  EXPECT_EQ(describe(fs.get(), dir.uri("methods.zip")), std::vector<std::string>(original.begin(), original.begin() + 2));
+  EXPECT_EQ(testsupport::pythonVerdicts({dir.file("methods.zip"), dir.file("methods-copy.zip")}),
+            (std::vector<std::string>{"bzip2.txt,lzma.txt None", "bzip2.txt,lzma.txt,deflated.txt None"}));
+  std::string output;
+  EXPECT_EQ(testsupport::sevenZipTest(dir.file("methods.zip"), &output), 0) << output;
+}
+
 TEST_F(RawCopyTest, RawStreamGivesTheStoredBytesAndHoldsTheReader) {
   makeEncryptedArchive(fs.get(), dir.uri("sealed.zip"), true);
   std::vector<testsupport::RawEntry> const stored = testsupport::parseArchive(testsupport::readFile(dir.file("sealed.zip")));
@@ -295,8 +322,10 @@ TEST_F(RawCopyTest, RawEntryArgumentsAreCheckedBeforeAnythingIsWritten) {
   entry.name = std::string(65536, 'n');
   expectRefused(entry, "name is invalid", tal::CProps{{"name", tal::String::fromUTF8(entry.name.c_str())}});
   entry.name = "n";
-  entry.method = 12;
-  expectRefused(entry, "method is invalid", tal::CProps{{"method", tal::String("12")}});
+  entry.method = 65536;
+  expectRefused(entry, "method is invalid", tal::CProps{{"method", tal::String("65536")}});
+  entry.method = -1;
+  expectRefused(entry, "method is invalid", tal::CProps{{"method", tal::String("-1")}});
   entry.method = 0;
   entry.comment = std::string(65536, 'c');
   expectRefused(entry, "comment is invalid", tal::CProps{{"comment", tal::String::fromUTF8(entry.comment.c_str())}});
