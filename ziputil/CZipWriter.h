@@ -138,11 +138,11 @@ public:
     /// lists throws CError "Damaged archive: the central directory lists <n>
     /// entries, but <m> could be read." {"uri"}, and a failure of the file
     /// system that minizip passed over while reading the old archive is
-    /// thrown all the same. Every failure
-    /// (of the file system, of the old archive's entries, or thrown by
-    /// omitEntry, which passes unchanged) removes the copy and leaves the
-    /// archive untouched. Empty (the default): nothing is left out and the
-    /// writer works as the other options say. See omitNamed.
+    /// thrown all the same. Every failure (of the file system, of the old
+    /// archive's entries, or thrown by omitEntry, which passes unchanged)
+    /// removes the copy and leaves the archive untouched. Empty (the default):
+    /// nothing is left out and the writer works as the other options say. See
+    /// omitNamed.
     std::function<bool(CZipReader& reader)> omitEntry;
   };
 
@@ -197,8 +197,8 @@ public:
   /// entry is open; CInvalidArgError for function "CZipWriter::beginAddRawFile"
   /// with "name is invalid" {"name"} (empty, longer than 65,535 bytes, or
   /// holding a NUL byte), "method is invalid" {"method"} (outside 0 to
-  /// 65,535), "comment is invalid"
-  /// {"comment"} (longer than 65,535 bytes, or holding a NUL byte) or "extra field is invalid" {} (longer than 65,535
+  /// 65,535), "comment is invalid" {"comment"} (longer than 65,535 bytes, or
+  /// holding a NUL byte) or "extra field is invalid" {} (longer than 65,535
   /// bytes, or longer than 65,515 locally where the writer adds its Zip64
   /// record); CError "zipOpenNewFileInZip4_64 failed" {"uri", "result"}.
   tal::P<tal::IOutStream> beginAddRawFile(RawEntry const& entry);
