@@ -111,6 +111,8 @@ set(_unzip_crypt "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_crypt.c")
 # entry whose data goes on past its stored size, and
 # ziputil_unzGetCurrentFileInfoName, which gives the entry information that
 # positioning has just parsed instead of parsing the header a second time.
+# Its local header check accepts every compression method (raw reads copy
+# entries of any method).
 ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
   "#ifndef NOUNCRYPT\n        #define NOUNCRYPT\n#endif\n" ""
   "    ZCLOSE64(s->z_filefunc, s->filestream);\n    free(s);\n    return UNZ_OK;"
@@ -135,7 +137,12 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
   "extern int ZEXPORT ziputil_unzGetCurrentFileInfoName(unzFile file, unz_file_info64* pfile_info,\n                                                    char* szFileName, uLong fileNameBufferSize) {\n    unz64_s* s;\n    uLong uSizeRead;\n    if (file == NULL)\n        return UNZ_PARAMERROR;\n    s = (unz64_s*)file;\n    if (!s->current_file_ok)\n        return UNZ_END_OF_LIST_OF_FILE;\n    if (pfile_info != NULL)\n        *pfile_info = s->cur_file_info;\n    if (szFileName == NULL)\n        return UNZ_OK;\n    uSizeRead = s->cur_file_info.size_filename < fileNameBufferSize ? s->cur_file_info.size_filename : fileNameBufferSize;\n    if (s->cur_file_info.size_filename < fileNameBufferSize)\n        *(szFileName + s->cur_file_info.size_filename) = '\\0';\n    if (uSizeRead > 0) {\n        if (ZSEEK64(s->z_filefunc, s->filestream, s->pos_in_central_dir + s->byte_before_the_zipfile + SIZECENTRALDIRITEM, ZLIB_FILEFUNC_SEEK_SET) != 0)\n            return UNZ_ERRNO;\n        if (ZREAD64(s->z_filefunc, s->filestream, szFileName, uSizeRead) != uSizeRead)\n            return UNZ_ERRNO;\n    }\n    return UNZ_OK;\n}\n\nextern int ZEXPORT unzGetCurrentFileInfo64(unzFile file,\n                                           unz_file_info64 * pfile_info,"
   # ziputil_unzReadPastEnd: what an open entry's data holds beyond its stored size.
   "extern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len) {"
-  "extern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len);\n\nextern int ZEXPORT ziputil_unzReadPastEnd(unzFile file, voidp buf, unsigned len) {\n    file_in_zip64_read_info_s* p;\n    int read;\n    if (file == NULL)\n        return UNZ_PARAMERROR;\n    p = ((unz64_s*)file)->pfile_in_zip_read;\n    if (p == NULL || p->rest_read_uncompressed != 0)\n        return UNZ_PARAMERROR;\n    p->rest_read_uncompressed = len;\n    read = unzReadCurrentFile(file, buf, len);\n    p->rest_read_uncompressed = 0;\n    return read;\n}\n\nextern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len) {")
+  "extern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len);\n\nextern int ZEXPORT ziputil_unzReadPastEnd(unzFile file, voidp buf, unsigned len) {\n    file_in_zip64_read_info_s* p;\n    int read;\n    if (file == NULL)\n        return UNZ_PARAMERROR;\n    p = ((unz64_s*)file)->pfile_in_zip_read;\n    if (p == NULL || p->rest_read_uncompressed != 0)\n        return UNZ_PARAMERROR;\n    p->rest_read_uncompressed = len;\n    read = unzReadCurrentFile(file, buf, len);\n    p->rest_read_uncompressed = 0;\n    return read;\n}\n\nextern int ZEXPORT unzReadCurrentFile(unzFile file, voidp buf, unsigned len) {"
+  # Opening an entry accepts every method in its local header check, so that an entry's stored bytes can be
+  # read raw (and copied) whatever its method; the reader refuses to decompress other methods than stored and
+  # deflated before minizip is asked (MiniZipAdapter.h).
+  "    if ((err==UNZ_OK) && (s->cur_file_info.compression_method!=0) &&\n/* #ifdef HAVE_BZIP2 */\n                         (s->cur_file_info.compression_method!=Z_BZIP2ED) &&\n/* #endif */\n                         (s->cur_file_info.compression_method!=Z_DEFLATED))\n        err=UNZ_BADZIPFILE;\n"
+  "")
 # zip.c leaks on two failure paths, which the fault-injection tests reach:
 # zipOpen3 in add mode drops the open file (unless the header check closed it)
 # and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops
@@ -151,6 +158,7 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
 # is followed by a data descriptor (Zip64 sizes when it has a Zip64 extra
 # field) instead of having its local header rewritten; Zip64 sizes no longer
 # overwrite the system that made the entry (the high byte of version made by);
+# in raw mode (data written as stored) any compression method is accepted;
 # ziputil_zipDiscard (MiniZipExtras.h) releases a handle
 # without writing anything more, so that a failed writer can put the file back
 # as it was; and ziputil_zipFileStream gives the writer the file stream, so
@@ -199,7 +207,11 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "    if (err==ZIP_OK && (zi->ci.flag & 8))\n    {\n        err = zip64local_putValue(&zi->z_filefunc,zi->filestream,(uLong)0x08074b50,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,crc32,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n    }\n    else if (err==ZIP_OK)\n    {\n        // Update the LocalFileHeader with the new values."
   # ziputil_zipDiscard: releases a handle without writing anything more, so a writer can undo its changes.
   "extern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
-  "extern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {")
+  "extern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
+  # In raw mode any method is accepted: the data comes as stored, so an entry of a method this build cannot
+  # compress (bzip2, LZMA, AES-encrypted, ...) can still be copied from one archive into another.
+  "    if ((method!=0) && (method!=Z_DEFLATED))\n      return ZIP_PARAMERROR;"
+  "    if ((method!=0) && (method!=Z_DEFLATED) && !raw)\n      return ZIP_PARAMERROR;")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
 add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_zip_fixed}")

@@ -69,8 +69,10 @@ void CZipWriter::CFileInZipOutStream::close() {
   writer = m_writer;
   detach();
   if (!writer->m_state) throw writeError("Cannot close file in ZIP archive - archive has already been closed", nullptr);
-  int const result = zipCloseFileInZip(writer->m_state->handle);
-  if (!writer->writeSucceeded(result)) writer->failWrite(result, writeError("zipCloseFileInZip failed", &result));
+  int const result = m_raw ? zipCloseFileInZipRaw64(writer->m_state->handle, m_rawSize, m_rawCRC)
+                           : zipCloseFileInZip(writer->m_state->handle);
+  if (!writer->writeSucceeded(result))
+    writer->failWrite(result, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result));
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

@@ -469,4 +469,82 @@ void CZipReader::close() {
   throwMinizipFailure(bridgeError, result, fallback);
 }
 
+// ---- Additions: the current entry as stored ---------------------------------------
+
+tal::P<tal::IInStream> CZipReader::openCurrentFileRawStream() {
+  if (!isPositioned())
+    throw tal::CError(tal::String("CZipReader not positioned at a file. Cannot open stream."), tal::String(), -1,
+                      tal::uriProps(m_archiveURI), nullptr);
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff)
+    throw tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"),
+                        tal::uriProps(m_archiveURI), nullptr);
+  if (m_streamOpen)
+    throw tal::CError(tal::String("CZipReader cannot open the current file because its stream is still open."),
+                      tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
+  ZipStuff& stuff = *m_zipStuff;
+  tal::P<tal::CError> const before = stuff.io.getLastError();
+  int method = 0;
+  int level = 0;
+  int result = catchUpMinizip();
+  if (result == UNZ_OK) result = unzOpenCurrentFile2(stuff.handle, &method, &level, 1);
+  if (result != UNZ_OK) {
+    // minizip answers a failed read of the local header with UNZ_BADZIPFILE: the file system's error wins.
+    tal::P<tal::CError> const after = stuff.io.getLastError();
+    if (after && after.get() != before.get()) after->throwClone();
+    tal::CError const error(tal::String("unzOpenCurrentFile2 failed"), tal::String(), -1,
+                            minizipFailureProps(m_archiveURI, result), nullptr);
+    throwMinizipFailure(after, result, tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+  }
+  tal::CURI const entryURI = m_archiveURI << currentURI();
+  tal::P<CFileInZipInStream> stream(
+      tal::newObj<CFileInZipInStream>(this, entryURI, static_cast<long long>(stuff.fileInfo.compressed_size)));
+  m_streamOpen = true;
+  return tal::P<tal::IInStream>(stream);
+}
+
+int CZipReader::getCurrentFileFlags() const {
+  return hasEntryInfo() ? static_cast<int>(m_zipStuff->fileInfo.flag) : 0;
+}
+
+unsigned long CZipReader::getCurrentFileDosDate() const {
+  return hasEntryInfo() ? static_cast<unsigned long>(m_zipStuff->fileInfo.dosDate) : 0;
+}
+
+unsigned long CZipReader::getCurrentFileInternalAttributes() const {
+  return hasEntryInfo() ? static_cast<unsigned long>(m_zipStuff->fileInfo.internal_fa) : 0;
+}
+
+std::string CZipReader::getCurrentFileLocalExtraField() const {
+  if (!hasEntryInfo()) return std::string();
+  tal::CMutexLock lock(m_mutex);
+  if (!m_zipStuff) return std::string();
+  unzFile const handle = m_zipStuff->handle;
+  // minizip reads the local header of an open entry: the entry is opened raw for it when no stream has it open.
+  bool const opened = !m_streamOpen;
+  if (opened) {
+    tal::P<tal::CError> const before = m_zipStuff->io.getLastError();
+    int result = catchUpMinizip();
+    if (result == UNZ_OK) result = unzOpenCurrentFile2(handle, nullptr, nullptr, 1);
+    if (result != UNZ_OK) {
+      // minizip answers a failed read of the local header with UNZ_BADZIPFILE: the file system's error wins.
+      tal::P<tal::CError> const after = m_zipStuff->io.getLastError();
+      if (after && after.get() != before.get()) after->throwClone();
+      throwFailure(result, "unzGetLocalExtrafield failed");
+    }
+  }
+  int size = unzGetLocalExtrafield(handle, nullptr, 0);
+  std::string extra(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+  if (size > 0) size = unzGetLocalExtrafield(handle, &extra[0], static_cast<unsigned>(extra.size()));
+  if (opened) unzCloseCurrentFile(handle); // raw: nothing is checked
+  if (size < 0) throwFailure(size, "unzGetLocalExtrafield failed");
+  extra.resize(static_cast<std::size_t>(size));
+  return extra;
+}
+
+tal::P<tal::CError> CZipReader::getLastIOError() const {
+  tal::CMutexLock lock(m_mutex);
+  return m_zipStuff ? m_zipStuff->io.getLastError() : tal::P<tal::CError>();
+}
+
 } // namespace ziputil

@@ -182,6 +182,46 @@ public:
   /// the file system's error). An entry stream still open finds the archive closed.
   void close();
 
+  // ---- Additions: the current entry as stored, for copying it unchanged ----
+
+  /// Addition: opens the current entry's data exactly as the archive stores
+  /// it (minizip's raw mode): compressed, and with its 12-byte encryption
+  /// header and encrypted bytes when it is encrypted; no password is needed
+  /// and the reader's is not used. The stream is a CFileInZipInStream of
+  /// getCurrentFileCompressedSize() bytes, with that stream's behaviour and
+  /// errors, never checked against the CRC-32 (Options::verifyEntries does not
+  /// apply to it); the reader refuses to move on until it is closed. Throws
+  /// as openCurrentFileStream for a reader not positioned or closed; CError
+  /// "CZipReader cannot open the current file because its stream is still
+  /// open." {"uri"} while an entry stream is open; CFileSystemError
+  /// (Unspecified) from CError "unzOpenCurrentFile2 failed" {"uri", "result"}
+  /// when minizip refuses (a local header that is not there, say), or the file
+  /// system's error, which wins over minizip's code. Entries of every method
+  /// open, also those openCurrentFileStream refuses. Holds the reader's mutex
+  /// while it opens.
+  tal::P<tal::IInStream> openCurrentFileRawStream();
+  /// Addition: the current entry's general-purpose flags as stored in its
+  /// central header (bit 0 encrypted, bits 1-2 deflate's option, bit 3 sizes
+  /// in a data descriptor, bit 11 UTF-8 name); 0 when not positioned.
+  int getCurrentFileFlags() const;
+  /// Addition: the current entry's MS-DOS date and time as stored (date in
+  /// the high 16 bits); 0 when not positioned.
+  unsigned long getCurrentFileDosDate() const;
+  /// Addition: the current entry's internal file attributes as stored (bit 0:
+  /// the writer took the data for text); 0 when not positioned.
+  unsigned long getCurrentFileInternalAttributes() const;
+  /// Addition: the extra field of the current entry's local header, as stored
+  /// (bytes), read from the archive under the reader's mutex (also while the
+  /// entry's stream is open). Empty when not positioned or after close().
+  /// Throws CError "unzGetLocalExtrafield failed" {"uri", "result"} (or the
+  /// file system's error) when it cannot be read.
+  std::string getCurrentFileLocalExtraField() const;
+  /// Addition: the last failure of the file system that the reader's minizip
+  /// calls met, also one that minizip passed over (looking for the end
+  /// records, or probing past the last entry), as the file system threw it;
+  /// null when there was none, and after close().
+  tal::P<tal::CError> getLastIOError() const;
+
 private:
   bool isPositioned() const { return m_positioned; }
   /// Whether the current entry's information is at hand: positioned, and the archive still open.

@@ -1,6 +1,7 @@
 #include "ziputil/CZipWriter.h"
 
 #include "ziputil/ArchiveLayout.h"
+#include "ziputil/CZipReader.h"
 #include "ziputil/MiniZipExtras.h"
 #include "ziputil/MiniZipFailure.h"
 #include "ziputil/SiblingFiles.h"
@@ -83,7 +84,11 @@ CZipWriter::CZipWriter(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI
 void CZipWriter::open(Options const& options) {
   m_options = options;
   auto state = std::make_unique<ArchiveState>(m_fileSystem.get());
-  state->atomic = options.atomicReplace;
+  state->atomic = options.atomicReplace || options.omitEntry;
+  if (options.omitEntry) {
+    openRebuilt(std::move(state)); // sets m_state itself: the copying goes through this writer
+    return;
+  }
   if (state->atomic)
     openCopy(*state);
   else
@@ -142,6 +147,59 @@ void CZipWriter::openCopy(ArchiveState& state) {
     openMinizip(state);
   } catch (...) {
     removeQuietly(m_fileSystem.get(), state.target);
+    throw;
+  }
+}
+
+void CZipWriter::openRebuilt(std::unique_ptr<ArchiveState> state) {
+  unsigned long long listed = 0;
+  {
+    // Checked as an archive to add to is checked, before anything is written.
+    tal::P<tal::IInOutStream> in =
+        m_fileSystem->openStream(m_archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
+    std::string tail;
+    listed = readArchiveLayout(*in, m_archiveURI, tail).entryCount;
+    in->close();
+  }
+  state->target = freshSibling(m_fileSystem.get(), m_archiveURI);
+  try {
+    tal::P<tal::IInOutStream> out =
+        m_fileSystem->openStream(state->target, tal::IFileSystem::AccessReadWrite, tal::IFileSystem::OpenCreate);
+    out->write(kEmptyArchive, sizeof kEmptyArchive, nullptr);
+    out->close();
+    openMinizip(*state);
+  } catch (...) {
+    removeQuietly(m_fileSystem.get(), state->target);
+    throw;
+  }
+  m_state = std::move(state);
+  try {
+    tal::P<CZipReader> reader = tal::newObj<CZipReader>(m_fileSystem.get(), m_archiveURI, tal::String());
+    if (m_options.keepArchiveComment) {
+      m_options.archiveComment = reader->getArchiveComment();
+      m_options.keepArchiveComment = false; // the copy began without it
+    }
+    unsigned long long walked = 0;
+    for (; reader->nextFile(); ++walked)
+      if (!m_options.omitEntry(*reader)) copyFileFrom(*reader);
+    // A failure minizip passed over is a failure all the same, as for the archive a writer adds to.
+    if (tal::P<tal::CError> const passedOver = reader->getLastIOError()) passedOver->throwClone();
+    reader->close();
+    if (walked != listed) // every entry is copied or left out on purpose, never lost on the way
+      throw tal::CError(tal::String::fromUTF8(("Damaged archive: the central directory lists " + std::to_string(listed) +
+                                               " entries, but " + std::to_string(walked) + " could be read.")
+                                                  .c_str()),
+                        tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
+  } catch (...) {
+    // A failure of this writer has rolled it back already; any other leaves the copy to remove.
+    std::unique_ptr<ArchiveState> left = std::move(m_state);
+    if (left) {
+      try {
+        undoChanges(*left);
+      } catch (std::exception&) {
+        // the copy could not be removed: the archive itself is untouched all the same
+      }
+    }
     throw;
   }
 }
@@ -214,19 +272,28 @@ void CZipWriter::cutOldTail() {
   }
 }
 
-int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
-                          EntryOptions const* options) {
-  std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
-  zip_fileinfo info = fileInfoFor(time);
-  std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
-  int method = Z_DEFLATED;
-  int level = static_cast<int>(m_level);
+void CZipWriter::entryMethod(EntryOptions const* options, int& method, int& level) const {
+  method = Z_DEFLATED;
+  level = static_cast<int>(m_level);
   if (options && options->method == EntryOptions::Stored) {
     method = 0;
     level = 0;
   } else if (options && options->method == EntryOptions::Deflated) {
     level = options->level;
   }
+}
+
+int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
+                          EntryOptions const* options, RawClose const* raw) {
+  std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
+  zip_fileinfo info = fileInfoFor(time);
+  std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
+  int method = Z_DEFLATED;
+  int level = 0;
+  entryMethod(options, method, level);
+  // minizip marks a deflated entry as text in its internal attributes when deflate took the data for text;
+  // in raw mode it cannot see that, so the attributes come with the data.
+  if (raw) info.internal_fa = raw->internalAttributes;
   uLong versionMadeBy = 0;
   if (m_options.madeByUnix) {
     versionMadeBy = kMadeByUnix;
@@ -240,7 +307,8 @@ int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeField
     crcForCrypting = (dosDateOf(info.tmz_date) & 0xFFFF) << 16;
   }
   char const* comment = options ? options->comment.c_str() : "";
-  return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, comment, method, level, 0,
+  return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, comment, method, level,
+                                 raw ? 1 : 0,
                                  -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
                                  m_hasPassword ? password.c_str() : nullptr, crcForCrypting, versionMadeBy, flags, 1);
 }
@@ -255,7 +323,7 @@ tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInA
 }
 
 tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
-                                               EntryOptions const* options) {
+                                               EntryOptions const* options, RawClose const* raw) {
   tal::CMutexLock lock(m_mutex);
   checkCanBegin(relativeURIInArchive);
   if (options && options->method == EntryOptions::Deflated && (options->level < -1 || options->level > 9)) {
@@ -264,13 +332,167 @@ tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArc
     throw tal::CInvalidArgError(tal::String("CZipWriter::beginAddFile"), tal::String("level is invalid"), props);
   }
   tal::CURI const entryURI = m_archiveURI << relativeURIInArchive;
-  int const result = openEntry(relativeURIInArchive, time, options);
+  int const result = openEntry(relativeURIInArchive, time, options, raw);
   if (!writeSucceeded(result))
     failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
                                   minizipFailureProps(m_archiveURI, result), nullptr));
-  tal::P<tal::IOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
+  tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
+  if (raw) {
+    stream->m_raw = true;
+    stream->m_rawCRC = raw->crc32;
+    stream->m_rawSize = raw->uncompressedSize;
+  }
+  m_entryOpen = true;
+  return tal::P<tal::IOutStream>(stream);
+}
+
+// ---- Additions: entries written as stored ------------------------------------------
+
+namespace {
+
+/// `extra` without its Zip64 records (header ID 1); a record that runs past
+/// the end is kept as it is, with what follows.
+std::string withoutZip64(std::string const& extra) {
+  std::string kept;
+  std::size_t at = 0;
+  while (at + 4 <= extra.size()) {
+    unsigned const id = static_cast<unsigned char>(extra[at]) | static_cast<unsigned char>(extra[at + 1]) << 8;
+    std::size_t const size = static_cast<unsigned char>(extra[at + 2]) | static_cast<unsigned char>(extra[at + 3]) << 8;
+    if (at + 4 + size > extra.size()) break;
+    if (id != 1) kept.append(extra, at, 4 + size);
+    at += 4 + size;
+  }
+  kept.append(extra, at, std::string::npos);
+  return kept;
+}
+
+[[noreturn]] void throwRawArgument(char const* detail, tal::CProps const& props) {
+  throw tal::CInvalidArgError(tal::String("CZipWriter::beginAddRawFile"), tal::String(detail), props);
+}
+
+/// The general-purpose flags a raw entry keeps.
+constexpr int kRawFlags = 0x1 | 0x6 | 0x8 | 0x800;
+/// Room minizip's Zip64 record takes in a local extra field.
+constexpr std::size_t kZip64LocalRecord = 20;
+
+} // namespace
+
+tal::P<tal::IOutStream> CZipWriter::beginAddRawFile(RawEntry const& entry) {
+  return tal::P<tal::IOutStream>(beginRaw(entry));
+}
+
+tal::P<CZipWriter::CFileInZipOutStream> CZipWriter::beginRaw(RawEntry const& entry) {
+  tal::CMutexLock lock(m_mutex);
+  checkCanBegin(tal::CURI(tal::String("-"))); // closed, entry open: the name is checked below
+  if (entry.name.empty() || entry.name.size() > 0xFFFF || entry.name.find('\0') != std::string::npos) {
+    tal::CProps props;
+    props["name"] = tal::String::fromUTF8(entry.name.c_str());
+    throwRawArgument("name is invalid", props);
+  }
+  if (entry.method < 0 || entry.method > 0xFFFF) {
+    tal::CProps props;
+    props["method"] = tal::toString(entry.method);
+    throwRawArgument("method is invalid", props);
+  }
+  if (entry.comment.size() > 0xFFFF || entry.comment.find('\0') != std::string::npos) {
+    tal::CProps props;
+    props["comment"] = tal::String::fromUTF8(entry.comment.c_str());
+    throwRawArgument("comment is invalid", props);
+  }
+  std::string const local = withoutZip64(entry.localExtraField);
+  std::string const central = withoutZip64(entry.centralExtraField);
+  if (local.size() > 0xFFFF - kZip64LocalRecord || central.size() > 0xFFFF)
+    throwRawArgument("extra field is invalid", tal::CProps());
+  zip_fileinfo info = fileInfoFor(entry.time);
+  info.dosDate = entry.dosDate;
+  info.internal_fa = entry.internalAttributes;
+  info.external_fa = entry.externalAttributes;
+  tal::CURI const entryURI =
+      m_archiveURI << tal::CURI(tal::String(), tal::String::fromUTF8(entry.name.c_str()), nullptr, nullptr, nullptr, -1,
+                                nullptr, nullptr);
+  // The level only sets deflate's option bits, which come with the flags here: 6 sets none.
+  int const result = zipOpenNewFileInZip4_64(
+      m_state->handle, entry.name.c_str(), &info, local.empty() ? nullptr : local.data(),
+      static_cast<uInt>(local.size()), central.empty() ? nullptr : central.data(), static_cast<uInt>(central.size()),
+      entry.comment.c_str(), entry.method, 6, 1, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0,
+      static_cast<uLong>(entry.versionMadeBy) & 0xFFFF, static_cast<uLong>(entry.flags & kRawFlags), 1);
+  if (!writeSucceeded(result))
+    failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                  minizipFailureProps(m_archiveURI, result), nullptr));
+  tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
+  stream->m_raw = true;
+  stream->m_rawCRC = entry.crc32;
+  stream->m_rawSize = entry.uncompressedSize;
   m_entryOpen = true;
   return stream;
+}
+
+void CZipWriter::copyFileFrom(CZipReader& reader) {
+  RawEntry entry;
+  entry.name = reader.getCurrentFileRawName();
+  entry.dosDate = reader.getCurrentFileDosDate();
+  entry.method = reader.getCurrentFileMethod();
+  entry.flags = reader.getCurrentFileFlags();
+  entry.crc32 = reader.getCurrentFileCRC32();
+  entry.uncompressedSize = static_cast<unsigned long long>(reader.getCurrentFileUncompressedSize());
+  entry.internalAttributes = reader.getCurrentFileInternalAttributes();
+  entry.externalAttributes = reader.getCurrentFileExternalAttributes();
+  entry.versionMadeBy = reader.getCurrentFileVersionMadeBy();
+  entry.comment = reader.getCurrentFileComment();
+  entry.centralExtraField = reader.getCurrentFileExtraField();
+  entry.localExtraField = reader.getCurrentFileLocalExtraField();
+  tal::P<tal::IInStream> in = reader.openCurrentFileRawStream();
+  tal::P<CFileInZipOutStream> out;
+  try {
+    out = beginRaw(entry);
+    std::vector<char> buffer(1 << 16);
+    while (int const n = in->readLax(buffer.data(), static_cast<int>(buffer.size()))) out->write(buffer.data(), n, nullptr);
+    out->close();
+  } catch (std::exception& e) {
+    tal::P<tal::CError> const error = tal::CStdExceptionError::exceptionToError(&e)->clone();
+    try {
+      in->close();
+    } catch (std::exception&) {
+      // the first failure is the one reported
+    }
+    if (out) {
+      tal::CMutexLock lock(m_mutex);
+      bool const unfinished = out->m_open;
+      if (unfinished) out->detach();
+      // The reader failed under an unfinished entry: the writer gives up as after its own failures. (A failure
+      // of the writer has rolled it back already.)
+      if (unfinished && m_state) rollBackAndThrow(error);
+    }
+    throw;
+  }
+  in->close();
+}
+
+void CZipWriter::abandonEntry(tal::P<tal::IOutStream>& stream) {
+  if (!stream) return;
+  {
+    tal::CMutexLock lock(m_mutex);
+    auto* entry = dynamic_cast<CFileInZipOutStream*>(stream.get());
+    if (entry && entry->m_owner == this && entry->m_open) entry->detach();
+  }
+  stream = nullptr;
+}
+
+std::function<bool(CZipReader& reader)> CZipWriter::omitNamed(std::vector<tal::CURI> const& names,
+                                                              std::shared_ptr<std::vector<std::string>> omitted) {
+  auto keys = std::make_shared<std::vector<tal::String>>();
+  for (tal::CURI const& name : names)
+    keys->push_back(CZipReader::ZipStuff::pathInArchiveToSafeURI(name.getPath()).getPath());
+  return [keys, omitted](CZipReader& reader) {
+    tal::String const path = reader.getCurrentFileRelativeURI().getPath();
+    for (tal::String const& key : *keys) {
+      if (key == path) {
+        if (omitted) omitted->push_back(reader.getCurrentFileRawName());
+        return true;
+      }
+    }
+    return false;
+  };
 }
 
 void CZipWriter::close() {

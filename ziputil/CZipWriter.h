@@ -7,10 +7,15 @@
 #include "ziputil/minizip/zip.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace ziputil {
+
+class CZipReader;
+class CParallelDeflater;
 
 /// Adds entries to an existing ZIP archive behind a tal::IFileSystem: the
 /// archive is opened for adding (its entries are kept, new ones go after
@@ -116,7 +121,100 @@ public:
     /// encryption header's check byte is the high byte of the entry's DOS
     /// time, which Info-ZIP unzip, Python, 7-Zip and bsdtar check.
     bool interoperableEncryption = false;
+
+    /// Addition: old entries to leave out of the new archive, for deleting
+    /// entries and for replacing an entry by a new one of the same name. When
+    /// set, the writer works as with atomicReplace (whatever that says), but
+    /// the copy beside the archive starts empty: the constructor walks the
+    /// old archive with a CZipReader (no password needed) and copies every
+    /// entry for which omitEntry(reader) returns false, in order, with
+    /// copyFileFrom: its stored bytes (never decompressed or decrypted) and
+    /// its metadata, unchanged. The reader is positioned at the entry; the
+    /// function may use its getters but must not move it. New entries then go
+    /// after the copied ones, and close() moves the new archive over the old
+    /// one. keepArchiveComment keeps the old archive's comment. Besides the
+    /// errors of the archive checks above, the copies (copyFileFrom) and the
+    /// reader, a walk that does not reach every entry the central directory
+    /// lists throws CError "Damaged archive: the central directory lists <n>
+    /// entries, but <m> could be read." {"uri"}, and a failure of the file
+    /// system that minizip passed over while reading the old archive is
+    /// thrown all the same. Every failure (of the file system, of the old
+    /// archive's entries, or thrown by omitEntry, which passes unchanged)
+    /// removes the copy and leaves the archive untouched. Empty (the default):
+    /// nothing is left out and the writer works as the other options say. See
+    /// omitNamed.
+    std::function<bool(CZipReader& reader)> omitEntry;
   };
+
+  /// Addition: an omitEntry function that leaves out every entry whose name
+  /// matches one of `names` as tryGoToFile matches (both names cleaned,
+  /// case-sensitive), duplicates included. When `omitted` is given, the
+  /// stored names of the entries left out are appended to it, in order.
+  static std::function<bool(CZipReader& reader)> omitNamed(std::vector<tal::CURI> const& names,
+                                                           std::shared_ptr<std::vector<std::string>> omitted = nullptr);
+
+  /// Addition: an entry whose data is given exactly as an archive stores it.
+  struct RawEntry {
+    /// The stored name, as bytes (not a URI: nothing is cleaned or
+    /// normalised); not empty, at most 65,535 bytes.
+    std::string name;
+    /// The MS-DOS date and time (date in the high 16 bits); 0 takes `time`
+    /// instead, as beginAddFile does.
+    unsigned long dosDate = 0;
+    tal::CTimeFields time;
+    /// The compression method as stored: 0 stored, 8 deflated, or any other
+    /// (0 to 65535): the data is never looked at.
+    int method = 8;
+    /// General-purpose flags. Kept: bit 0 (the data is encrypted: it starts
+    /// with its 12-byte encryption header), bits 1-2 (deflate's option), bit 3
+    /// (a data descriptor follows the data) and bit 11 (UTF-8 name); the
+    /// others are dropped.
+    int flags = 0x800;
+    /// The CRC-32 and size of the uncompressed data.
+    unsigned long crc32 = 0;
+    unsigned long long uncompressedSize = 0;
+    unsigned long internalAttributes = 0;
+    unsigned long externalAttributes = 0;
+    /// Version made by, whole (the high byte names the system).
+    int versionMadeBy = 0;
+    std::string comment;
+    /// Extra fields of the local and the central header (bytes). A Zip64
+    /// record (header ID 1) in them is dropped: the writer writes its own.
+    std::string localExtraField;
+    std::string centralExtraField;
+  };
+
+  /// Addition: starts an entry whose data, written to the returned stream, is
+  /// already in its stored form (minizip's raw mode: zipOpenNewFileInZip4_64
+  /// with raw 1, closed by zipCloseFileInZipRaw64 with the entry's CRC-32 and
+  /// size). Nothing is compressed, checked or encrypted: the writer's level
+  /// and password do not apply, and the writer's Options (madeByUnix,
+  /// interoperableEncryption) do not change the entry's fields. Written with
+  /// Zip64 extensions like every entry. The stream is a CFileInZipOutStream
+  /// with that stream's behaviour and errors ("zipCloseFileInZipRaw64 failed"
+  /// where the other says "zipCloseFileInZip failed"), and the integrity
+  /// rules apply as to beginAddFile. Throws as beginAddFile when closed or an
+  /// entry is open; CInvalidArgError for function "CZipWriter::beginAddRawFile"
+  /// with "name is invalid" {"name"} (empty, longer than 65,535 bytes, or
+  /// holding a NUL byte), "method is invalid" {"method"} (outside 0 to
+  /// 65,535), "comment is invalid" {"comment"} (longer than 65,535 bytes, or
+  /// holding a NUL byte) or "extra field is invalid" {} (longer than 65,535
+  /// bytes, or longer than 65,515 locally where the writer adds its Zip64
+  /// record); CError "zipOpenNewFileInZip4_64 failed" {"uri", "result"}.
+  tal::P<tal::IOutStream> beginAddRawFile(RawEntry const& entry);
+
+  /// Addition: copies the entry at which `reader` stands into this archive
+  /// as it is stored: its name (stored bytes), DOS date, method, flags,
+  /// CRC-32, sizes, internal and external attributes, version made by,
+  /// comment and extra fields (less their Zip64 records) go to
+  /// beginAddRawFile, and the bytes of reader.openCurrentFileRawStream() to
+  /// its stream. An encrypted entry is copied encrypted, without a password.
+  /// An entry stored with a DOS date of 0 is written with minizip's date of an
+  /// empty time (0x00200000). Throws what those calls throw (the reader's
+  /// errors leave this writer rolled back, as any failure while an entry is
+  /// open); the reader is positioned as before, its raw stream closed.
+  /// Entries of any method are copied, also those this library cannot read.
+  void copyFileFrom(CZipReader& reader);
 
   /// Addition: what beginAddFile may choose for one entry.
   struct EntryOptions {
@@ -207,9 +305,28 @@ private:
   /// Opens minizip on state.target; throws as the constructor documents.
   void openMinizip(ArchiveState& state);
   void checkCanBegin(tal::CURI const& relativeURIInArchive) const;
+  /// What closing an entry written raw needs, and the internal attributes it
+  /// starts with.
+  struct RawClose {
+    unsigned long crc32 = 0;
+    unsigned long long uncompressedSize = 0;
+    unsigned long internalAttributes = 0;
+  };
+  /// With `raw`, the entry is begun exactly as beginAddFile begins it, but in
+  /// raw mode: its data comes compressed (CParallelDeflater), and the writer's
+  /// password still encrypts it.
   tal::P<tal::IOutStream> beginEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
-                                     EntryOptions const* options);
-  int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time, EntryOptions const* options);
+                                     EntryOptions const* options, RawClose const* raw = nullptr);
+  int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time, EntryOptions const* options,
+                RawClose const* raw = nullptr);
+  /// The method and level beginAddFile uses for an entry with `options`.
+  void entryMethod(EntryOptions const* options, int& method, int& level) const;
+  tal::P<CFileInZipOutStream> beginRaw(RawEntry const& entry);
+  /// Marks `stream`, an entry stream of this writer, closed without finishing
+  /// its entry (which discard() or a rollback then undoes), and drops it.
+  void abandonEntry(tal::P<tal::IOutStream>& stream);
+  /// Builds the copy without the entries Options::omitEntry leaves out.
+  void openRebuilt(std::unique_ptr<ArchiveState> state);
   /// Cuts the target at minizip's write position: what lies beyond is the old
   /// central directory, end records and comment, which close() writes anew.
   void cutOldTail();
@@ -234,6 +351,7 @@ private:
   bool m_entryOpen;
 
   friend class CFileInZipOutStream;
+  friend class CParallelDeflater;
 };
 
 /// The output stream of one entry being added: strictly sequential, it counts
@@ -299,6 +417,12 @@ private:
   std::atomic<bool> m_open;
   tal::CURI m_uri;
   long long m_position;
+  /// Set for an entry written raw: closed by zipCloseFileInZipRaw64 with these.
+  bool m_raw = false;
+  unsigned long m_rawCRC = 0;
+  unsigned long long m_rawSize = 0;
+
+  friend class CZipWriter;
 };
 
 /// Writes an empty ZIP archive (the end-of-central-directory record alone) to
