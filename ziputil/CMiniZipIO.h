@@ -41,6 +41,9 @@ public:
   /// null. For reading the archive's bytes beside minizip through the same
   /// stream (minizip seeks before it reads).
   tal::IInOutStream* getOpenStream() const { return m_opened ? m_opened->stream.get() : nullptr; }
+  /// Addition: keeps `e` as the last error, as a failed callback does, for a
+  /// failure met reading beside minizip through getOpenStream().
+  void recordFailure(std::exception& e) { recordError(e); }
 
   /// What `open` hands to minizip and minizip hands back to every other callback.
   struct StreamHandle {

@@ -237,8 +237,12 @@ void CZipReader::rewind() {
 bool CZipReader::useDirectory() {
   if (!m_directoryLoaded) {
     m_directoryLoaded = true;
-    if (tal::IInOutStream* stream = m_zipStuff->io.getOpenStream())
-      m_directory = CentralDirectory::load(*stream, m_archiveURI, m_zipStuff->handle);
+    if (tal::IInOutStream* stream = m_zipStuff->io.getOpenStream()) {
+      tal::P<tal::CError> readFailure;
+      m_directory = CentralDirectory::load(*stream, m_archiveURI, m_zipStuff->handle, readFailure);
+      // Kept as a failed read of minizip's would be: minizip reads on by itself, but it happened.
+      if (readFailure) m_zipStuff->io.recordFailure(*readFailure);
+    }
   }
   return m_directory != nullptr;
 }

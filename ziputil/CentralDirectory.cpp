@@ -3,11 +3,14 @@
 #include "ziputil/ArchiveLayout.h"
 #include "ziputil/CZipReader.h"
 
+#include "tal/Error.h"
+
 #include <wx/strconv.h>
 
 #include <array>
 #include <cstring>
 #include <functional>
+#include <typeinfo>
 
 namespace ziputil {
 namespace {
@@ -143,13 +146,22 @@ bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexce
 }
 
 std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream, tal::CURI const& uri,
-                                                         unzFile handle) {
+                                                         unzFile handle, tal::P<tal::CError>& readFailure) {
   auto directory = std::make_unique<CentralDirectory>();
   ArchiveLayout layout;
   try {
     layout = readArchiveLayout(stream, uri, directory->m_bytes);
-  } catch (std::exception&) {
-    return nullptr; // damaged, or a read failed: minizip meets it in its own time
+  } catch (tal::CError& e) {
+    // Damage is minizip's to meet in its own time; anything else is the stream's failure.
+    std::string const message = e.getMessage().toUTF8();
+    bool const damage = typeid(e) == typeid(tal::CError) &&
+                        (message.rfind("Damaged archive: ", 0) == 0 || message.rfind("Not a ZIP archive: ", 0) == 0 ||
+                         message.rfind("Cannot seek from end: ", 0) == 0);
+    if (!damage) readFailure = e.clone();
+    return nullptr;
+  } catch (std::exception& e) {
+    readFailure = tal::CStdExceptionError::exceptionToError(&e);
+    return nullptr;
   }
   if (layout.empty) return nullptr;
   directory->m_directoryOffset = static_cast<std::uint64_t>(layout.centralStart - layout.prefixLength);

@@ -3,6 +3,7 @@
 // field (internal to libziputil; not installed).
 #pragma once
 
+#include "tal/Error.h"
 #include "tal/Stream.h"
 
 #include "ziputil/minizip/unzip.h"
@@ -33,8 +34,10 @@ public:
   /// Reads the directory through `stream` (the stream minizip reads the
   /// archive through; its position is left anywhere, as minizip seeks before
   /// every read) and checks it against `handle` (just opened, not yet moved).
-  /// Null when the archive does not qualify or a read fails.
-  static std::unique_ptr<CentralDirectory> load(tal::IInStream& stream, tal::CURI const& uri, unzFile handle);
+  /// Null when the archive does not qualify or a read fails; a failure of the
+  /// stream is handed back in `readFailure` (null otherwise).
+  static std::unique_ptr<CentralDirectory> load(tal::IInStream& stream, tal::CURI const& uri, unzFile handle,
+                                                tal::P<tal::CError>& readFailure);
 
   std::size_t size() const { return m_headers.size(); }
   /// The entry's description and name bytes, as minizip gives them.
