@@ -3,6 +3,7 @@
 #include "tal/PositionalStream.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <vector>
 
@@ -13,29 +14,39 @@ std::string keyOf(CURI const& uri) { return uri.toNormalized().toString(true).to
 
 } // namespace
 
-/// One file's bytes, guarded by their own lock.
+/// One file's bytes, guarded by their own lock. Every change counts up the
+/// file's version (under the lock), so a stream can tell without the lock
+/// whether the bytes it has buffered are still the file's bytes.
 class CMemoryFileSystem::CFile : public CBase {
 public:
   std::size_t readAt(long long offset, void* buffer, std::size_t size) {
     CMutexLock lock(m_mutex);
-    if (offset >= static_cast<long long>(m_bytes.size())) return 0;
-    std::size_t n = std::min(size, m_bytes.size() - static_cast<std::size_t>(offset));
-    std::memcpy(buffer, m_bytes.data() + offset, n);
-    return n;
+    return copyOut(offset, buffer, size);
+  }
+  /// Like readAt, and gives the version the bytes belong to.
+  std::size_t readAt(long long offset, void* buffer, std::size_t size, unsigned long long& version) {
+    CMutexLock lock(m_mutex);
+    version = m_version.load(std::memory_order_relaxed);
+    return copyOut(offset, buffer, size);
   }
   void writeAt(long long offset, void const* data, std::size_t size) {
     CMutexLock lock(m_mutex);
-    std::size_t const end = static_cast<std::size_t>(offset) + size;
-    if (end > m_bytes.size()) m_bytes.resize(end);
-    if (size > 0) std::memcpy(m_bytes.data() + offset, data, size);
+    auto const at = static_cast<std::size_t>(offset);
+    auto const* bytes = static_cast<unsigned char const*>(data);
+    std::size_t const overlap = at < m_bytes.size() ? std::min(size, m_bytes.size() - at) : 0;
+    if (size > overlap) {
+      // Appending: copy straight to the end (no zero fill first); the vector grows geometrically.
+      if (at > m_bytes.size()) m_bytes.resize(at);
+      m_bytes.insert(m_bytes.end(), bytes + overlap, bytes + size);
+    }
+    if (overlap > 0) std::memcpy(m_bytes.data() + at, bytes, overlap);
+    changed();
   }
-  long long size() {
-    CMutexLock lock(m_mutex);
-    return static_cast<long long>(m_bytes.size());
-  }
+  long long size() const { return m_size.load(std::memory_order_acquire); }
   void truncate(long long length) {
     CMutexLock lock(m_mutex);
     m_bytes.resize(static_cast<std::size_t>(length));
+    changed();
   }
   std::string copy() {
     CMutexLock lock(m_mutex);
@@ -44,22 +55,56 @@ public:
   void assign(std::string const& bytes) {
     CMutexLock lock(m_mutex);
     m_bytes.assign(bytes.begin(), bytes.end());
+    changed();
   }
+  unsigned long long version() const { return m_version.load(std::memory_order_acquire); }
 
 private:
+  std::size_t copyOut(long long offset, void* buffer, std::size_t size) const {
+    if (offset >= static_cast<long long>(m_bytes.size())) return 0;
+    std::size_t n = std::min(size, m_bytes.size() - static_cast<std::size_t>(offset));
+    std::memcpy(buffer, m_bytes.data() + offset, n);
+    return n;
+  }
+  void changed() {
+    m_size.store(static_cast<long long>(m_bytes.size()), std::memory_order_release);
+    m_version.fetch_add(1, std::memory_order_acq_rel);
+  }
+
   CMutex m_mutex;
   std::vector<unsigned char> m_bytes;
+  std::atomic<unsigned long long> m_version{0};
+  std::atomic<long long> m_size{0};
 };
 
 namespace {
 
-/// A stream's view of a memory file.
+/// Reads smaller than this go through a stream's read buffer of this size.
+constexpr std::size_t kReadBufferSize = 64 * 1024;
+
+/// A stream's view of a memory file. Reads come from a buffer of the stream's
+/// own while the file's version is the one the buffer was filled at, so small
+/// reads take no lock; writes go straight to the file.
 class CMemoryHandle : public CBase, public virtual IPositionalFile {
 public:
   CMemoryHandle(P<CMemoryFileSystem::CFile> file, CURI const& uri, bool lengthUnknown)
       : m_file(std::move(file)), m_uri(uri), m_lengthUnknown(lengthUnknown) {}
   std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
-    return m_file->readAt(offset, buffer, size);
+    if (size >= kReadBufferSize) return m_file->readAt(offset, buffer, size);
+    if (m_bufferLength == 0 || offset < m_bufferStart ||
+        offset >= m_bufferStart + static_cast<long long>(m_bufferLength) || m_file->version() != m_bufferVersion) {
+      // Refill from `offset`. A read that runs past the buffer gets what the buffer holds (the
+      // stream asks again for the rest).
+      if (m_buffer.empty()) m_buffer.resize(kReadBufferSize);
+      m_bufferLength = 0; // stays empty when the read below throws
+      m_bufferStart = offset;
+      m_bufferLength = m_file->readAt(offset, m_buffer.data(), m_buffer.size(), m_bufferVersion);
+      if (m_bufferLength == 0) return 0;
+    }
+    std::size_t const at = static_cast<std::size_t>(offset - m_bufferStart);
+    std::size_t const n = std::min(size, m_bufferLength - at);
+    std::memcpy(buffer, m_buffer.data() + at, n);
+    return n;
   }
   void writeAt(long long offset, void const* data, std::size_t size) override {
     try {
@@ -81,12 +126,20 @@ public:
     }
   }
   void sync() override {} // nothing outlives the process's memory anyway
-  void closeFile() override { m_file = nullptr; }
+  void closeFile() override {
+    m_file = nullptr;
+    m_bufferLength = 0;
+    std::vector<unsigned char>().swap(m_buffer);
+  }
 
 private:
   P<CMemoryFileSystem::CFile> m_file;
   CURI m_uri;
   bool m_lengthUnknown;
+  std::vector<unsigned char> m_buffer;
+  long long m_bufferStart = 0;
+  std::size_t m_bufferLength = 0;
+  unsigned long long m_bufferVersion = 0;
 };
 
 } // namespace
