@@ -8,9 +8,9 @@
  * inflate, inflateEnd and crc32 when the library is built with
  * ZIPUTIL_WITH_ISAL (cmake/Dependencies.cmake).
  *
- * What a caller of unzReadCurrentFile sees is exactly what zlib gives: the same
- * bytes, the same CRC-32, and for damaged data the same result code in the same
- * read, after the same bytes. The two decoders agree on every byte of valid
+ * What a caller of unzReadCurrentFile sees is what zlib gives: the same bytes,
+ * the same CRC-32, and for damaged data the same result code in the same read,
+ * after the same bytes (with the one exception below). The two decoders agree on every byte of valid
  * data, but zlib reports damage at a point of its own: it decodes the next
  * symbol (a block header, a distance) before it stops on a full output buffer,
  * and on input cut short it decodes as far as the bits at hand allow. So:
@@ -25,6 +25,14 @@
  *   ziputil_inflateIsalSetSource's function, in the chunks unzip.c reads) up to
  *   the bytes already handed out, and then answers every later call itself,
  *   result codes included.
+ *
+ * One difference remains, for damaged data only: ISA-L accepts a dynamic
+ * block whose Huffman code is incomplete or over-subscribed, which zlib refuses
+ * at the block's header ("invalid literal/lengths set", "invalid distances
+ * set", "invalid code lengths set"). Until ISA-L itself then stumbles (and
+ * zlib takes over as above), such a block's bytes are handed out where zlib
+ * would have failed. With CZipReader::Options::verifyEntries the entry still
+ * fails its check (its CRC-32 or its size), with a different message.
  *
  * Only windowBits -MAX_WBITS (raw deflate, as unzip.c asks) is supported;
  * other values give Z_STREAM_ERROR. `flush` is ignored (zlib's inflate treats
