@@ -4,13 +4,108 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <vector>
+
+#include <sys/mman.h>
 
 namespace tal {
 namespace {
 
 std::string keyOf(CURI const& uri) { return uri.toNormalized().toString(true).toUTF8(); }
+
+} // namespace
+
+namespace {
+
+/// A file's bytes. Up to 1 MiB they live in the C heap; beyond, in an
+/// anonymous mapping that grows without copying (mremap) and asks for huge
+/// pages, so that writing a large file costs about as much as writing it to
+/// the page cache (fresh small pages cost a fault each). Bytes past the end
+/// are never handed out: growing zero-fills what was not written.
+class CByteStore {
+public:
+  CByteStore() = default;
+  CByteStore(CByteStore const&) = delete;
+  CByteStore& operator=(CByteStore const&) = delete;
+  ~CByteStore() { release(); }
+
+  unsigned char* data() { return m_data; }
+  unsigned char const* data() const { return m_data; }
+  std::size_t size() const { return m_size; }
+
+  /// Makes the size `size`, zero-filling new bytes. Throws std::bad_alloc.
+  void resize(std::size_t size) {
+    if (size > m_size) {
+      reserve(size);
+      std::memset(m_data + m_size, 0, size - m_size);
+    }
+    m_size = size;
+  }
+  /// Writes `size` bytes at `offset`, growing (and zero-filling a gap) as needed. Throws std::bad_alloc.
+  void write(std::size_t offset, void const* bytes, std::size_t size) {
+    if (size == 0) return;
+    if (offset > kMax || size > kMax - offset) throw std::bad_alloc();
+    std::size_t const end = offset + size;
+    if (end > m_size) {
+      reserve(end);
+      if (offset > m_size) std::memset(m_data + m_size, 0, offset - m_size);
+      m_size = end;
+    }
+    std::memcpy(m_data + offset, bytes, size);
+  }
+
+private:
+  static constexpr std::size_t kMax = std::size_t(1) << 46; // beyond any memory this process can have
+  static constexpr std::size_t kHeapLimit = std::size_t(1) << 20;
+  static constexpr std::size_t kHugePage = std::size_t(2) << 20;
+
+  void reserve(std::size_t needed) {
+    if (needed <= m_capacity) return;
+    if (needed > kMax) throw std::bad_alloc();
+    std::size_t capacity = std::max(needed, m_capacity + m_capacity / 2);
+    if (capacity <= kHeapLimit) {
+      capacity = std::max<std::size_t>(capacity, 64);
+      void* grown = std::realloc(m_data, capacity);
+      if (grown == nullptr) throw std::bad_alloc();
+      m_data = static_cast<unsigned char*>(grown);
+    } else {
+      capacity = std::max(capacity, 2 * m_capacity);
+      capacity = (capacity + kHugePage - 1) / kHugePage * kHugePage;
+      void* mapped;
+      if (m_mapped) {
+        mapped = ::mremap(m_data, m_capacity, capacity, MREMAP_MAYMOVE);
+      } else {
+        mapped = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      }
+      if (mapped == MAP_FAILED) throw std::bad_alloc();
+      ::madvise(mapped, capacity, MADV_HUGEPAGE); // a hint: without huge pages it works all the same
+      if (!m_mapped) {
+        if (m_size > 0) std::memcpy(mapped, m_data, m_size);
+        std::free(m_data);
+        m_mapped = true;
+      }
+      m_data = static_cast<unsigned char*>(mapped);
+    }
+    m_capacity = capacity;
+  }
+  void release() {
+    if (m_mapped)
+      ::munmap(m_data, m_capacity);
+    else
+      std::free(m_data);
+    m_data = nullptr;
+    m_size = m_capacity = 0;
+    m_mapped = false;
+  }
+
+  unsigned char* m_data = nullptr;
+  std::size_t m_size = 0;
+  std::size_t m_capacity = 0;
+  bool m_mapped = false;
+};
 
 } // namespace
 
@@ -31,15 +126,7 @@ public:
   }
   void writeAt(long long offset, void const* data, std::size_t size) {
     CMutexLock lock(m_mutex);
-    auto const at = static_cast<std::size_t>(offset);
-    auto const* bytes = static_cast<unsigned char const*>(data);
-    std::size_t const overlap = at < m_bytes.size() ? std::min(size, m_bytes.size() - at) : 0;
-    if (size > overlap) {
-      // Appending: copy straight to the end (no zero fill first); the vector grows geometrically.
-      if (at > m_bytes.size()) m_bytes.resize(at);
-      m_bytes.insert(m_bytes.end(), bytes + overlap, bytes + size);
-    }
-    if (overlap > 0) std::memcpy(m_bytes.data() + at, bytes, overlap);
+    m_bytes.write(static_cast<std::size_t>(offset), data, size);
     changed();
   }
   long long size() const { return m_size.load(std::memory_order_acquire); }
@@ -50,11 +137,12 @@ public:
   }
   std::string copy() {
     CMutexLock lock(m_mutex);
-    return std::string(m_bytes.begin(), m_bytes.end());
+    return std::string(reinterpret_cast<char const*>(m_bytes.data()), m_bytes.size());
   }
   void assign(std::string const& bytes) {
     CMutexLock lock(m_mutex);
-    m_bytes.assign(bytes.begin(), bytes.end());
+    m_bytes.resize(0);
+    m_bytes.write(0, bytes.data(), bytes.size());
     changed();
   }
   unsigned long long version() const { return m_version.load(std::memory_order_acquire); }
@@ -72,7 +160,7 @@ private:
   }
 
   CMutex m_mutex;
-  std::vector<unsigned char> m_bytes;
+  CByteStore m_bytes;
   std::atomic<unsigned long long> m_version{0};
   std::atomic<long long> m_size{0};
 };

@@ -92,4 +92,28 @@ TEST_F(MemoryFileSystemBufferTest, ByteByByteWalkMatchesOneBigRead) {
   EXPECT_EQ(readAt(*in, 1000, 200000), data.substr(1000, 200000));
 }
 
+TEST_F(MemoryFileSystemBufferTest, LargeFilesGrowShrinkAndZeroFillGaps) {
+  // Past 1 MiB a file's bytes move to a growing mapping; what was cut off never comes back.
+  std::string data;
+  for (int i = 0; i < 5 * 1024 * 1024 + 17; ++i) data += static_cast<char>(i % 251);
+  auto s = fs->openStream(uri, 3, 2);
+  for (std::size_t at = 0; at < data.size(); at += 10000)
+    s->write(data.data() + at, static_cast<int>(std::min<std::size_t>(10000, data.size() - at)), nullptr);
+  EXPECT_EQ(fs->getFile(uri), data);
+  s->setLength(3 * 1024 * 1024);
+  s->seek(4 * 1024 * 1024);
+  s->write("Z", 1, nullptr);
+  std::string expected = data.substr(0, 3 * 1024 * 1024) + std::string(1024 * 1024, '\0') + "Z";
+  EXPECT_EQ(fs->getFile(uri), expected);
+  s->setLength(6 * 1024 * 1024);
+  expected += std::string(6 * 1024 * 1024 - expected.size(), '\0');
+  EXPECT_EQ(fs->getFile(uri), expected);
+  EXPECT_EQ(readAt(*s, 3 * 1024 * 1024 - 2, 4), data.substr(3 * 1024 * 1024 - 2, 2) + std::string(2, '\0'));
+  s->setLength(10);
+  EXPECT_EQ(fs->getFile(uri), data.substr(0, 10));
+  s->close();
+  fs->setFile(uri, data);
+  EXPECT_EQ(fs->getFile(uri), data);
+}
+
 } // namespace
