@@ -34,6 +34,12 @@
  * would have failed. With CZipReader::Options::verifyEntries the entry still
  * fails its check (its CRC-32 or its size), with a different message.
  *
+ * Reading ahead also moves the reads of compressed data: unzip.c reads its
+ * 16 KiB chunks somewhat earlier than with zlib, and after damage zlib reads
+ * the entry's data again. A file system that fails one of these reads fails
+ * the entry read that needed it (UNZ_ERRNO, the file system's error), which
+ * may be an earlier or later entry read than with zlib.
+ *
  * Only windowBits -MAX_WBITS (raw deflate, as unzip.c asks) is supported;
  * other values give Z_STREAM_ERROR. `flush` is ignored (zlib's inflate treats
  * Z_NO_FLUSH and Z_SYNC_FLUSH alike). The stream's `state` field holds this
