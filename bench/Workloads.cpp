@@ -13,10 +13,15 @@
 #include <unzip.h>
 #include <zip.h>
 #include <zlib.h>
+#if ZIPUTIL_BENCH_ISAL
+#include <isa-l/crc.h>
+#include <isa-l/igzip_lib.h>
+#endif
 
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <memory>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -402,6 +407,10 @@ Workload makeRead(Context& ctx) {
   w.title = "read one " + formatBytes(static_cast<double>(size)) + " entry deflated at level 6 (" +
             formatBytes(static_cast<double>(bytes->size())) + " archive), 64 KiB reads";
   w.notes.push_back("limit-inflate: zlib inflate + CRC-32 of the compressed bytes in memory, 64 KiB output pieces");
+#if ZIPUTIL_BENCH_ISAL
+  w.notes.push_back("limit-isal: ISA-L inflate + CRC-32 of the same bytes in memory, 64 KiB output pieces (the "
+                    "decoder ziputil reads with in this build)");
+#endif
   w.notes.push_back("every row checks the CRC-32 (minizip at unzCloseCurrentFile, libzip and zipfile at the end)");
   w.bytesPerOp = static_cast<double>(size);
 
@@ -464,6 +473,34 @@ Workload makeRead(Context& ctx) {
       expect(r == Z_STREAM_END && total == entry.uncompressedSize && crc == entry.crc, "inflate failed");
     }));
   }
+#if ZIPUTIL_BENCH_ISAL
+  if (ctx.wants("limit-isal")) {
+    CentralEntry entry{};
+    auto compressed = std::make_shared<std::string>(entryCompressedBytes(*bytes, name, entry));
+    w.impls.push_back(inProcess("limit-isal", [compressed, entry](long) {
+      auto state = std::make_unique<inflate_state>();
+      isal_inflate_init(state.get());
+      state->crc_flag = ISAL_DEFLATE;
+      state->next_in = reinterpret_cast<std::uint8_t*>(const_cast<char*>(compressed->data()));
+      state->avail_in = static_cast<std::uint32_t>(compressed->size());
+      static unsigned char buffer[kChunk];
+      std::uint32_t crc = 0;
+      std::uint64_t total = 0;
+      int r = ISAL_DECOMP_OK;
+      while (r >= 0 && state->block_state != ISAL_BLOCK_FINISH) {
+        state->next_out = buffer;
+        state->avail_out = kChunk;
+        r = isal_inflate(state.get());
+        std::uint32_t const got = static_cast<std::uint32_t>(kChunk - state->avail_out);
+        crc = crc32_gzip_refl(crc, buffer, got);
+        total += got;
+        if (got == 0 && state->block_state != ISAL_BLOCK_FINISH) break;
+      }
+      expect(state->block_state == ISAL_BLOCK_FINISH && total == entry.uncompressedSize && crc == entry.crc,
+             "ISA-L inflate failed");
+    }));
+  }
+#endif
   w.cleanup = [path] { std::remove(path.c_str()); };
   return w;
 }

@@ -143,6 +143,45 @@ ziputil_patch_source("${_minizip_dir}/unzip.c" "${_unzip_crypt}"
   # deflated before minizip is asked (MiniZipAdapter.h).
   "    if ((err==UNZ_OK) && (s->cur_file_info.compression_method!=0) &&\n/* #ifdef HAVE_BZIP2 */\n                         (s->cur_file_info.compression_method!=Z_BZIP2ED) &&\n/* #endif */\n                         (s->cur_file_info.compression_method!=Z_DEFLATED))\n        err=UNZ_BADZIPFILE;\n"
   "")
+# Reading through ISA-L (ZIPUTIL_WITH_ISAL, on by default on x86-64): a second
+# copy of unzip.c calls ziputil/InflateIsal.h's inflate and CRC-32 in place of
+# zlib's, and hands that decoder a way to read an entry's compressed data again
+# from its start (decrypted), with which zlib answers for damaged data exactly
+# as it would have alone. Without ISA-L installed the build inflates with zlib.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+  set(_isal_default ON)
+else()
+  set(_isal_default OFF)
+endif()
+option(ZIPUTIL_WITH_ISAL "Inflate and check CRC-32 with Intel's ISA-L when reading (zlib alone when OFF or absent)"
+       ${_isal_default})
+# ZIPUTIL_INFLATE_ISAL tells what this configuration does (scripts/test.sh checks it in the cache).
+set(ZIPUTIL_INFLATE_ISAL OFF CACHE INTERNAL "Reading inflates with ISA-L")
+if(ZIPUTIL_WITH_ISAL)
+  find_path(ISAL_INCLUDE_DIR isa-l/igzip_lib.h)
+  find_library(ISAL_LIBRARY isal)
+  if(ISAL_INCLUDE_DIR AND ISAL_LIBRARY)
+    set(ZIPUTIL_INFLATE_ISAL ON CACHE INTERNAL "Reading inflates with ISA-L")
+    message(STATUS "Reading inflates with ISA-L: ${ISAL_LIBRARY}")
+  else()
+    message(STATUS "ISA-L not found (libisal-dev): reading inflates with zlib alone")
+  endif()
+endif()
+set(_unzip_source "${_unzip_crypt}")
+if(ZIPUTIL_INFLATE_ISAL)
+  set(_unzip_source "${CMAKE_CURRENT_BINARY_DIR}/minizip/unzip_isal.c")
+  ziputil_patch_source("${_unzip_crypt}" "${_unzip_source}"
+    # The inflate and CRC-32 calls go to the ISA-L decoder.
+    "#include \"unzip.h\"\n"
+    "#include \"unzip.h\"\n#include \"ziputil/InflateIsal.h\"\n#undef inflateInit2\n#define inflateInit2(strm, windowBits) ziputil_inflateIsalInit2((strm), (windowBits))\n#define inflate(strm, flush) ziputil_inflateIsal((strm), (flush))\n#define inflateEnd(strm) ziputil_inflateIsalEnd(strm)\n#define crc32(crc, buf, len) ziputil_crc32Isal((crc), (buf), (len))\n"
+    # Where an entry's data starts, and the decryption keys there, to read it again.
+    "    int   raw;\n} file_in_zip64_read_info_s;"
+    "    int   raw;\n    ZPOS64_T ziputil_data_start;\n    unsigned long ziputil_keys_start[3];\n    unsigned long ziputil_keys[3];\n} file_in_zip64_read_info_s;"
+    "extern int ZEXPORT unzOpenCurrentFile3(unzFile file, int* method,"
+    "/* Reads an open entry's compressed data again, decrypted, for the ISA-L decoder (offsets in order from 0). */\nstatic int ziputil_unzReadAgain(void* opaque, unsigned long long offset, void* buf, unsigned len) {\n    unz64_s* s = (unz64_s*)opaque;\n    file_in_zip64_read_info_s* p = s->pfile_in_zip_read;\n    if (p == NULL)\n        return -1;\n    if (ZSEEK64(p->z_filefunc, p->filestream, p->ziputil_data_start + p->byte_before_the_zipfile + offset, ZLIB_FILEFUNC_SEEK_SET) != 0)\n        return -1;\n    if (ZREAD64(p->z_filefunc, p->filestream, buf, len) != len)\n        return -1;\n    if (s->encrypted) {\n        unsigned i;\n        if (offset == 0)\n            memcpy(p->ziputil_keys, p->ziputil_keys_start, sizeof p->ziputil_keys);\n        for (i = 0; i < len; i++)\n            ((char*)buf)[i] = (char)zdecode(p->ziputil_keys, s->pcrc_32_tab, ((char*)buf)[i]);\n    }\n    return 0;\n}\n\nextern int ZEXPORT unzOpenCurrentFile3(unzFile file, int* method,"
+    "    }\n#    endif\n\n\n    return UNZ_OK;\n}\n\nextern int ZEXPORT unzOpenCurrentFile(unzFile file) {"
+    "    }\n#    endif\n\n    if (s->pfile_in_zip_read->stream_initialised == Z_DEFLATED) {\n        s->pfile_in_zip_read->ziputil_data_start = s->pfile_in_zip_read->pos_in_zipfile;\n        if (s->encrypted)\n            memcpy(s->pfile_in_zip_read->ziputil_keys_start, s->keys, sizeof s->keys);\n        ziputil_inflateIsalSetSource(&s->pfile_in_zip_read->stream, ziputil_unzReadAgain, s,\n                                     s->pfile_in_zip_read->rest_read_compressed);\n    }\n\n    return UNZ_OK;\n}\n\nextern int ZEXPORT unzOpenCurrentFile(unzFile file) {")
+endif()
 # zip.c leaks on two failure paths, which the fault-injection tests reach:
 # zipOpen3 in add mode drops the open file (unless the header check closed it)
 # and the central directory read so far when reading the central directory fails; zipOpenNewFileInZip4_64 drops
@@ -214,7 +253,11 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   "    if ((method!=0) && (method!=Z_DEFLATED) && !raw)\n      return ZIP_PARAMERROR;")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
-add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_crypt}" "${_zip_fixed}")
+add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_source}" "${_zip_fixed}")
+if(ZIPUTIL_INFLATE_ISAL)
+  # unzip_isal.c includes ziputil/InflateIsal.h; the decoder itself is linked in ziputil/CMakeLists.txt.
+  target_include_directories(minizip PRIVATE "${PROJECT_SOURCE_DIR}")
+endif()
 set_target_properties(minizip PROPERTIES POSITION_INDEPENDENT_CODE ON C_VISIBILITY_PRESET hidden)
 target_include_directories(minizip SYSTEM PUBLIC "$<BUILD_INTERFACE:${_minizip_dir}>")
 target_include_directories(minizip PRIVATE "${_minizip_dir}")

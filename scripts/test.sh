@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The project's test command: installs what is missing, then builds and runs
 # the whole test suite three ways:
-#   build/        plain (RelWithDebInfo), every test including the long ones
-#   build-asan/   AddressSanitizer + UndefinedBehaviorSanitizer, all but the long tests
+#   build/        plain (RelWithDebInfo), reading through ISA-L, every test including the long ones
+#   build-asan/   AddressSanitizer + UndefinedBehaviorSanitizer, reading with zlib alone
+#                 (-DZIPUTIL_WITH_ISAL=OFF), all but the long tests
 #   build-tsan/   ThreadSanitizer, the concurrency tests
 # and then, with clang, build-fuzz/: the archive reader's fuzzer, run for a
 # bounded time (ZIPUTIL_FUZZ_SECONDS, default 75).
@@ -48,15 +49,17 @@ run_ctest() { # dir, ctest args...
 
 section() { printf '\n=== %s ===\n' "$*"; }
 
-section "plain build"
-configure_and_build build
+section "plain build (reading through ISA-L)"
+configure build -DZIPUTIL_WITH_ISAL=ON
+grep -q '^ZIPUTIL_INFLATE_ISAL:INTERNAL=ON$' build/CMakeCache.txt || { echo "test: ISA-L (libisal-dev) not found" >&2; exit 1; }
+cmake --build build -j"$jobs"
 section "plain tests"
 run_ctest build
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-section "AddressSanitizer + UndefinedBehaviorSanitizer build"
-configure_and_build build-asan -DZIPUTIL_SANITIZE=address,undefined
+section "AddressSanitizer + UndefinedBehaviorSanitizer build (reading with zlib alone)"
+configure_and_build build-asan -DZIPUTIL_SANITIZE=address,undefined -DZIPUTIL_WITH_ISAL=OFF
 section "AddressSanitizer + UndefinedBehaviorSanitizer tests"
 run_ctest build-asan -LE long
 

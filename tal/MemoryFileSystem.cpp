@@ -3,8 +3,13 @@
 #include "tal/PositionalStream.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <vector>
+
+#include <sys/mman.h>
 
 namespace tal {
 namespace {
@@ -13,53 +18,181 @@ std::string keyOf(CURI const& uri) { return uri.toNormalized().toString(true).to
 
 } // namespace
 
-/// One file's bytes, guarded by their own lock.
+namespace {
+
+/// A file's bytes. Up to 1 MiB they live in the C heap; beyond, in an
+/// anonymous mapping that grows without copying (mremap) and asks for huge
+/// pages, so that writing a large file costs about as much as writing it to
+/// the page cache (fresh small pages cost a fault each). Bytes past the end
+/// are never handed out: growing zero-fills what was not written.
+class CByteStore {
+public:
+  CByteStore() = default;
+  CByteStore(CByteStore const&) = delete;
+  CByteStore& operator=(CByteStore const&) = delete;
+  ~CByteStore() { release(); }
+
+  unsigned char* data() { return m_data; }
+  unsigned char const* data() const { return m_data; }
+  std::size_t size() const { return m_size; }
+
+  /// Makes the size `size`, zero-filling new bytes. Throws std::bad_alloc.
+  void resize(std::size_t size) {
+    if (size > m_size) {
+      reserve(size);
+      std::memset(m_data + m_size, 0, size - m_size);
+    }
+    m_size = size;
+  }
+  /// Writes `size` bytes at `offset`, growing (and zero-filling a gap) as needed. Throws std::bad_alloc.
+  void write(std::size_t offset, void const* bytes, std::size_t size) {
+    if (size == 0) return;
+    if (offset > kMax || size > kMax - offset) throw std::bad_alloc();
+    std::size_t const end = offset + size;
+    if (end > m_size) {
+      reserve(end);
+      if (offset > m_size) std::memset(m_data + m_size, 0, offset - m_size);
+      m_size = end;
+    }
+    std::memcpy(m_data + offset, bytes, size);
+  }
+
+private:
+  static constexpr std::size_t kMax = std::size_t(1) << 46; // beyond any memory this process can have
+  static constexpr std::size_t kHeapLimit = std::size_t(1) << 20;
+  static constexpr std::size_t kHugePage = std::size_t(2) << 20;
+
+  void reserve(std::size_t needed) {
+    if (needed <= m_capacity) return;
+    if (needed > kMax) throw std::bad_alloc();
+    std::size_t capacity = std::max(needed, m_capacity + m_capacity / 2);
+    if (capacity <= kHeapLimit) {
+      capacity = std::max<std::size_t>(capacity, 64);
+      void* grown = std::realloc(m_data, capacity);
+      if (grown == nullptr) throw std::bad_alloc();
+      m_data = static_cast<unsigned char*>(grown);
+    } else {
+      capacity = std::max(capacity, 2 * m_capacity);
+      capacity = (capacity + kHugePage - 1) / kHugePage * kHugePage;
+      void* mapped;
+      if (m_mapped) {
+        mapped = ::mremap(m_data, m_capacity, capacity, MREMAP_MAYMOVE);
+      } else {
+        mapped = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      }
+      if (mapped == MAP_FAILED) throw std::bad_alloc();
+      ::madvise(mapped, capacity, MADV_HUGEPAGE); // a hint: without huge pages it works all the same
+      if (!m_mapped) {
+        if (m_size > 0) std::memcpy(mapped, m_data, m_size);
+        std::free(m_data);
+        m_mapped = true;
+      }
+      m_data = static_cast<unsigned char*>(mapped);
+    }
+    m_capacity = capacity;
+  }
+  void release() {
+    if (m_mapped)
+      ::munmap(m_data, m_capacity);
+    else
+      std::free(m_data);
+    m_data = nullptr;
+    m_size = m_capacity = 0;
+    m_mapped = false;
+  }
+
+  unsigned char* m_data = nullptr;
+  std::size_t m_size = 0;
+  std::size_t m_capacity = 0;
+  bool m_mapped = false;
+};
+
+} // namespace
+
+/// One file's bytes, guarded by their own lock. Every change counts up the
+/// file's version (under the lock), so a stream can tell without the lock
+/// whether the bytes it has buffered are still the file's bytes.
 class CMemoryFileSystem::CFile : public CBase {
 public:
   std::size_t readAt(long long offset, void* buffer, std::size_t size) {
     CMutexLock lock(m_mutex);
+    return copyOut(offset, buffer, size);
+  }
+  /// Like readAt, and gives the version the bytes belong to.
+  std::size_t readAt(long long offset, void* buffer, std::size_t size, unsigned long long& version) {
+    CMutexLock lock(m_mutex);
+    version = m_version.load(std::memory_order_relaxed);
+    return copyOut(offset, buffer, size);
+  }
+  void writeAt(long long offset, void const* data, std::size_t size) {
+    CMutexLock lock(m_mutex);
+    m_bytes.write(static_cast<std::size_t>(offset), data, size);
+    changed();
+  }
+  long long size() const { return m_size.load(std::memory_order_acquire); }
+  void truncate(long long length) {
+    CMutexLock lock(m_mutex);
+    m_bytes.resize(static_cast<std::size_t>(length));
+    changed();
+  }
+  std::string copy() {
+    CMutexLock lock(m_mutex);
+    return std::string(reinterpret_cast<char const*>(m_bytes.data()), m_bytes.size());
+  }
+  void assign(std::string const& bytes) {
+    CMutexLock lock(m_mutex);
+    m_bytes.resize(0);
+    m_bytes.write(0, bytes.data(), bytes.size());
+    changed();
+  }
+  unsigned long long version() const { return m_version.load(std::memory_order_acquire); }
+
+private:
+  std::size_t copyOut(long long offset, void* buffer, std::size_t size) const {
     if (offset >= static_cast<long long>(m_bytes.size())) return 0;
     std::size_t n = std::min(size, m_bytes.size() - static_cast<std::size_t>(offset));
     std::memcpy(buffer, m_bytes.data() + offset, n);
     return n;
   }
-  void writeAt(long long offset, void const* data, std::size_t size) {
-    CMutexLock lock(m_mutex);
-    std::size_t const end = static_cast<std::size_t>(offset) + size;
-    if (end > m_bytes.size()) m_bytes.resize(end);
-    if (size > 0) std::memcpy(m_bytes.data() + offset, data, size);
-  }
-  long long size() {
-    CMutexLock lock(m_mutex);
-    return static_cast<long long>(m_bytes.size());
-  }
-  void truncate(long long length) {
-    CMutexLock lock(m_mutex);
-    m_bytes.resize(static_cast<std::size_t>(length));
-  }
-  std::string copy() {
-    CMutexLock lock(m_mutex);
-    return std::string(m_bytes.begin(), m_bytes.end());
-  }
-  void assign(std::string const& bytes) {
-    CMutexLock lock(m_mutex);
-    m_bytes.assign(bytes.begin(), bytes.end());
+  void changed() {
+    m_size.store(static_cast<long long>(m_bytes.size()), std::memory_order_release);
+    m_version.fetch_add(1, std::memory_order_acq_rel);
   }
 
-private:
   CMutex m_mutex;
-  std::vector<unsigned char> m_bytes;
+  CByteStore m_bytes;
+  std::atomic<unsigned long long> m_version{0};
+  std::atomic<long long> m_size{0};
 };
 
 namespace {
 
-/// A stream's view of a memory file.
+/// Reads smaller than this go through a stream's read buffer of this size.
+constexpr std::size_t kReadBufferSize = 64 * 1024;
+
+/// A stream's view of a memory file. Reads come from a buffer of the stream's
+/// own while the file's version is the one the buffer was filled at, so small
+/// reads take no lock; writes go straight to the file.
 class CMemoryHandle : public CBase, public virtual IPositionalFile {
 public:
   CMemoryHandle(P<CMemoryFileSystem::CFile> file, CURI const& uri, bool lengthUnknown)
       : m_file(std::move(file)), m_uri(uri), m_lengthUnknown(lengthUnknown) {}
   std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
-    return m_file->readAt(offset, buffer, size);
+    if (size >= kReadBufferSize) return m_file->readAt(offset, buffer, size);
+    if (m_bufferLength == 0 || offset < m_bufferStart ||
+        offset >= m_bufferStart + static_cast<long long>(m_bufferLength) || m_file->version() != m_bufferVersion) {
+      // Refill from `offset`. A read that runs past the buffer gets what the buffer holds (the
+      // stream asks again for the rest).
+      if (m_buffer.empty()) m_buffer.resize(kReadBufferSize);
+      m_bufferLength = 0; // stays empty when the read below throws
+      m_bufferStart = offset;
+      m_bufferLength = m_file->readAt(offset, m_buffer.data(), m_buffer.size(), m_bufferVersion);
+      if (m_bufferLength == 0) return 0;
+    }
+    std::size_t const at = static_cast<std::size_t>(offset - m_bufferStart);
+    std::size_t const n = std::min(size, m_bufferLength - at);
+    std::memcpy(buffer, m_buffer.data() + at, n);
+    return n;
   }
   void writeAt(long long offset, void const* data, std::size_t size) override {
     try {
@@ -81,12 +214,20 @@ public:
     }
   }
   void sync() override {} // nothing outlives the process's memory anyway
-  void closeFile() override { m_file = nullptr; }
+  void closeFile() override {
+    m_file = nullptr;
+    m_bufferLength = 0;
+    std::vector<unsigned char>().swap(m_buffer);
+  }
 
 private:
   P<CMemoryFileSystem::CFile> m_file;
   CURI m_uri;
   bool m_lengthUnknown;
+  std::vector<unsigned char> m_buffer;
+  long long m_bufferStart = 0;
+  std::size_t m_bufferLength = 0;
+  unsigned long long m_bufferVersion = 0;
 };
 
 } // namespace

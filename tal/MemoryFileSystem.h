@@ -11,10 +11,15 @@ namespace tal {
 /// Files held in memory, reachable by whoever holds this file system. Any URI
 /// names a file; "mem:" URIs such as "mem:/archive.zip" are the suggested
 /// form. Two URIs name the same file when their normalised text forms are
-/// equal ("mem:/a/./b" and "MEM:/a/b" are one file). Streams are unbuffered and
-/// work directly on the file's bytes, so what one stream writes the others see
-/// at once. Safe under concurrent use: the file table and each file's bytes
-/// have their own locks (one thread at a time per stream).
+/// equal ("mem:/a/./b" and "MEM:/a/b" are one file). Streams write directly to
+/// the file's bytes, so what one stream writes the others see at once: a read
+/// that starts after another stream's write has returned gets the written
+/// bytes. Reads of less than 64 KiB are served from a 64 KiB read buffer of the
+/// stream's own, filled from the position read, and only while the file has not
+/// changed since it was filled (each file counts its changes; the check takes
+/// no lock), so many small reads cost one copy under the file's lock. Safe under
+/// concurrent use: the file table and each file's bytes have their own locks
+/// (one thread at a time per stream).
 ///
 /// openStream: access 1 reads, 3 reads and writes (any other access is a
 /// CInvalidArgError); flags 2 or 4 create a missing file, otherwise a missing
