@@ -29,6 +29,20 @@ bool comparisonKey(const char* name, std::string& key) noexcept {
   return true;
 }
 
+/// Holds a mutex that outlives the scope (the reader's own) for the scope's
+/// run: what tal::CMutexLock does, without counting a reference to it, for the
+/// moves that are called once per entry.
+class CMemberLock {
+public:
+  explicit CMemberLock(tal::IMutex& mutex) : m_mutex(mutex) { m_mutex.lock(); }
+  ~CMemberLock() { m_mutex.unlock(); }
+  CMemberLock(CMemberLock const&) = delete;
+  CMemberLock& operator=(CMemberLock const&) = delete;
+
+private:
+  tal::IMutex& m_mutex;
+};
+
 /// Sets `utf8` to the text as UTF-8 (empty when it has no UTF-8 form), as
 /// tal::String::toUTF8 gives it, reusing its storage.
 void assignUtf8(tal::String const& text, std::string& utf8) {
@@ -203,7 +217,7 @@ tal::CURI const& CZipReader::currentURI() const {
 }
 
 bool CZipReader::nextFile() {
-  tal::CMutexLock lock(m_mutex);
+  CMemberLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to next file because the current file is still open.");
   if (useDirectory()) {
     std::size_t const next = m_atFirst ? 0 : m_ordinal + 1;
@@ -288,7 +302,7 @@ int CZipReader::catchUpMinizip() const {
 }
 
 bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
-  tal::CMutexLock lock(m_mutex);
+  CMemberLock lock(m_mutex);
   checkCanMove("CZipReader cannot advance to another file because the current file is still open.");
   ZipStuff& stuff = *m_zipStuff;
   assignUtf8(relativeURI.getPath(), m_searchedName);
