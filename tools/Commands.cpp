@@ -876,20 +876,23 @@ std::vector<std::string> pathsToAdd(Options const& options, std::vector<std::str
 
 namespace {
 
-/// The old entries of `uri` that `items` would replace, and -u's choice: a
-/// reader on the archive when it can be read; none otherwise (the writer then
-/// names what is wrong with it).
+/// What add does with the archive at `uri` (see planEntries), looked up with
+/// a reader on it. When the archive cannot be read, `readError` gets the
+/// reader's error and the plan adds every source: the writer, which checks
+/// the archive on its own, is then expected to refuse it with its own error.
 AddPlan planAdd(Options const& options, tal::IFileSystem* fileSystem, tal::CURI const& uri,
-                std::vector<SourceItem> const& sources) {
-  tal::P<ziputil::CZipReader> reader;
-  try {
-    if (fileSystem->exists(uri)) reader = tal::newObj<ziputil::CZipReader>(fileSystem, uri, tal::String());
-  } catch (tal::CError const&) {
-    reader = nullptr;
+                std::vector<SourceItem> const& sources, tal::P<tal::CError>& readError) {
+  if (fileSystem->exists(uri)) {
+    try {
+      tal::P<ziputil::CZipReader> reader = tal::newObj<ziputil::CZipReader>(fileSystem, uri, tal::String());
+      AddPlan plan = planEntries(options, sources, reader.get());
+      reader->close();
+      return plan;
+    } catch (tal::CError const& e) {
+      readError = e.clone();
+    }
   }
-  AddPlan plan = planEntries(options, sources, reader.get());
-  if (reader) reader->close();
-  return plan;
+  return planEntries(options, sources, nullptr);
 }
 
 } // namespace
@@ -898,8 +901,9 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
   if (isStandardStream(archive)) return addToStandardOutput(options, pathsToAdd(options, paths));
   tal::CURI uri = archiveURIFromArgument(archive);
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
-  AddPlan const plan =
-      planAdd(options, fileSystem.get(), uri, collectAll(pathsToAdd(options, paths), localPathOf(uri)));
+  tal::P<tal::CError> readError;
+  AddPlan const plan = planAdd(options, fileSystem.get(), uri,
+                               collectAll(pathsToAdd(options, paths), localPathOf(uri)), readError);
   for (std::string const& name : plan.unchanged)
     if (options.verbose) std::printf("unchanged: %s\n", escapeForTerminal(name).c_str());
   bool const created = !fileSystem->exists(uri);
@@ -915,6 +919,7 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),
                                              writerOptions);
+    if (readError) readError->throwClone(); // the writer took an archive that its entries' lookup did not
     return writeEntries(options, *writer, plan.items, stdout);
   } catch (...) {
     try {
