@@ -673,6 +673,12 @@ enum SourceFailure : long long {
   SourceReadFailed = 2, ///< opened, but reading failed: the whole add fails
 };
 
+/// strerror's text for `error`, safe in any thread.
+std::string errorText(int error) {
+  char buffer[256];
+  return ::strerror_r(error, buffer, sizeof buffer); // the GNU form: returns the text
+}
+
 [[noreturn]] void throwSourceFailure(SourceFailure code, std::string const& message) {
   throw tal::CError(textFromBytes(message), "ziputil", code, tal::CProps(), nullptr);
 }
@@ -707,7 +713,10 @@ public:
     while (got < size) {
       ssize_t const n = ::read(m_input->fd(), out + got, static_cast<std::size_t>(size - got));
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0) throwSourceFailure(SourceReadFailed, "cannot read " + m_path + ": " + std::strerror(errno));
+      if (n < 0) {
+        int const failure = errno;
+        throwSourceFailure(SourceReadFailed, "cannot read " + m_path + ": " + errorText(failure));
+      }
       if (n == 0) break;
       got += static_cast<int>(n);
     }
@@ -749,14 +758,19 @@ private:
 tal::P<tal::IInStream> openSource(SourceItem const& item) {
   if (item.kind == SourceItem::SymbolicLink) {
     std::string target;
-    if (!readLinkTarget(item.localPath, target))
-      throwSourceFailure(SourceSkipped, std::string("cannot read the link: ") + std::strerror(errno));
+    if (!readLinkTarget(item.localPath, target)) {
+      int const failure = errno;
+      throwSourceFailure(SourceSkipped, "cannot read the link: " + errorText(failure));
+    }
     return tal::newObj<CSourceInStream>(target);
   }
   if (item.kind == SourceItem::Directory) return tal::newObj<CSourceInStream>(std::string());
   // Never through a symbolic link put in place of the file since it was listed.
   int const fd = ::open(item.localPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-  if (fd < 0) throwSourceFailure(SourceSkipped, std::string("cannot read it: ") + std::strerror(errno));
+  if (fd < 0) {
+    int const failure = errno;
+    throwSourceFailure(SourceSkipped, "cannot read it: " + errorText(failure));
+  }
   struct stat st;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
     ::close(fd);
