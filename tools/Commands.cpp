@@ -9,6 +9,7 @@
 
 #include "tal/Error.h"
 #include "tal/LocalFileSystem.h"
+#include "ziputil/CParallelDeflater.h"
 #include "ziputil/CZipReader.h"
 #include "ziputil/CZipWriter.h"
 
@@ -18,6 +19,8 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -244,9 +247,61 @@ bool addItem(Options const& options, ziputil::CZipWriter& writer, SourceItem con
   return true;
 }
 
-/// Decides what goes into the archive: the entries to add, in order, for the
-/// sources found on the command line. Every source becomes a new entry.
-std::vector<SourceItem> planEntries(std::vector<SourceItem> const& sources) { return sources; }
+/// The entry URI of `item`.
+tal::CURI entryURIOf(SourceItem const& item) { return entryURIFromPath(textFromBytes(item.entryName)); }
+
+/// Whether the local file of `item` is newer than the current entry of
+/// `reader`, both taken at the DOS time's resolution of 2 seconds (the entry
+/// keeps no finer time). An entry without a time is older than any file.
+bool newerThanEntry(SourceItem const& item, ziputil::CZipReader const& reader) {
+  time_t entryTime;
+  if (!timeFromFields(reader.getCurrentFileModifiedTimeFields(), entryTime)) return true;
+  tal::CTimeFields const fileFields = localTimeFields(item.modifiedTime);
+  tal::CTimeFields const truncated(fileFields.getYear(), fileFields.getMonth(), fileFields.getDay(),
+                                   fileFields.getHour(), fileFields.getMinute(),
+                                   fileFields.getSecond() - fileFields.getSecond() % 2, 0.0, 0, false);
+  time_t fileTime;
+  if (!timeFromFields(truncated, fileTime)) return true;
+  return fileTime > entryTime;
+}
+
+/// What add does with an archive: the entries to add, in order, and the old
+/// entries they replace.
+struct AddPlan {
+  std::vector<SourceItem> items;
+  /// The names of old entries that new entries replace (left out of the copy).
+  std::vector<tal::CURI> replaced;
+  /// Sources left as they are by -u: their entries are not older.
+  std::vector<std::string> unchanged;
+};
+
+/// Decides what goes into the archive for the sources found on the command
+/// line. A name given twice is added once (the first source counts). Where
+/// `existing` (the archive added to, or null) has an entry of the same name,
+/// as its lookups compare names, the new entry replaces it; with -u only when
+/// the file is newer than the entry, else the source is left out.
+AddPlan planEntries(Options const& options, std::vector<SourceItem> const& sources,
+                    ziputil::CZipReader* existing) {
+  AddPlan plan;
+  std::set<std::string> seen;
+  for (SourceItem const& source : sources) {
+    if (!seen.insert(cleanEntryPath(utf8(textFromBytes(source.entryName)))).second) continue;
+    SourceItem item = source;
+    if (existing) {
+      tal::CURI const uri = entryURIOf(item);
+      if (existing->tryGoToFile(uri)) {
+        if (options.update && !newerThanEntry(item, *existing)) {
+          plan.unchanged.push_back(item.entryName);
+          continue;
+        }
+        item.replaces = true;
+        plan.replaced.push_back(uri);
+      }
+    }
+    plan.items.push_back(item);
+  }
+  return plan;
+}
 
 /// The paths listed in `file` ("-": standard input), one a line; empty lines
 /// are passed over. Throws std::runtime_error when it cannot be read.
@@ -587,10 +642,15 @@ int testArchive(Options const& options, std::string const& archive) {
 
 namespace {
 
-/// The entries `items` written through `writer`; the exit status (1 when an
-/// input was skipped). Lines of -v go to `messages`.
-int writeEntries(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
-                 FILE* messages) {
+/// The verbose line for an added item.
+void reportAdded(Options const& options, SourceItem const& item, FILE* messages) {
+  if (options.verbose)
+    std::fprintf(messages, "%s: %s\n", item.replaces ? "replacing" : "adding", escapeForTerminal(item.entryName).c_str());
+}
+
+/// The entries `items` written through `writer` one after another.
+int writeEntriesInTurn(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
+                       FILE* messages) {
   CProgress progress("adding", !options.quiet && !options.verbose);
   bool skipped = false;
   for (SourceItem const& item : items) {
@@ -598,13 +658,180 @@ int writeEntries(Options const& options, ziputil::CZipWriter& writer, std::vecto
     if (!addItem(options, writer, item)) {
       progress.clear();
       skipped = true;
-    } else if (options.verbose) {
-      std::fprintf(messages, "adding: %s\n", escapeForTerminal(item.entryName).c_str());
+    } else {
+      reportAdded(options, item, messages);
     }
   }
   progress.clear();
   writer.close();
   return skipped ? 1 : 0;
+}
+
+/// The codes of the errors a source of a parallel add throws.
+enum SourceFailure : long long {
+  SourceSkipped = 1,    ///< cannot be opened, or not a regular file: named and left out
+  SourceReadFailed = 2, ///< opened, but reading failed: the whole add fails
+};
+
+/// strerror's text for `error`, safe in any thread.
+std::string errorText(int error) {
+  char buffer[256];
+  return ::strerror_r(error, buffer, sizeof buffer); // the GNU form: returns the text
+}
+
+[[noreturn]] void throwSourceFailure(SourceFailure code, std::string const& message) {
+  throw tal::CError(textFromBytes(message), "ziputil", code, tal::CProps(), nullptr);
+}
+
+/// The bytes of an open local file (or of a link's target, held in memory),
+/// for CParallelDeflater.
+class CSourceInStream : public tal::CBase, public virtual tal::IInStream {
+public:
+  /// Takes over `fd` (the file at `path`, `length` bytes long).
+  CSourceInStream(int fd, std::string path, long long length)
+      : m_input(std::make_unique<CInputFile>(fd)), m_path(std::move(path)), m_length(length) {}
+  /// The bytes `data`.
+  explicit CSourceInStream(std::string data)
+      : m_data(std::move(data)), m_length(static_cast<long long>(m_data.size())) {}
+
+  void read(void* buffer, int size) override {
+    if (readLax(buffer, size) != size)
+      throw tal::CIOError(tal::CIOError::UnexpectedEnd, textFromBytes("unexpected end of " + m_path), tal::CProps(), nullptr);
+  }
+  int readLax(void* buffer, int size) override {
+    checkOpen();
+    if (size <= 0) return 0;
+    if (!m_input) {
+      std::size_t const have = m_data.size() - static_cast<std::size_t>(m_position);
+      std::size_t const n = std::min(have, static_cast<std::size_t>(size));
+      std::memcpy(buffer, m_data.data() + m_position, n);
+      m_position += static_cast<long long>(n);
+      return static_cast<int>(n);
+    }
+    int got = 0;
+    auto* out = static_cast<unsigned char*>(buffer);
+    while (got < size) {
+      ssize_t const n = ::read(m_input->fd(), out + got, static_cast<std::size_t>(size - got));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        int const failure = errno;
+        throwSourceFailure(SourceReadFailed, "cannot read " + m_path + ": " + errorText(failure));
+      }
+      if (n == 0) break;
+      got += static_cast<int>(n);
+    }
+    m_position += got;
+    return got;
+  }
+  int readAvailable(void* buffer, int size) override { return readLax(buffer, size); }
+  bool waitReadable(int) const override { return true; }
+  bool isEndOfStream() const override { return m_position >= m_length; }
+  int isEndOfStream_NonBlocking() const override { return isEndOfStream() ? 1 : 0; }
+  long long getLength() const override { return m_length; }
+  long long getPosition() const override { return m_position; }
+  tal::CURI getURI() const override { return tal::CURI(); }
+  void seek(long long) override {
+    throw tal::CIOError(tal::CIOError::SeekFailed, textFromBytes("cannot seek in " + m_path), tal::CProps(), nullptr);
+  }
+  tal::P<tal::IRangeLock> lockRange(long long, long long, LockType) override {
+    throw tal::CIOError(tal::CIOError::LockNotSupported, textFromBytes("cannot lock " + m_path), tal::CProps(), nullptr);
+  }
+  void close() override {
+    m_closed = true;
+    m_input.reset();
+  }
+
+private:
+  void checkOpen() const {
+    if (m_closed) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr);
+  }
+  std::unique_ptr<CInputFile> m_input;
+  std::string m_path;
+  std::string m_data;
+  long long m_length = 0;
+  long long m_position = 0;
+  bool m_closed = false;
+};
+
+/// Opens the bytes of `item` as addItem reads them; throws a SourceSkipped
+/// error with the reason when it cannot be read.
+tal::P<tal::IInStream> openSource(SourceItem const& item) {
+  if (item.kind == SourceItem::SymbolicLink) {
+    std::string target;
+    if (!readLinkTarget(item.localPath, target)) {
+      int const failure = errno;
+      throwSourceFailure(SourceSkipped, "cannot read the link: " + errorText(failure));
+    }
+    return tal::newObj<CSourceInStream>(target);
+  }
+  if (item.kind == SourceItem::Directory) return tal::newObj<CSourceInStream>(std::string());
+  // Never through a symbolic link put in place of the file since it was listed.
+  int const fd = ::open(item.localPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+  if (fd < 0) {
+    int const failure = errno;
+    throwSourceFailure(SourceSkipped, "cannot read it: " + errorText(failure));
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
+    ::close(fd);
+    throwSourceFailure(SourceSkipped, "not a regular file");
+  }
+  return tal::newObj<CSourceInStream>(fd, item.localPath, static_cast<long long>(st.st_size));
+}
+
+/// The entries `items` written through `writer` by a CParallelDeflater
+/// (options.jobs workers): byte for byte what writeEntriesInTurn writes.
+int writeEntriesAtOnce(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
+                       FILE* messages) {
+  CProgress progress("adding", !options.quiet && !options.verbose);
+  std::mutex progressLock;
+  std::vector<ziputil::CParallelDeflater::Source> sources;
+  sources.reserve(items.size());
+  for (SourceItem const& item : items) {
+    ziputil::CParallelDeflater::Source source;
+    source.relativeURIInArchive = entryURIOf(item);
+    source.time = localTimeFields(item.modifiedTime);
+    source.options = entryOptionsFor(options, item);
+    source.open = [&item, &progress, &progressLock]() {
+      {
+        std::lock_guard<std::mutex> hold(progressLock);
+        progress.step(escapeForTerminal(item.entryName));
+      }
+      return openSource(item);
+    };
+    sources.push_back(std::move(source));
+  }
+  std::vector<bool> skipped(items.size(), false);
+  ziputil::CParallelDeflater::Settings settings;
+  settings.threads = options.jobs;
+  settings.skipFailedSource = [&](std::size_t index, tal::CError const& error) {
+    if (error.getCode() != SourceSkipped || error.getContext() != tal::String("ziputil")) return false;
+    std::lock_guard<std::mutex> hold(progressLock);
+    progress.clear();
+    skipping(items[index], error.what());
+    skipped[index] = true;
+    return true;
+  };
+  ziputil::CParallelDeflater deflater(settings);
+  deflater.addAll(writer, sources);
+  progress.clear();
+  writer.close();
+  bool anySkipped = false;
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (skipped[i])
+      anySkipped = true;
+    else
+      reportAdded(options, items[i], messages);
+  }
+  return anySkipped ? 1 : 0;
+}
+
+/// The entries `items` written through `writer`; the exit status (1 when an
+/// input was skipped). Lines of -v go to `messages`.
+int writeEntries(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
+                 FILE* messages) {
+  if (options.jobs == 1) return writeEntriesInTurn(options, writer, items, messages);
+  return writeEntriesAtOnce(options, writer, items, messages);
 }
 
 ziputil::CZipWriter::Options writerOptionsFor(bool atomic) {
@@ -620,7 +847,7 @@ ziputil::CZipWriter::Options writerOptionsFor(bool atomic) {
 /// temporary file, then copied out whole.
 int addToStandardOutput(Options const& options, std::vector<std::string> const& paths) {
   if (::isatty(STDOUT_FILENO)) throw std::runtime_error("will not write an archive to a terminal");
-  std::vector<SourceItem> items = planEntries(collectAll(paths, std::string()));
+  std::vector<SourceItem> const items = planEntries(options, collectAll(paths, std::string()), nullptr).items;
   tal::CURI uri;
   int const fd = anonymousTemporaryFile(uri);
   CInputFile const closer(fd); // closed when done
@@ -661,21 +888,53 @@ std::vector<std::string> pathsToAdd(Options const& options, std::vector<std::str
 
 } // namespace
 
+namespace {
+
+/// What add does with the archive at `uri` (see planEntries), looked up with
+/// a reader on it. When the archive cannot be read, `readError` gets the
+/// reader's error and the plan adds every source: the writer, which checks
+/// the archive on its own, is then expected to refuse it with its own error.
+AddPlan planAdd(Options const& options, tal::IFileSystem* fileSystem, tal::CURI const& uri,
+                std::vector<SourceItem> const& sources, tal::P<tal::CError>& readError) {
+  if (fileSystem->exists(uri)) {
+    try {
+      tal::P<ziputil::CZipReader> reader = tal::newObj<ziputil::CZipReader>(fileSystem, uri, tal::String());
+      AddPlan plan = planEntries(options, sources, reader.get());
+      reader->close();
+      return plan;
+    } catch (tal::CError const& e) {
+      readError = e.clone();
+    }
+  }
+  return planEntries(options, sources, nullptr);
+}
+
+} // namespace
+
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths) {
   if (isStandardStream(archive)) return addToStandardOutput(options, pathsToAdd(options, paths));
   tal::CURI uri = archiveURIFromArgument(archive);
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
-  std::vector<SourceItem> items = planEntries(collectAll(pathsToAdd(options, paths), localPathOf(uri)));
+  tal::P<tal::CError> readError;
+  AddPlan const plan = planAdd(options, fileSystem.get(), uri,
+                               collectAll(pathsToAdd(options, paths), localPathOf(uri)), readError);
+  for (std::string const& name : plan.unchanged)
+    if (options.verbose) std::printf("unchanged: %s\n", escapeForTerminal(name).c_str());
   bool const created = !fileSystem->exists(uri);
   if (created) ziputil::createEmptyArchive(fileSystem.get(), uri);
   tal::P<ziputil::CZipWriter> writer;
   try {
     // The new archive is written beside the old one and moved over it when
     // complete: whatever happens meanwhile, ARCHIVE is the old or the new one.
+    // Old entries that new ones replace are left out of it; the others are
+    // copied as they are stored.
+    ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true);
+    if (!plan.replaced.empty()) writerOptions.omitEntry = ziputil::CZipWriter::omitNamed(plan.replaced);
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),
-                                             writerOptionsFor(true));
-    return writeEntries(options, *writer, items, stdout);
+                                             writerOptions);
+    if (readError) readError->throwClone(); // the writer took an archive that its entries' lookup did not
+    return writeEntries(options, *writer, plan.items, stdout);
   } catch (...) {
     try {
       if (writer) writer->discard(); // nothing of this run reaches ARCHIVE
@@ -685,6 +944,59 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     }
     throw;
   }
+}
+
+int deleteFromArchive(Options const& options, std::string const& archive) {
+  tal::CURI const uri = archiveURIFromArgument(archive);
+  tal::P<tal::IFileSystem> fileSystem = localFileSystem();
+  std::vector<bool> matched(options.patterns.size(), false);
+  std::vector<std::string> doomed;
+  {
+    tal::P<ziputil::CZipReader> reader = tal::newObj<ziputil::CZipReader>(fileSystem.get(), uri, tal::String());
+    while (reader->nextFile()) {
+      EntryName const entry = currentEntryName(*reader);
+      if (selected(options, entry, matched)) doomed.push_back(entry.shown());
+    }
+    reader->close();
+  }
+  bool ok = true;
+  for (std::size_t i = 0; i < options.patterns.size(); ++i) {
+    if (matched[i]) continue;
+    std::fprintf(stderr, "ziputil: no entry matches \"%s\"\n", escapeForTerminal(options.patterns[i]).c_str());
+    ok = false;
+  }
+  if (doomed.empty()) {
+    if (!options.quiet)
+      std::fprintf(stderr, "ziputil: nothing to delete: %s is left as it was\n",
+                   escapeForTerminal(shownArchive(archive)).c_str());
+    return 1;
+  }
+  // The new archive, every entry not deleted copied as it is stored, is built
+  // beside the old one and moved over it once complete.
+  ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true);
+  writerOptions.omitEntry = [&options](ziputil::CZipReader& reader) {
+    std::vector<bool> ignored(options.patterns.size(), false);
+    return selected(options, currentEntryName(reader), ignored);
+  };
+  tal::P<ziputil::CZipWriter> writer;
+  try {
+    writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, tal::String(), ziputil::CZipWriter::CompNormal,
+                                             writerOptions);
+    writer->close();
+  } catch (...) {
+    try {
+      if (writer) writer->discard();
+    } catch (std::exception const& e) {
+      reportError(e, "while giving up: ");
+    }
+    throw;
+  }
+  if (options.verbose)
+    for (std::string const& name : doomed) std::printf("deleting: %s\n", name.c_str());
+  if (!options.quiet)
+    std::printf("%zu %s deleted from %s\n", doomed.size(), doomed.size() == 1 ? "entry" : "entries",
+                escapeForTerminal(shownArchive(archive)).c_str());
+  return ok ? 0 : 1;
 }
 
 } // namespace ziputil_tool

@@ -27,6 +27,10 @@ struct Options {
   bool verbose = false;
   /// add: files naming more paths, one a line ("-" for standard input).
   std::vector<std::string> filesFrom;
+  /// add -u: only files newer than their entries, and new files.
+  bool update = false;
+  /// add: files compressed at once; 0: one per processor, 1: one after another.
+  unsigned jobs = 0;
 };
 
 int listArchive(Options const& options, std::string const& archive);
@@ -37,6 +41,9 @@ int extractArchive(Options const& options, std::string const& archive);
 /// Adds `paths` and those listed in options.filesFrom.
 int addToArchive(Options const& options, std::string const& archive, std::vector<std::string> const& paths);
 int testArchive(Options const& options, std::string const& archive);
+/// Removes the entries that match options.patterns (names or shell patterns,
+/// as extract selects them); the rest is copied as it is stored.
+int deleteFromArchive(Options const& options, std::string const& archive);
 
 /// One line on standard error for an error: its message, then the URI it
 /// concerns (its "uri" property) in parentheses when it has one.

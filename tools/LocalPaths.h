@@ -59,6 +59,7 @@ struct SourceItem {
   bool isDirectory = false;
   long long modifiedTime = 0; ///< seconds since the epoch
   unsigned mode = 0;          ///< st_mode as found (type and permission bits)
+  bool replaces = false;      ///< add: an old entry of the same name is replaced
 };
 
 /// Lists `path` and, for a folder, everything below it (sorted by name, folders

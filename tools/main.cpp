@@ -66,7 +66,7 @@ Command const kCommands[] = {
      "their modification times (folders once everything below them is written). A symbolic link\n"
      "entry becomes a symbolic link when its target stays inside DIR: a target that is empty,\n"
      "absolute, climbs above DIR or has \"..\" after a name is refused by name.\n"},
-    {"add", "add [-q|-v] [--password-file FILE|--password P] [--level N] [-@ FILE] ARCHIVE PATH...",
+    {"add", "add [-q|-v] [--password-file FILE|--password P] [--level N] [-u] [-j N] [-@ FILE] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
      "times in local time. Entries are recorded as made by Unix with their modes; folders become\n"
@@ -79,7 +79,23 @@ Command const kCommands[] = {
      "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
      "always either the old archive or the new one, even if the program is killed or the disk\n"
      "fills up. A file that cannot be read is named and skipped, and the exit status is then 1;\n"
-     "any other failure leaves ARCHIVE as it was.\n"},
+     "any other failure leaves ARCHIVE as it was.\n"
+     "An entry of ARCHIVE with the same name as a file added (names compared as lookups compare\n"
+     "them) is replaced by the new entry, which goes after the others; the other entries are copied\n"
+     "as they are stored. A name given twice is added once. -u (--update) adds only the files that\n"
+     "are newer than their entries (modification times compared at the 2-second resolution that\n"
+     "entries keep) and the files that have none; -v names each file left unchanged.\n"
+     "-j N (--jobs N) compresses N files at once (default: one per processor; 1 compresses one\n"
+     "after another); the archive is the same byte for byte whatever N is.\n"},
+    {"delete", "delete [-q|-v] ARCHIVE NAME|PATTERN...",
+     "Removes the entries named. NAME and PATTERN select entries as extract selects them (shell\n"
+     "patterns on the paths as list prints them; a folder entry also matches with its \"/\"; a\n"
+     "folder's contents are only removed when matched themselves, such as with \"dir/*\"). A NAME or\n"
+     "PATTERN that matches no entry is named, and the exit status is then 1; when nothing matches\n"
+     "at all, ARCHIVE is left as it was. The new archive, with every other entry copied as it is\n"
+     "stored (never decompressed, encrypted entries without their password), is written beside\n"
+     "ARCHIVE and moved over it once complete. ARCHIVE cannot be \"-\". -v names each entry\n"
+     "deleted; -q leaves out the count.\n"},
     {"test", "test [-q|-v] [--password-file FILE|--password P] ARCHIVE",
      "Checks the archive's layout first, and refuses it with one error line when its parts do not\n"
      "fit together: entries that share or overlap their data (how a small archive inflates to\n"
@@ -108,6 +124,8 @@ void printUsage(FILE* out) {
                "  -o, --overwrite           extract: replace existing files\n"
                "  --level N                 add: deflate level 1 to 9 (default 6); 0 stores\n"
                "  -@, --files-from FILE     add: also the paths FILE lists, one a line (\"-\": standard input)\n"
+               "  -u, --update              add: only files newer than their entries, and new files\n"
+               "  -j, --jobs N              add: compress N files at once (default: one per processor)\n"
                "  --                        the end of the options\n"
                "\nARCHIVE is a local path or a file: URI. \"ziputil COMMAND --help\" describes a command.\n"
                "ARCHIVE \"-\" is standard input for list, cat, test and extract (copied first into an anonymous\n"
@@ -160,6 +178,14 @@ int parseLevel(std::string const& text) {
   return text[0] - '0';
 }
 
+unsigned parseJobs(std::string const& text) {
+  unsigned long jobs = 0;
+  bool const digits = !text.empty() && text.size() <= 4 && text.find_first_not_of("0123456789") == std::string::npos;
+  if (digits) jobs = std::stoul(text);
+  if (jobs < 1 || jobs > 1024) throw UsageError{"--jobs takes a number from 1 to 1024"};
+  return static_cast<unsigned>(jobs);
+}
+
 bool isOperand(std::string const& arg) { return arg.empty() || arg[0] != '-' || arg == "-"; }
 
 /// Short flags written together ("-qo") as separate arguments.
@@ -168,7 +194,7 @@ std::vector<std::string> expandFlags(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     std::string arg = argv[i];
     bool const bundle = arg.size() > 2 && arg[0] == '-' && arg[1] != '-' &&
-                        arg.find_first_not_of("qvnol", 1) == std::string::npos;
+                        arg.find_first_not_of("qvnolu", 1) == std::string::npos;
     if (!bundle) {
       args.push_back(arg);
       continue;
@@ -216,6 +242,10 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
       options.longListing = true;
     } else if (arg == "--json" && std::strcmp(command.name, "list") == 0) {
       options.json = true;
+    } else if ((arg == "-u" || arg == "--update") && std::strcmp(command.name, "add") == 0) {
+      options.update = true;
+    } else if ((arg == "-j" || arg == "--jobs") && std::strcmp(command.name, "add") == 0) {
+      options.jobs = parseJobs(value());
     } else if (arg == "--level" && std::strcmp(command.name, "add") == 0) {
       options.level = parseLevel(value());
     } else if (extract && (arg == "-d" || arg == "--folder")) {
@@ -271,6 +301,13 @@ int runCommand(Command const& command, Options const& options, std::vector<std::
   if (name == "add") {
     requireOperands(operands, options.filesFrom.empty() ? 2 : 1, static_cast<std::size_t>(-1));
     return ziputil_tool::addToArchive(options, operands[0], {operands.begin() + 1, operands.end()});
+  }
+  if (name == "delete") {
+    requireOperands(operands, 2, static_cast<std::size_t>(-1));
+    if (operands[0] == "-") throw UsageError{"delete cannot work on standard input or output (\"-\")"};
+    Options selected = options;
+    selected.patterns.assign(operands.begin() + 1, operands.end());
+    return ziputil_tool::deleteFromArchive(selected, operands[0]);
   }
   requireOperands(operands, 1, 1);
   return ziputil_tool::testArchive(options, operands[0]);

@@ -154,11 +154,11 @@ class UsageTest(CliTestCase):
     def test_help_lists_every_command(self):
         result = run("--help")
         self.assertResult(result, 0)
-        for command in ("list", "cat", "extract", "add", "test"):
+        for command in ("list", "cat", "extract", "add", "delete", "test"):
             self.assertIn(("ziputil " + command).encode(), result.stdout)
 
     def test_each_command_has_help(self):
-        for command in ("list", "cat", "extract", "add", "test"):
+        for command in ("list", "cat", "extract", "add", "delete", "test"):
             result = run(command, "--help")
             self.assertResult(result, 0)
             self.assertTrue(result.stdout.startswith(b"usage: ziputil " + command.encode()))
@@ -197,7 +197,10 @@ class UsageTest(CliTestCase):
     def test_usage_errors_exit_2(self):
         for args in ([], ["frobnicate"], ["list"], ["list", "a", "b"], ["cat", "a.zip"], ["add", "a.zip"],
                      ["list", "--bogus", "a.zip"], ["add", "--level", "10", "a.zip", "x"],
-                     ["add", "--level"], ["list", "--level", "3", "a.zip"]):
+                     ["add", "--level"], ["list", "--level", "3", "a.zip"], ["add", "-j", "0", "a.zip", "x"],
+                     ["add", "--jobs", "two", "a.zip", "x"], ["add", "-j"], ["list", "-u", "a.zip"],
+                     ["extract", "-j", "2", "a.zip"], ["delete", "a.zip"], ["delete"], ["delete", "-", "x"],
+                     ["delete", "--level", "3", "a.zip", "x"]):
             result = run(*args)
             self.assertEqual(result.returncode, 2, msg=args)
             self.assertEqual(result.stdout, b"", msg=args)
@@ -1530,7 +1533,8 @@ OPTIONS = {
     "-d": ("extract", ["out"]), "--folder": ("extract", ["out"]), "-x": ("extract", ["none"]),
     "--exclude": ("extract", ["none"]), "-n": ("extract", []), "--never-overwrite": ("extract", []),
     "-o": ("extract", []), "--overwrite": ("extract", []), "--level": ("add", ["5", "LIST"]),
-    "-@": ("add", ["LIST"]), "--files-from": ("add", ["LIST"]),
+    "-@": ("add", ["LIST"]), "--files-from": ("add", ["LIST"]), "-u": ("add", ["LIST"]),
+    "--update": ("add", ["LIST"]), "-j": ("add", ["2", "LIST"]), "--jobs": ("add", ["2", "LIST"]),
 }
 
 
@@ -1553,7 +1557,7 @@ class DocumentationTest(CliTestCase):
                 help_text = overview + run(command, "--help").stdout.decode()
                 self.assertRegex(help_text, r"(?<![\w-])%s(?![\w-])" % re.escape(option))
         usage = "".join(run(command, "--help").stdout.decode().splitlines()[0]
-                        for command in ("list", "cat", "extract", "add", "test"))
+                        for command in ("list", "cat", "extract", "add", "delete", "test"))
         self.assertEqual(set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", usage)) - set(OPTIONS), set())
 
     def test_man_page_covers_every_option_command_and_status(self):
@@ -1561,7 +1565,8 @@ class DocumentationTest(CliTestCase):
             text = f.read().replace("\\-", "-")
         for option in list(OPTIONS) + ["--version", "--"]:
             self.assertRegex(text, r"(?<![\w-])%s(?![\w-])" % re.escape(option), option)
-        for word in ("list", "cat", "extract", "add", "test", "ZIPUTIL_PASSWORD", "EXIT STATUS", "PATTERNS"):
+        for word in ("list", "cat", "extract", "add", "delete", "test", "ZIPUTIL_PASSWORD", "EXIT STATUS",
+                     "PATTERNS"):
             self.assertIn(word, text)
         for status in ("0", "1", "2"):
             self.assertIn(".TP\n.B %s\n" % status, text)
@@ -1583,8 +1588,12 @@ class DocumentationTest(CliTestCase):
             words = set(re.findall(r"(?<![\w-])(--?[A-Za-z@][\w-]*)", f.read()))
         self.assertEqual(set(OPTIONS) - words, set())
         self.assertEqual(self.complete("ziputil", "ex"), ["extract"])
-        self.assertEqual(self.complete("ziputil", ""), ["--help", "--version", "add", "cat", "extract", "list",
-                                                         "test"])
+        self.assertEqual(self.complete("ziputil", ""), ["--help", "--version", "add", "cat", "delete", "extract",
+                                                         "list", "test"])
+        self.assertEqual(self.complete("ziputil", "de"), ["delete"])
+        self.assertEqual(self.complete("ziputil", "add", "--u"), ["--update"])
+        self.assertEqual(self.complete("ziputil", "add", "--j"), ["--jobs"])
+        self.assertEqual(self.complete("ziputil", "delete", "--l"), [])
         self.assertEqual(self.complete("ziputil", "extract", "--o"), ["--overwrite"])
         self.assertEqual(self.complete("ziputil", "list", "--j"), ["--json"])
         self.assertEqual(self.complete("ziputil", "cat", "--l"), [])
@@ -1951,6 +1960,396 @@ class CheckedReadingTest(CliTestCase):
         self.assertResult(run("extract", archive, "-d", self.path("out")), 0)
         with open(self.path("out", "s2.txt"), "rb") as f:
             self.assertEqual(f.read(), b"streamed 2\n" * 1000)
+
+
+def stored_entries(archive):
+    """Each entry as it is stored, by name: its central-directory metadata (the extra field without
+    Zip64 records, which writers add as they need them) and its stored bytes (compressed, encrypted)."""
+    def without_zip64(extra):
+        kept, at = b"", 0
+        while at + 4 <= len(extra):
+            ident, size = struct.unpack("<HH", extra[at:at + 4])
+            if ident != 1:
+                kept += extra[at:at + 4 + size]
+            at += 4 + size
+        return kept
+    found = {}
+    with open(archive, "rb") as f:
+        data = f.read()
+    with zipfile.ZipFile(archive) as z:
+        for info in z.infolist():
+            at = info.header_offset
+            name_length, extra_length = struct.unpack("<HH", data[at + 26:at + 30])
+            start = at + 30 + name_length + extra_length
+            found[info.orig_filename] = {
+                "date_time": info.date_time, "compress_type": info.compress_type, "comment": info.comment,
+                "extra": without_zip64(info.extra), "create_system": info.create_system,
+                "external_attr": info.external_attr, "internal_attr": info.internal_attr,
+                "flag_bits": info.flag_bits & ~0x8, "CRC": info.CRC, "compress_size": info.compress_size,
+                "file_size": info.file_size, "stored": data[start:start + info.compress_size]}
+    return found
+
+
+class ReplaceTest(CliTestCase):
+    """add replaces an entry of the same name instead of adding a second one."""
+
+    def old_archive(self):
+        """An archive made by Python: deflated, stored and commented entries, a folder, and one
+        stored as "/sub\\a.txt", which the library's lookups take for "sub/a.txt"."""
+        archive = self.path("old.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr(zipfile.ZipInfo("keep/deflated.txt", (2019, 1, 2, 3, 4, 6)), b"kept text\n" * 300,
+                       zipfile.ZIP_DEFLATED)
+            z.writestr(zipfile.ZipInfo("a.txt", (2019, 1, 2, 3, 4, 8)), b"old a", zipfile.ZIP_DEFLATED)
+            stored = zipfile.ZipInfo("keep/stored.bin", (2018, 5, 6, 7, 8, 10))
+            stored.comment = b"a comment"
+            stored.external_attr = 0o100600 << 16
+            stored.create_system = 3
+            z.writestr(stored, bytes(range(256)) * 8, zipfile.ZIP_STORED)
+            z.writestr(zipfile.ZipInfo("/sub\\a.txt", (2019, 1, 2, 3, 4, 8)), b"old sub a", zipfile.ZIP_DEFLATED)
+            z.writestr(zipfile.ZipInfo("sub/"), b"")
+            z.comment = b"archive comment"
+        return archive
+
+    def test_entries_of_the_same_name_are_replaced_and_others_kept_as_stored(self):
+        archive = self.old_archive()
+        before = stored_entries(archive)
+        self.write("a.txt", b"new a")
+        self.write("sub/a.txt", b"new sub a")
+        self.write("fresh.txt", b"fresh")
+        result = run("add", "-v", archive, "a.txt", "sub", "fresh.txt", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"replacing: a.txt\nreplacing: sub/\nreplacing: sub/a.txt\n"
+                                        b"adding: fresh.txt\n")
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["keep/deflated.txt", "keep/stored.bin", "a.txt", "sub/", "sub/a.txt",
+                                            "fresh.txt"])
+            self.assertIsNone(z.testzip())
+            self.assertEqual(z.read("a.txt"), b"new a")
+            self.assertEqual(z.read("sub/a.txt"), b"new sub a")
+            self.assertEqual(z.comment, b"archive comment")
+        after = stored_entries(archive)
+        for name in ("keep/deflated.txt", "keep/stored.bin"):
+            self.assertEqual(after[name], before[name], name)
+        ok, report = unzip_tests_every_entry(archive)
+        self.assertTrue(ok, report)
+        self.assertEqual(run("cat", archive, "sub/a.txt").stdout, b"new sub a")
+        self.assertEqual(leftovers(self.dir, "old.zip"), [])
+
+    def test_duplicates_in_the_archive_all_give_way(self):
+        archive = self.path("dup.zip")
+        with zipfile.ZipFile(archive, "w") as z:
+            z.writestr("x.txt", b"first")
+            z.writestr("y.txt", b"y")
+            with self.assertWarns(UserWarning):
+                z.writestr("x.txt", b"second")
+        self.write("x.txt", b"third")
+        self.assertResult(run("add", archive, "x.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["y.txt", "x.txt"])
+            self.assertEqual(z.read("x.txt"), b"third")
+
+    def test_a_name_given_twice_is_added_once(self):
+        self.write("d/a.txt", b"a")
+        archive = self.path("twice.zip")
+        result = run("add", archive, "d/a.txt", "d", "./d/a.txt", cwd=self.dir)
+        self.assertResult(result, 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["d/a.txt", "d/"])
+        self.assertResult(run("add", archive, "d", cwd=self.dir), 0)  # again: replaced, not doubled
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(sorted(z.namelist()), ["d/", "d/a.txt"])
+
+    def test_encrypted_entries_are_kept_without_the_password(self):
+        self.write("secret.txt", b"secret words")
+        self.write("plain.txt", b"plain v1")
+        archive = self.path("enc.zip")
+        self.assertResult(run("add", "-P", "pw", archive, "secret.txt", cwd=self.dir), 0)
+        self.assertResult(run("add", archive, "plain.txt", cwd=self.dir), 0)
+        self.write("plain.txt", b"plain v2")
+        self.assertResult(run("add", archive, "plain.txt", cwd=self.dir), 0)  # no password needed
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["secret.txt", "plain.txt"])
+            self.assertEqual(z.read("secret.txt", pwd=b"pw"), b"secret words")
+            self.assertEqual(z.read("plain.txt"), b"plain v2")
+        self.assertEqual(subprocess.run(["unzip", "-tq", "-P", "pw", archive], capture_output=True).returncode, 0)
+
+    def test_a_failure_leaves_the_old_archive_with_its_entries(self):
+        archive = self.old_archive()
+        with open(archive, "rb") as f:
+            old = f.read()
+        self.write("a.txt", b"new a")
+        result = run("add", archive, "a.txt", "/proc/self/mem", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertIn(b"cannot read /proc/self/mem: Input/output error", result.stderr)
+        with open(archive, "rb") as f:
+            self.assertEqual(f.read(), old)
+        self.assertEqual(leftovers(self.dir, "old.zip"), [])
+
+
+class UpdateTest(CliTestCase):
+    """add -u: only files newer than their entries, and new files."""
+
+    def test_only_newer_files_and_new_files_are_added(self):
+        stamp = time.mktime((2022, 3, 4, 5, 6, 10, 0, 0, -1))  # an even second: kept exactly
+        for name in ("same.txt", "older.txt", "odd.txt", "newer.txt"):
+            os.utime(self.write(name, b"v1 " + name.encode()), (stamp, stamp))
+        archive = self.path("u.zip")
+        self.assertResult(run("add", archive, "same.txt", "older.txt", "odd.txt", "newer.txt", cwd=self.dir), 0)
+        before = stored_entries(archive)
+        for name, delta in (("same.txt", 0), ("older.txt", -60), ("odd.txt", 1), ("newer.txt", 2)):
+            os.utime(self.write(name, b"v2 " + name.encode()), (stamp + delta, stamp + delta))
+        self.write("new.txt", b"new")
+        result = run("add", "-u", "-v", archive, "same.txt", "older.txt", "odd.txt", "newer.txt", "new.txt",
+                     cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"unchanged: same.txt\nunchanged: older.txt\nunchanged: odd.txt\n"
+                                        b"replacing: newer.txt\nadding: new.txt\n")
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["same.txt", "older.txt", "odd.txt", "newer.txt", "new.txt"])
+            self.assertEqual(z.read("odd.txt"), b"v1 odd.txt")  # one second newer: the same DOS time
+            self.assertEqual(z.read("newer.txt"), b"v2 newer.txt")
+            self.assertEqual(z.read("new.txt"), b"new")
+        after = stored_entries(archive)
+        for name in ("same.txt", "older.txt", "odd.txt"):
+            self.assertEqual(after[name], before[name])
+        ok, report = unzip_tests_every_entry(archive)
+        self.assertTrue(ok, report)
+
+    def test_nothing_newer_leaves_the_entries_and_says_nothing_without_v(self):
+        self.write("d/a.txt", b"a")
+        archive = self.path("same.zip")
+        self.assertResult(run("add", archive, "d", cwd=self.dir), 0)
+        before = stored_entries(archive)
+        result = run("add", "--update", archive, "d", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual((result.stdout, result.stderr), (b"", b""))
+        self.assertEqual(stored_entries(archive), before)
+
+    def test_update_of_a_new_archive_adds_everything(self):
+        self.write("a.txt", b"a")
+        archive = self.path("n.zip")
+        self.assertResult(run("add", "-u", archive, "a.txt", cwd=self.dir), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.read("a.txt"), b"a")
+
+
+class DeleteTest(CliTestCase):
+    """delete removes entries and copies the rest as it is stored."""
+
+    def archive(self):
+        archive = self.path("del.zip")
+        with zipfile.ZipFile(archive, "w", zipfile.ZIP_DEFLATED) as z:
+            for name in ("a.txt", "b.txt", "docs/one.md", "docs/two.md", "docs/keep.txt"):
+                z.writestr(zipfile.ZipInfo(name, (2020, 1, 2, 3, 4, 6)), (name + "\n").encode() * 50,
+                           zipfile.ZIP_DEFLATED)
+            z.writestr(zipfile.ZipInfo("docs/"), b"")
+            z.comment = b"kept comment"
+        with open(archive, "rb") as f:
+            return archive, f.read()
+
+    def test_names_and_patterns_are_deleted_the_rest_kept_as_stored(self):
+        archive, _ = self.archive()
+        before = stored_entries(archive)
+        result = run("delete", archive, "a.txt", "docs/*.md")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode(), "3 entries deleted from %s\n" % archive)
+        self.assertEqual(result.stderr, b"")
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["b.txt", "docs/keep.txt", "docs/"])
+            self.assertIsNone(z.testzip())
+            self.assertEqual(z.comment, b"kept comment")
+        after = stored_entries(archive)
+        for name in after:
+            self.assertEqual(after[name], before[name], name)
+        ok, report = unzip_tests_every_entry(archive)
+        self.assertTrue(ok, report)
+        self.assertEqual(subprocess.run(["7z", "t", archive], capture_output=True).returncode, 0)
+        self.assertEqual(leftovers(self.dir, "del.zip"), [])
+
+    def test_a_folder_entry_matches_with_its_slash(self):
+        archive, _ = self.archive()
+        result = run("delete", "-v", archive, "docs/", "b.txt")
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout.decode(), "deleting: b.txt\ndeleting: docs/\n"
+                                                 "2 entries deleted from %s\n" % archive)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["a.txt", "docs/one.md", "docs/two.md", "docs/keep.txt"])
+
+    def test_an_operand_matching_nothing_is_named(self):
+        archive, _ = self.archive()
+        result = run("delete", "-q", archive, "a.txt", "nothing*")
+        self.assertResult(result, 1)
+        self.assertEqual(result.stdout, b"")
+        self.assertEqual(result.stderr, b'ziputil: no entry matches "nothing*"\n')
+        with zipfile.ZipFile(archive) as z:
+            self.assertNotIn("a.txt", z.namelist())
+            self.assertEqual(len(z.namelist()), 5)
+
+    def test_nothing_matching_leaves_the_archive_untouched(self):
+        archive, old = self.archive()
+        mtime = os.stat(archive).st_mtime_ns
+        result = run("delete", archive, "x.txt", "*.png")
+        self.assertResult(result, 1)
+        self.assertEqual(result.stdout, b"")
+        self.assertEqual(result.stderr.decode(), 'ziputil: no entry matches "x.txt"\n'
+                                                 'ziputil: no entry matches "*.png"\n'
+                                                 'ziputil: nothing to delete: %s is left as it was\n' % archive)
+        with open(archive, "rb") as f:
+            self.assertEqual(f.read(), old)
+        self.assertEqual(os.stat(archive).st_mtime_ns, mtime)
+        self.assertEqual(leftovers(self.dir, "del.zip"), [])
+
+    def test_deleting_every_entry_leaves_an_empty_archive(self):
+        archive, _ = self.archive()
+        self.assertResult(run("delete", "-q", archive, "*"), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), [])
+        self.assertResult(run("test", archive), 0)
+
+    def test_encrypted_entries_are_copied_without_the_password(self):
+        self.write("s.txt", b"secret")
+        self.write("t.txt", b"other")
+        archive = self.path("enc.zip")
+        self.assertResult(run("add", "-P", "pw", archive, "s.txt", "t.txt", cwd=self.dir), 0)
+        self.assertResult(run("delete", archive, "t.txt"), 0)
+        with zipfile.ZipFile(archive) as z:
+            self.assertEqual(z.namelist(), ["s.txt"])
+            self.assertEqual(z.read("s.txt", pwd=b"pw"), b"secret")
+
+    def test_errors(self):
+        missing = run("delete", self.path("none.zip"), "a")
+        self.assertResult(missing, 1)
+        self.assertTrue(missing.stderr.startswith(b"ziputil: "), missing.stderr)
+        self.assertIn(b"none.zip", missing.stderr)
+        self.assertFalse(os.path.exists(self.path("none.zip")))
+        text = self.write("notes.txt", b"not an archive\n" * 20)
+        refused = run("delete", text, "a")
+        self.assertResult(refused, 1)
+        with open(text, "rb") as f:
+            self.assertEqual(f.read(), b"not an archive\n" * 20)
+        archive, old = self.archive()
+        damaged = old[:-10]
+        with open(archive, "wb") as f:
+            f.write(damaged)
+        result = run("delete", archive, "a.txt")
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr.count(b"\n"), 1, result.stderr)
+        with open(archive, "rb") as f:
+            self.assertEqual(f.read(), damaged)
+        self.assertEqual(leftovers(self.dir, "del.zip"), [])
+        stdin = run("delete", "-", "a.txt", stdin=old)
+        self.assertResult(stdin, 2)
+        self.assertEqual(stdin.stdout, b"")
+        self.assertIn(b'delete cannot work on standard input or output ("-")', stdin.stderr)
+        self.assertFalse(os.path.exists(self.path("-")))
+
+
+class ParallelAddTest(CliTestCase):
+    """add compresses several files at once; the archive is the same whatever the number of jobs."""
+
+    def many_files(self):
+        import random
+        rng = random.Random(7)
+        words = [("word%d" % i).encode() for i in range(500)]
+        stamp = time.mktime((2023, 7, 8, 9, 10, 12, 0, 0, -1))
+        for i in range(120):
+            size = rng.randrange(0, 40000)
+            data = b" ".join(rng.choice(words) for _ in range(size // 6))
+            path = self.write("src/d%d/f%03d.txt" % (i % 7, i), data)
+            os.utime(path, (stamp + i * 2, stamp + i * 2))
+        self.write("src/random.bin", os.urandom(300000))
+        self.write("src/large.txt", b"a line of a large text file\n" * (680 * 1024))  # over 16 MiB
+        os.symlink("d0/f000.txt", self.path("src", "link"))
+        os.makedirs(self.path("src", "empty"))
+        os.chmod(self.path("src", "d1", "f001.txt"), 0o751)
+        for folder, dirs, files in os.walk(self.path("src")):
+            for name in dirs + files + ["."]:
+                os.utime(os.path.join(folder, name), (stamp, stamp), follow_symlinks=False)
+
+    def test_one_job_and_many_make_the_same_archive(self):
+        self.many_files()
+        for level in ("0", "6", "9"):
+            made = {}
+            for jobs in ("1", "4", None):
+                archive = self.path("j%s-%s.zip" % (jobs, level))
+                args = ["add", "--level", level] + (["-j", jobs] if jobs else []) + [archive, "src"]
+                self.assertResult(run(*args, cwd=self.dir), 0)
+                with open(archive, "rb") as f:
+                    made[jobs] = f.read()
+            self.assertEqual(made["1"], made["4"], level)
+            self.assertEqual(made["1"], made[None], level)
+        archive = self.path("j4-6.zip")
+        ok, report = unzip_tests_every_entry(archive)
+        self.assertTrue(ok, report)
+        with zipfile.ZipFile(archive) as z:
+            self.assertIsNone(z.testzip())
+            with open(self.path("src", "large.txt"), "rb") as f:
+                self.assertEqual(z.read("src/large.txt"), f.read())
+            self.assertEqual(z.getinfo("src/d1/f001.txt").external_attr >> 16, 0o100751)
+            self.assertEqual(z.read("src/link"), b"d0/f000.txt")
+        self.assertEqual(subprocess.run(["7z", "t", archive], capture_output=True).returncode, 0)
+
+    def test_verbose_lines_in_order(self):
+        for name in ("a", "b", "c", "d", "e"):
+            self.write("v/%s.txt" % name, name.encode() * 1000)
+        archive = self.path("v.zip")
+        result = run("add", "-v", "-j", "3", archive, "v", cwd=self.dir)
+        self.assertResult(result, 0)
+        self.assertEqual(result.stdout, b"adding: v/\n" + "".join("adding: v/%s.txt\n" % n for n in "abcde").encode())
+
+    def test_unreadable_input_in_the_middle_is_named_and_skipped(self):
+        for i in range(40):
+            self.write("in/f%02d.txt" % i, ("file %d\n" % i).encode() * 2000)
+        os.chmod(self.path("in", "f20.txt"), 0)
+        os.mkfifo(self.path("in", "f30.pipe"))
+        archive = self.path("s.zip")
+        if os.getuid() == 0:  # root reads everything: run the program as an ordinary user
+            os.chmod(self.dir, 0o777)
+            os.chmod(self.path("in"), 0o777)
+            result = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PROGRAM, "add",
+                                     "-j", "4", archive, "in"], cwd=self.dir, capture_output=True, timeout=120)
+        else:
+            result = run("add", "-j", "4", archive, "in", cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr, b"ziputil: skipping in/f20.txt: cannot read it: Permission denied\n"
+                                        b"ziputil: skipping in/f30.pipe: not a regular file\n")
+        with zipfile.ZipFile(archive) as z:
+            expected = ["in/"] + ["in/f%02d.txt" % i for i in range(40) if i != 20]
+            self.assertEqual(sorted(z.namelist()), sorted(expected))
+            self.assertIsNone(z.testzip())
+            self.assertEqual(z.read("in/f39.txt"), b"file 39\n" * 2000)
+
+    def test_failed_read_in_the_middle_changes_nothing(self):
+        for i in range(20):
+            self.write("in/f%02d.txt" % i, ("file %d\n" % i).encode() * 2000)
+        archive = self.path("old.zip")
+        make_zip(archive, [("old.txt", b"old")])
+        with open(archive, "rb") as f:
+            old = f.read()
+        paths = ["in/f%02d.txt" % i for i in range(10)] + ["/proc/self/mem"] + \
+                ["in/f%02d.txt" % i for i in range(10, 20)]
+        result = run("add", "-j", "4", archive, *paths, cwd=self.dir)
+        self.assertResult(result, 1)
+        self.assertEqual(result.stderr, b"ziputil: cannot read /proc/self/mem: Input/output error\n")
+        with open(archive, "rb") as f:
+            self.assertEqual(f.read(), old)
+        self.assertEqual(leftovers(self.dir, "old.zip"), [])
+        fresh = self.path("fresh.zip")
+        self.assertResult(run("add", "-j", "4", fresh, *paths, cwd=self.dir), 1)
+        self.assertFalse(os.path.exists(fresh))
+
+    def test_encrypted_entries_in_parallel_open_in_other_tools(self):
+        for i in range(12):
+            self.write("e/f%02d.txt" % i, ("entry %d\n" % i).encode() * 500)
+        archive = self.path("e.zip")
+        self.assertResult(run("add", "-j", "4", "-P", "pw", archive, "e", cwd=self.dir), 0)
+        checked = subprocess.run(["unzip", "-t", "-P", "pw", archive], capture_output=True)
+        self.assertEqual(checked.returncode, 0, checked.stdout)
+        with zipfile.ZipFile(archive) as z:
+            for i in range(12):
+                self.assertTrue(z.getinfo("e/f%02d.txt" % i).flag_bits & 1)
+                self.assertEqual(z.read("e/f%02d.txt" % i, pwd=b"pw"), ("entry %d\n" % i).encode() * 500)
 
 
 if __name__ == "__main__":
