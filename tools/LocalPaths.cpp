@@ -1,5 +1,7 @@
 #include "LocalPaths.h"
 
+#include "ziputil/Names.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -85,11 +87,7 @@ void collectInto(std::vector<SourceItem>& items, std::string const& path, std::s
 
 } // namespace
 
-tal::String textFromBytes(std::string const& bytes) {
-  tal::String text = tal::String::fromUTF8(bytes);
-  if (text.empty() && !bytes.empty()) text = tal::String(bytes.c_str());
-  return text;
-}
+tal::String textFromBytes(std::string const& bytes) { return ziputil::textFromBytes(bytes); }
 
 tal::CURI entryURIFromPath(tal::String const& path) {
   return tal::CURI(tal::String(), path, nullptr, nullptr, nullptr, -1, nullptr, nullptr);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <limits>
+#include <typeinfo>
 
 namespace ziputil {
 namespace {
@@ -123,6 +124,14 @@ bool readCentralEntry(std::string const& dir, std::size_t at, long long prefix, 
 }
 
 } // namespace
+
+bool isLayoutError(tal::CError const& error) {
+  if (typeid(error) != typeid(tal::CError)) return false;
+  std::string const message = error.getMessage().toUTF8();
+  for (char const* prefix : {"Damaged archive: ", "Not a ZIP archive: ", "Cannot seek from end: "})
+    if (message.rfind(prefix, 0) == 0) return true;
+  return false;
+}
 
 ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
                                 std::vector<CentralEntry>* entries) {

@@ -2,6 +2,7 @@
 // directory lie, read and checked whole (internal to libziputil; not installed).
 #pragma once
 
+#include "tal/Error.h"
 #include "tal/Stream.h"
 
 #include <string>
@@ -59,6 +60,11 @@ struct CentralEntry {
 /// end-of-central-directory record." {"uri"}; an empty file gives an empty layout.
 ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
                                 std::vector<CentralEntry>* entries = nullptr);
+
+/// Whether `error` is one that readArchiveLayout or checkArchiveRecords make
+/// themselves (damage, no end record, a stream without a length) rather than
+/// a failure of the stream they read.
+bool isLayoutError(tal::CError const& error);
 
 /// readArchiveLayout, then the local records: each entry's local header must
 /// be there whole, with its signature, and agree with its central header on

@@ -10,7 +10,6 @@
 #include <array>
 #include <cstring>
 #include <functional>
-#include <typeinfo>
 
 namespace ziputil {
 namespace {
@@ -153,11 +152,7 @@ std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream,
     layout = readArchiveLayout(stream, uri, directory->m_bytes);
   } catch (tal::CError& e) {
     // Damage is minizip's to meet in its own time; anything else is the stream's failure.
-    std::string const message = e.getMessage().toUTF8();
-    bool const damage = typeid(e) == typeid(tal::CError) &&
-                        (message.rfind("Damaged archive: ", 0) == 0 || message.rfind("Not a ZIP archive: ", 0) == 0 ||
-                         message.rfind("Cannot seek from end: ", 0) == 0);
-    if (!damage) readFailure = e.clone();
+    if (!isLayoutError(e)) readFailure = e.clone();
     return nullptr;
   } catch (std::exception& e) {
     readFailure = tal::CStdExceptionError::exceptionToError(&e);

@@ -20,6 +20,11 @@ tal::CURI entryURI(std::string_view name);
 /// URIs the reader reports (an entry's cleaned name).
 std::string entryName(tal::CURI const& uri);
 
+/// Addition: text from bytes a user typed or a file system gave: UTF-8 when
+/// valid, else each byte as the ISO-8859-1 character of that number, so that
+/// no byte string is lost.
+tal::String textFromBytes(std::string_view bytes);
+
 /// Addition: the `file:` URI of a local path, made absolute against the working
 /// folder when it is relative. The path is taken byte for byte (UTF-8 expected;
 /// other bytes are kept as ISO-8859-1 characters); nothing in it is read as URI

@@ -39,6 +39,13 @@ void writeAll(tal::IOutStream& out, std::string_view data) {
   }
 }
 
+/// The entry name of a folder: `name` ending in "/".
+std::string folderName(std::string_view name) {
+  std::string folder(name);
+  if (folder.empty() || folder.back() != '/') folder += '/';
+  return folder;
+}
+
 /// Makes the file at `uri` durable.
 void syncFile(tal::IFileSystem& fileSystem, tal::CURI const& uri) {
   tal::P<tal::IInOutStream> stream = fileSystem.openStream(uri, tal::IFileSystem::AccessReadWrite, 0);
@@ -233,9 +240,7 @@ void CZipFile::add(std::string_view name, std::string_view data, CZipWriter::Ent
 void CZipFile::addDirectory(std::string_view name) {
   tal::CMutexLock lock(m_mutex);
   try {
-    std::string folder(name);
-    if (folder.empty() || folder.back() != '/') folder += '/';
-    beginEntry(folder, CZipWriter::EntryOptions(), tal::CTimeFields())->close();
+    beginEntry(folderName(name), CZipWriter::EntryOptions(), tal::CTimeFields())->close();
   } catch (...) {
     rethrowWithPlace(name);
   }
@@ -247,18 +252,17 @@ void CZipFile::addFile(std::string_view name, std::string_view localPath) {
     checkOpen(Kind::Writing);
     tal::CURI const uri = localFileURI(localPath);
     std::string const path = tal::CLocalFileSystem::localPath(uri);
+    tal::P<tal::IFileSystem> const local = tal::newObj<tal::CLocalFileSystem>();
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
       // Opening gives the operating system's reason in the file system's own error.
-      tal::newObj<tal::CLocalFileSystem>()->openStream(uri, tal::IFileSystem::AccessRead, 0);
+      local->openStream(uri, tal::IFileSystem::AccessRead, 0);
     }
     CZipWriter::EntryOptions options;
     options.unixMode = static_cast<int>(st.st_mode & 0177777);
     tal::CTimeFields const time = timeFieldsOf(st.st_mtime);
     if (S_ISDIR(st.st_mode)) {
-      std::string folder(name);
-      if (folder.empty() || folder.back() != '/') folder += '/';
-      beginEntry(folder, options, time)->close();
+      beginEntry(folderName(name), options, time)->close();
       return;
     }
     if (!S_ISREG(st.st_mode)) {
@@ -267,8 +271,7 @@ void CZipFile::addFile(std::string_view name, std::string_view localPath) {
       throw tal::CInvalidArgError(tal::String("ziputil::CZipFile::addFile"),
                                   tal::String("path is not a regular file or folder"), props);
     }
-    tal::P<tal::IInOutStream> in =
-        tal::newObj<tal::CLocalFileSystem>()->openStream(uri, tal::IFileSystem::AccessRead, 0);
+    tal::P<tal::IInOutStream> in = local->openStream(uri, tal::IFileSystem::AccessRead, 0);
     tal::P<tal::IOutStream> out = beginEntry(name, options, time);
     std::vector<char> buffer(kChunk);
     while (int const n = in->readLax(buffer.data(), kChunk)) out->write(buffer.data(), n, nullptr);
@@ -313,26 +316,18 @@ void CZipFile::giveUpWriting() noexcept {
   if (m_removeTargetOnFailure) removeQuietly(m_fileSystem.get(), m_target);
 }
 
-void CZipFile::close() {
-  tal::CMutexLock lock(m_mutex);
-  try {
-    if (m_reader) {
-      tal::P<CZipReader> reader = std::move(m_reader);
-      reader->close();
-    } else if (m_writer) {
-      finishWriting();
-    }
-  } catch (...) {
-    rethrowWithPlace(std::string_view());
-  }
-}
+void CZipFile::close() { end(true); }
 
-void CZipFile::discard() {
+void CZipFile::discard() { end(false); }
+
+void CZipFile::end(bool commit) {
   tal::CMutexLock lock(m_mutex);
   try {
     if (m_reader) {
       tal::P<CZipReader> reader = std::move(m_reader);
       reader->close();
+    } else if (m_writer && commit) {
+      finishWriting();
     } else if (m_writer) {
       giveUpWriting();
     }
@@ -354,12 +349,7 @@ void CZipFile::rethrowWithPlace(std::string_view name) const {
       place = m_uri.toString(false).toUTF8();
     }
     tal::String where = tal::String::fromUTF8(place);
-    if (!name.empty()) {
-      tal::String entry = tal::String::fromUTF8(name.data(), name.size());
-      if (entry.empty()) // not UTF-8: each byte as the character of that number
-        for (char c : name) entry += static_cast<wchar_t>(static_cast<unsigned char>(c));
-      where += tal::String(": ") + entry;
-    }
+    if (!name.empty()) where += tal::String(": ") + textFromBytes(name);
     tal::P<tal::CError> copy = error.clone();
     copy->setMessage(error.getMessage() + tal::String(" (") + where + tal::String(")"));
     copy->throwClone();

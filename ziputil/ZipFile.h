@@ -159,6 +159,8 @@ private:
   void goTo(std::string_view name);
   tal::P<tal::IOutStream> beginEntry(std::string_view name, CZipWriter::EntryOptions const& options,
                                      tal::CTimeFields const& time);
+  /// close() (`commit`) or discard().
+  void end(bool commit);
   void finishWriting();
   void giveUpWriting() noexcept;
   /// Rethrows the exception in flight with " (<place>[: <name>])" added to a CError's message.

@@ -340,6 +340,15 @@ TEST_F(ZipFileTest, AddFileRefusesWhatIsNotAFileAndReportsTheFileSystemsError) {
   zip->add("fine.txt", "fine");
   zip->close();
   EXPECT_EQ(pythonListing(archive), "fine.txt|fine|100644|3|\ncomment=\n");
+  // A writer does not read.
+  auto writing = CZipFile::open(dir.file("w.zip"), ZipFileMode::Create);
+  tal::CProps const where = props({{"uri", utf8(ziputil::localFileURI(dir.file("w.zip")).toString(true))}});
+  expectError([&] { writing->read("fine.txt"); },
+              plainError("The ZIP archive is open for writing. (" + dir.file("w.zip") + ": fine.txt)", where));
+  expectError([&] { writing->entries(); },
+              plainError("The ZIP archive is open for writing. (" + dir.file("w.zip") + ")", where));
+  writing->discard();
+  EXPECT_FALSE(tal::newObj<tal::CLocalFileSystem>()->exists(ziputil::localFileURI(dir.file("w.zip"))));
 }
 
 /// A failure at every file-system call while replacing an archive leaves the
