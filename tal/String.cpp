@@ -19,23 +19,42 @@ String String::fromUTF8(char const* utf8, std::size_t length) {
 }
 
 std::string String::toUTF8(bool* ok) const {
-  if (empty()) {
-    if (ok) *ok = true;
-    return std::string();
-  }
-  // Surrogates and values past U+10FFFF are not characters: UTF-8 has no form for them.
-  for (wxUniChar c : *this) {
-    wxUint32 const code = c.GetValue();
+  // UTF-8 as wxMBConvUTF8 writes it, in one allocation: the first pass sizes
+  // the result and refuses what has no UTF-8 form (surrogates, values past
+  // U+10FFFF), the second writes it.
+  std::size_t const count = length();
+  wxStringCharType const* const text = wx_str();
+  std::size_t bytes = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const code = static_cast<std::uint32_t>(text[i]);
     if ((code >= 0xD800 && code <= 0xDFFF) || code > 0x10FFFF) {
       if (ok) *ok = false;
       return std::string();
     }
+    bytes += code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
   }
-  wxMBConvUTF8 converter;
-  wxCharBuffer const buffer = converter.cWC2MB(wc_str(), length(), nullptr);
-  bool const converted = buffer.data() != nullptr && buffer.length() > 0;
-  if (ok) *ok = converted;
-  return converted ? std::string(buffer.data(), buffer.length()) : std::string();
+  std::string utf8(bytes, '\0');
+  char* out = &utf8[0];
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const code = static_cast<std::uint32_t>(text[i]);
+    if (code < 0x80) {
+      *out++ = static_cast<char>(code);
+    } else if (code < 0x800) {
+      *out++ = static_cast<char>(0xC0 | (code >> 6));
+      *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+      *out++ = static_cast<char>(0xE0 | (code >> 12));
+      *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+      *out++ = static_cast<char>(0xF0 | (code >> 18));
+      *out++ = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+      *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    }
+  }
+  if (ok) *ok = true;
+  return utf8;
 }
 
 String toString(int value) { return String(wxString::Format(L"%d", value)); }

@@ -85,6 +85,14 @@ public:
   /// CInvalidArgError when a non-empty scheme is not a valid scheme.
   CURI(String const& scheme, String const& path, TConstOptRef<String> user, TConstOptRef<String> password,
        TConstOptRef<String> host, long long port, TConstOptRef<String> query, TConstOptRef<String> fragment);
+  /// Addition: the relative reference whose only component is `path`, equal
+  /// to CURI(String(), path, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
+  /// the text is moved, not copied (`path` is left empty).
+  static CURI fromPath(String&& path);
+  /// Addition: makes this URI CURI::fromPath(path) in place, without building
+  /// another URI; `path` receives this URI's previous path, so that a caller
+  /// replacing paths over and over reuses the same two texts' storage.
+  CURI& assignPath(String& path);
   CURI(CURI const& other);
   CURI& operator=(CURI const& other);
   /// Addition: takes `other`'s components (it is left a valid URI of

@@ -370,6 +370,33 @@ CURI::CURI(String const& scheme, String const& path, TConstOptRef<String> user, 
   if (m_hasFragment) m_fragment = fragment.get();
 }
 
+CURI CURI::fromPath(String&& path) {
+  CURI uri;
+  uri.m_kind = kBuilt;
+  uri.m_path.swap(path);
+  return uri;
+}
+
+CURI& CURI::assignPath(String& path) {
+  m_shared = nullptr;
+  m_kind = kBuilt;
+  m_hasScheme = false;
+  m_scheme.clear();
+  m_hasAuthority = false;
+  m_hasUser = false;
+  m_user.clear();
+  m_hasPassword = false;
+  m_password.clear();
+  m_host.clear();
+  m_port = -1;
+  m_path.swap(path);
+  m_hasQuery = false;
+  m_query.clear();
+  m_hasFragment = false;
+  m_fragment.clear();
+  return *this;
+}
+
 CURI::CURI(CURI const& other)
     : CBase(), m_shared(other.m_shared), m_kind(other.m_kind), m_hasScheme(other.m_hasScheme),
       m_scheme(other.m_scheme), m_hasAuthority(other.m_hasAuthority), m_hasUser(other.m_hasUser),

@@ -209,6 +209,7 @@ ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, st
   std::size_t at = 0;
   std::size_t const size = static_cast<std::size_t>(centralSize);
   unsigned long long count = 0;
+  CentralEntry entry; // one for all headers: its name's storage is reused
   while (at < size) {
     long long const where = layout.centralStart + static_cast<long long>(at);
     if (size - at < static_cast<std::size_t>(kCentralSize))
@@ -218,12 +219,11 @@ ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, st
     std::size_t const headerSize =
         kCentralSize + little(tail, at + 28, 2) + little(tail, at + 30, 2) + little(tail, at + 32, 2);
     if (headerSize > size - at) damaged(uri, where, format("central header %llu is cut short", count + 1));
-    CentralEntry entry;
     if (!readCentralEntry(tail, at, layout.prefixLength, entry))
       damaged(uri, where, format("central header %llu lacks a value of its Zip64 field", count + 1));
     if (entry.localOffset < 0 || entry.localOffset > layout.centralStart - kLocalSize)
       damaged(uri, where, format("central header %llu points past the start of the central directory", count + 1));
-    if (entries) entries->push_back(std::move(entry));
+    if (entries) entries->push_back(entry);
     at += headerSize;
     ++count;
   }

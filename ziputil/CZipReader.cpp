@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <mutex>
 #include <cstring>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -45,16 +46,28 @@ private:
 
 /// Sets `utf8` to the text as UTF-8 (empty when it has no UTF-8 form), as
 /// tal::String::toUTF8 gives it, reusing its storage.
+/// `text` as UTF-8 in `utf8` (reusing its storage), up to its first zero
+/// byte: the C string minizip and the name rules see.
 void assignUtf8(tal::String const& text, std::string& utf8) {
-  utf8.clear();
-  wchar_t const* wide = text.wc_str();
-  for (std::size_t i = 0, n = text.length(); i < n; ++i) {
-    if (static_cast<std::uint32_t>(wide[i]) >= 0x80) {
-      utf8 = text.toUTF8();
-      return;
+  wchar_t const* const wide = text.wc_str();
+  std::size_t const length = text.length();
+  std::uint32_t seen = 0;
+  for (std::size_t i = 0; i < length; ++i) seen |= static_cast<std::uint32_t>(wide[i]);
+  if (seen < 0x80) { // ASCII, the common name: each code point is its byte
+    utf8.resize(length);
+    char* const out = &utf8[0];
+    for (std::size_t i = 0; i < length; ++i) {
+      if (wide[i] == 0) {
+        utf8.resize(i);
+        return;
+      }
+      out[i] = static_cast<char>(wide[i]);
     }
-    utf8 += static_cast<char>(wide[i]);
+    return;
   }
+  utf8 = text.toUTF8();
+  std::size_t const zero = utf8.find('\0');
+  if (zero != std::string::npos) utf8.resize(zero);
 }
 
 } // namespace
@@ -179,18 +192,31 @@ bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) c
   return found || m_index->complete;
 }
 
-/// The cleaned relative URI of a stored name (a C string).
-static tal::CURI uriOfStoredName(char const* name) {
-  if (!nameNeedsNoCleaning(name)) return CZipReader::ZipStuff::pathInArchiveToSafeURI(fromUtf8(name));
-  // The common name, printable ASCII: no decoding and cleaning to do.
-  std::size_t const length = std::strlen(name);
-  std::wstring wide(name, name + length);
-  return tal::CURI(tal::String(), tal::String(wxString(wide.data(), length)), nullptr, nullptr, nullptr, -1, nullptr,
-                   nullptr);
+/// Makes `uri` the cleaned relative URI of a stored name (its bytes up to the
+/// first zero byte count, as minizip hands it out). `spare` is scratch text
+/// whose storage the common case reuses from one entry to the next.
+static void setURIOfStoredName(tal::CURI& uri, tal::String& spare, std::string_view name) {
+  if (!nameNeedsNoCleaning(name)) {
+    uri = CZipReader::ZipStuff::pathInArchiveToSafeURI(fromUtf8(std::string(name).c_str()));
+    return;
+  }
+  // The common name, printable ASCII: no decoding and cleaning to do; each
+  // byte is its code point, widened in pieces into the spare text, which then
+  // trades places with the URI's previous path.
+  spare.clear();
+  spare.reserve(name.size());
+  wchar_t wide[128];
+  for (std::size_t done = 0; done < name.size();) {
+    std::size_t const piece = std::min(name.size() - done, sizeof wide / sizeof wide[0]);
+    for (std::size_t i = 0; i < piece; ++i) wide[i] = static_cast<wchar_t>(name[done + i]);
+    spare.append(wide, piece);
+    done += piece;
+  }
+  uri.assignPath(spare);
 }
 
 bool CZipReader::takeCurrentEntry() {
-  m_currentRelativeURI = uriOfStoredName(m_nameBuffer.getData());
+  setURIOfStoredName(m_currentRelativeURI, m_spareURIPath, std::string_view(m_nameBuffer.getData()));
   m_uriPending.store(false, std::memory_order_release);
   m_positioned = true;
   m_atFirst = false;
@@ -208,8 +234,7 @@ tal::CURI const& CZipReader::currentURI() const {
   if (m_uriPending.load(std::memory_order_acquire)) {
     std::lock_guard<std::mutex> lock(m_uriMutex);
     if (m_uriPending.load(std::memory_order_relaxed)) {
-      std::string const name(m_directory->storedName(m_ordinal));
-      m_currentRelativeURI = uriOfStoredName(name.c_str());
+      setURIOfStoredName(m_currentRelativeURI, m_spareURIPath, m_directory->storedName(m_ordinal));
       m_uriPending.store(false, std::memory_order_release);
     }
   }
@@ -279,16 +304,16 @@ bool CZipReader::takeDirectoryEntry(std::size_t ordinal) {
   return true;
 }
 
-long long CZipReader::findInDirectory(char const* name) {
+long long CZipReader::findInDirectory(std::string const& name) {
   std::string key;
   bool cleaned = false;
-  if (nameComparisonKey(name, key, cleaned))
+  if (nameComparisonKey(std::string_view(name), key, cleaned))
     return m_directory->find(cleaned ? std::string_view(key) : std::string_view(name), name);
   // A searched name without a key is compared as bytes with every entry, as the linear locate does.
   std::string stored;
   for (std::size_t i = 0; i < m_directory->size(); ++i) {
     stored.assign(m_directory->storedName(i));
-    if (ZipStuff::compareFileNames(nullptr, stored.c_str(), name) == 0) return static_cast<long long>(i);
+    if (ZipStuff::compareFileNames(nullptr, stored.c_str(), name.c_str()) == 0) return static_cast<long long>(i);
   }
   return -1;
 }
@@ -308,7 +333,7 @@ bool CZipReader::tryGoToFile(tal::CURI const& relativeURI) {
   assignUtf8(relativeURI.getPath(), m_searchedName);
   std::string const& name = m_searchedName;
   if (useDirectory()) {
-    long long const found = findInDirectory(name.c_str());
+    long long const found = findInDirectory(name);
     if (found >= 0) return takeDirectoryEntry(static_cast<std::size_t>(found));
     clearEntry();
     leaveEntry(); // absent: the current entry stays where it was, as in minizip

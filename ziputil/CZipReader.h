@@ -252,8 +252,9 @@ private:
   bool useDirectory();
   /// Takes the directory's entry `ordinal` as the current one.
   bool takeDirectoryEntry(std::size_t ordinal);
-  /// The ordinal tryGoToFile finds for the searched UTF-8 name, or -1.
-  long long findInDirectory(char const* name);
+  /// The ordinal tryGoToFile finds for the searched UTF-8 name (without zero
+  /// bytes), or -1.
+  long long findInDirectory(std::string const& name);
   /// Moves minizip to the current entry when positioning left it behind;
   /// minizip's result.
   int catchUpMinizip() const;
@@ -285,6 +286,9 @@ private:
   mutable tal::CURI m_currentRelativeURI;
   mutable std::atomic<bool> m_uriPending{false};
   mutable std::mutex m_uriMutex;
+  /// Scratch text for building the URI's path (see setURIOfStoredName), kept
+  /// under the same rules as m_currentRelativeURI.
+  mutable tal::String m_spareURIPath;
   bool m_positioned = false;
   /// The name tryGoToFile looks for, as UTF-8 (kept for its storage).
   std::string m_searchedName;

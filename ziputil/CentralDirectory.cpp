@@ -112,19 +112,21 @@ bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& in
 
 } // namespace
 
-bool nameNeedsNoCleaning(const char* name) noexcept {
-  // Printable ASCII but backslash and colon; control and non-ASCII bytes (and the end) take the full way.
+bool nameNeedsNoCleaning(std::string_view name) noexcept {
+  // Printable ASCII but backslash and colon; control and non-ASCII bytes (a zero byte too) take the full way.
   static auto const plain = [] {
     std::array<bool, 256> table{};
     for (int c = 0x20; c <= 0x7e; ++c) table[static_cast<std::size_t>(c)] = c != '\\' && c != ':';
     return table;
   }();
-  unsigned char const* p = reinterpret_cast<unsigned char const*>(name);
-  if (*p == 0 || *p == '/' || *p == ' ') return false;
-  while (plain[*p]) ++p;
-  if (*p != 0) return false;
-  return p[-1] != '/' && p[-1] != ' ';
+  if (name.empty() || name.front() == '/' || name.front() == ' ' || name.back() == '/' || name.back() == ' ')
+    return false;
+  for (char const c : name)
+    if (!plain[static_cast<unsigned char>(c)]) return false;
+  return true;
 }
+
+bool nameNeedsNoCleaning(char const* name) noexcept { return nameNeedsNoCleaning(std::string_view(name)); }
 
 namespace {
 
@@ -132,16 +134,23 @@ std::size_t hashOf(std::string_view key) { return std::hash<std::string_view>()(
 
 } // namespace
 
-bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept {
+bool nameComparisonKey(std::string_view name, std::string& key, bool& cleaned) noexcept {
   try {
     cleaned = !nameNeedsNoCleaning(name);
     if (!cleaned) return true;
+    std::string const text(name); // a C string for wxWidgets' decoding
     wxMBConvUTF8 converter;
-    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(name, converter))).getPath().toUTF8();
+    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(text.c_str(), converter)))
+              .getPath()
+              .toUTF8();
     return true;
   } catch (std::exception&) {
     return false;
   }
+}
+
+bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept {
+  return nameComparisonKey(std::string_view(name), key, cleaned);
 }
 
 std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream, tal::CURI const& uri,

@@ -79,10 +79,14 @@ private:
 /// cleaning (the key is the name itself, `key` untouched). False when decoding
 /// or cleaning fails (the name is then compared as bytes).
 bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept;
+/// The same for a name's bytes, which hold no zero byte.
+bool nameComparisonKey(std::string_view name, std::string& key, bool& cleaned) noexcept;
 
 /// Whether cleaning leaves the stored name (a C string) as it is: printable
 /// ASCII without backslash or colon, not empty, neither starting nor ending
 /// with a slash or a blank.
 bool nameNeedsNoCleaning(char const* name) noexcept;
+/// The same for a name's bytes; a zero byte among them needs the full way.
+bool nameNeedsNoCleaning(std::string_view name) noexcept;
 
 } // namespace ziputil

@@ -1,8 +1,10 @@
 #include "tal/String.h"
 
 #include <gtest/gtest.h>
+#include <wx/strconv.h>
 
 #include <climits>
+#include <string>
 
 namespace {
 
@@ -124,3 +126,20 @@ TEST(StringTest, AStringIsACountedObject) {
 }
 
 } // namespace
+
+TEST(StringTest, Utf8EncodingMatchesWxWidgetsAtEveryLengthBoundary) {
+  // One and the same text through toUTF8 and through wxMBConvUTF8: code
+  // points at each edge of the one- to four-byte forms, and an inner NUL.
+  std::wstring wide;
+  for (wchar_t c : {0x1, 0x7F, 0x80, 0x7FF, 0x800, 0xD7FF, 0xE000, 0xFFFD, 0xFFFF, 0x10000, 0x10FFFF}) wide += c;
+  wide += L'\0';
+  wide += L"tail";
+  tal::String const s{wxString(wide.data(), wide.size())};
+  ASSERT_EQ(s.length(), wide.size());
+  wxMBConvUTF8 converter;
+  wxCharBuffer const expected = converter.cWC2MB(wide.data(), wide.size(), nullptr);
+  bool ok = false;
+  EXPECT_EQ(s.toUTF8(&ok), std::string(expected.data(), expected.length()));
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(tal::String::fromUTF8(s.toUTF8()), s);
+}

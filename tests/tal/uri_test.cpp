@@ -635,4 +635,48 @@ TEST(UriTest, ResolutionAgreesWithPythonUrllib) {
   }
 }
 
+TEST(URITest, APathAloneMovesInAsTheComponentConstructorBuildsIt) {
+  for (char const* path : {"", "a", "dir/a b#1.txt", "/abs", "caf\xC3\xA9/x?y"}) {
+    String text = W(path);
+    CURI const built = CURI::fromPath(String(text));
+    CURI const expected = relativePath(text);
+    EXPECT_TRUE(built == expected) << path;
+    EXPECT_EQ(U(built.toString(true)), U(expected.toString(true))) << path;
+    EXPECT_EQ(built.isEmpty(), *path == '\0'); // as for the component constructor: no component at all
+    EXPECT_EQ(expected.isEmpty(), *path == '\0');
+    EXPECT_FALSE(built.isAbsolute());
+    EXPECT_FALSE(built.hasAuthority());
+    EXPECT_EQ(built.getSharedComponents(), nullptr);
+    String moved = W(path);
+    CURI const taken = CURI::fromPath(std::move(moved));
+    EXPECT_TRUE(moved.empty());
+    EXPECT_TRUE(taken == expected) << path;
+  }
+}
+
+TEST(URITest, AssigningAPathReplacesEveryComponentAndHandsBackTheOldPath) {
+  CURI uri = parse("http://user:pw@host:8080/old/path?q=1#frag");
+  ASSERT_NE(uri.getSharedComponents(), nullptr);
+  String path = W("new/name.txt");
+  uri.assignPath(path);
+  EXPECT_TRUE(uri == relativePath(W("new/name.txt")));
+  EXPECT_EQ(U(uri.toString(true)), "new/name.txt");
+  EXPECT_EQ(U(path), "/old/path"); // the previous path comes back to the caller
+  EXPECT_FALSE(uri.hasUser());
+  EXPECT_FALSE(uri.hasPassword());
+  EXPECT_FALSE(uri.hasQuery());
+  EXPECT_FALSE(uri.hasFragment());
+  EXPECT_EQ(uri.getPort(), -1);
+  EXPECT_EQ(uri.getSharedComponents(), nullptr);
+  path = W("second");
+  uri.assignPath(path);
+  EXPECT_TRUE(uri == relativePath(W("second")));
+  EXPECT_EQ(U(path), "new/name.txt");
+  CURI empty;
+  String none;
+  empty.assignPath(none);
+  EXPECT_TRUE(empty == relativePath(String()));
+  EXPECT_TRUE(empty.isEmpty());
+}
+
 } // namespace

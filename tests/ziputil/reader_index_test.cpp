@@ -39,6 +39,8 @@ std::vector<std::string> storedNames() {
       std::string(65535, 'L'),
       "folder/",
       "folder",        // the same as the folder entry once cleaned
+      std::string("dup\0tail", 8), // minizip's name ends at the zero byte: "dup" again
+      std::string("zero\0", 5),
   };
 }
 
@@ -100,6 +102,10 @@ open(path, "wb").write(data)
 TEST_F(ReaderIndexTest, EveryNameGivesTheLinearLocatesAnswer) {
   std::vector<std::string> searched = storedNames();
   for (char const* extra : {"b.txt", "dir/b.txt/", "c.txt", "missing", "", "/", "dup/", "caf\xC3\xA9 ", "folder//"})
+    searched.push_back(extra);
+  // A searched path holding U+0000 is looked up as the C string before it, as minizip sees it.
+  for (std::string extra : {std::string("a.txt\0zzz", 9), std::string("zero\0", 5), std::string("\0a.txt", 6),
+                            std::string("caf\xC3\xA9\0\xC3\xA9", 8)})
     searched.push_back(extra);
   auto reader = open();
   int checked = 0;
