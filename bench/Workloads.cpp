@@ -251,7 +251,9 @@ Workload makeOpen(Context& ctx) {
   std::size_t const count = ctx.manyCount();
   std::string const name = manyEntriesName(count - 8);
   w.title = "open a " + withCommas(count) + "-entry archive, look up a name near the end, close";
-  w.notes.push_back("limit-parse: find the end record and walk the central directory bytes in memory to the name");
+  w.notes.push_back("limit-parse: find the end record and walk the central directory bytes in memory to the name; "
+                    "limit-read: the same after reading the end records and the directory from the file into a new "
+                    "buffer (open, two preads, close)");
   w.calibrate = true;
   w.opName = "open";
   std::string const& path = ctx.manyArchive();
@@ -302,6 +304,20 @@ Workload makeOpen(Context& ctx) {
       }
     }));
   }
+  if (ctx.wants("limit-read"))
+    w.impls.push_back(inProcess("limit-read", [path, name](long n) {
+      for (long i = 0; i < n; ++i) {
+        std::string buffer;
+        CentralDirectory cd;
+        readCentralDirectory(path, buffer, cd);
+        bool found = false;
+        walkCentralDirectory(cd, [&](CentralEntry const& e) {
+          found = e.nameLength == name.size() && std::memcmp(e.name, name.data(), name.size()) == 0;
+          return !found;
+        });
+        expect(found, "the read and parse did not find the name");
+      }
+    }));
   return w;
 }
 
@@ -313,7 +329,8 @@ Workload makeWalk(Context& ctx) {
   w.notes.push_back("ziputil: nextFile, getCurrentFileRelativeURI().getPath().toUTF8(), getCurrentFileUncompressedSize;"
                     " minizip: unzGetCurrentFileInfo64, unzGoToNextFile; libzip: zip_stat_index; zipfile: infolist");
   w.notes.push_back("limit-parse: find the end record and walk the central directory bytes in memory, copying each "
-                    "name into a std::string");
+                    "name into a std::string; limit-read: the same after reading the end records and the directory "
+                    "from the file into a new buffer (open, two preads, close), the least any reader of the file does");
   w.calibrate = true;
   w.opName = "walk";
   w.itemsPerOp = static_cast<double>(count);
@@ -388,6 +405,25 @@ Workload makeWalk(Context& ctx) {
       }
     }));
   }
+  if (ctx.wants("limit-read"))
+    w.impls.push_back(inProcess("limit-read", [path, count](long n) {
+      std::string name;
+      for (long i = 0; i < n; ++i) {
+        std::string buffer;
+        CentralDirectory cd;
+        readCentralDirectory(path, buffer, cd);
+        std::size_t seen = 0;
+        std::uint64_t total = 0;
+        walkCentralDirectory(cd, [&](CentralEntry const& e) {
+          name.assign(e.name, e.nameLength);
+          total += name.size() + e.uncompressedSize;
+          ++seen;
+          return true;
+        });
+        keep(total);
+        expect(seen == count, "the parse missed entries");
+      }
+    }));
   return w;
 }
 

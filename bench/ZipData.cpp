@@ -3,6 +3,9 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cstdio>
 #include <stdexcept>
 
@@ -137,6 +140,61 @@ bool findCentralDirectory(unsigned char const* file, std::size_t size, CentralDi
     return true;
   }
   return false;
+}
+
+namespace {
+
+/// `size` bytes at `offset` of the open file `fd` into `out`, or a failure.
+void readAt(int fd, std::uint64_t offset, std::size_t size, std::string& out, std::string const& path) {
+  out.resize(size);
+  std::size_t done = 0;
+  while (done < size) {
+    ssize_t const got = ::pread(fd, &out[done], size - done, static_cast<off_t>(offset + done));
+    if (got <= 0) fail("cannot read " + path);
+    done += static_cast<std::size_t>(got);
+  }
+}
+
+} // namespace
+
+void readCentralDirectory(std::string const& path, std::string& buffer, CentralDirectory& cd) {
+  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) fail("cannot open " + path);
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } const closer{fd};
+  struct stat info;
+  if (::fstat(fd, &info) != 0) fail("cannot stat " + path);
+  auto const size = static_cast<std::uint64_t>(info.st_size);
+  // The end record, the Zip64 locator before it and the Zip64 end record before that.
+  std::size_t const tailSize = static_cast<std::size_t>(std::min<std::uint64_t>(size, 22 + 65535 + 20 + 56));
+  std::uint64_t const tailStart = size - tailSize;
+  std::string tail;
+  readAt(fd, tailStart, tailSize, tail, path);
+  auto const* bytes = reinterpret_cast<unsigned char const*>(tail.data());
+  for (std::size_t at = tailSize >= 22 ? tailSize - 22 + 1 : 0; at-- > 0;) {
+    unsigned char const* e = bytes + at;
+    if (le32(e) != 0x06054b50u) continue;
+    std::uint64_t count = le16(e + 10), cdSize = le32(e + 12), cdOffset = le32(e + 16);
+    if ((count == 0xffff || cdSize == 0xffffffffu || cdOffset == 0xffffffffu) && at >= 20 &&
+        le32(e - 20) == 0x07064b50u) {
+      std::uint64_t const z = le64(e - 20 + 8);
+      if (z < tailStart || z - tailStart + 56 > tailSize) fail("the Zip64 end record is not at the end of " + path);
+      unsigned char const* z64 = bytes + (z - tailStart);
+      if (le32(z64) != 0x06064b50u) fail("no Zip64 end record in " + path);
+      count = le64(z64 + 32);
+      cdSize = le64(z64 + 40);
+      cdOffset = le64(z64 + 48);
+    }
+    if (cdOffset > size || size - cdOffset < cdSize) fail("the central directory lies outside " + path);
+    readAt(fd, cdOffset, static_cast<std::size_t>(cdSize), buffer, path);
+    cd.begin = reinterpret_cast<unsigned char const*>(buffer.data());
+    cd.end = cd.begin + buffer.size();
+    cd.count = count;
+    return;
+  }
+  fail("no end record in " + path);
 }
 
 std::string entryCompressedBytes(std::string const& archive, std::string const& name, CentralEntry& entry) {

@@ -50,6 +50,13 @@ struct CentralDirectory {
 /// outside the bytes.
 bool findCentralDirectory(unsigned char const* file, std::size_t size, CentralDirectory& cd);
 
+/// Reads an archive's central directory from the file at `path` the way a
+/// reader must: its last bytes (the end records), then the directory itself,
+/// into `buffer` (one pread each, the buffer's storage reused); `cd` then
+/// points into `buffer`. Throws std::runtime_error when the file cannot be
+/// read or has no end record.
+void readCentralDirectory(std::string const& path, std::string& buffer, CentralDirectory& cd);
+
 /// One central header, as the walk sees it.
 struct CentralEntry {
   char const* name;

@@ -24,6 +24,14 @@ std::string String::toUTF8(bool* ok) const {
   // U+10FFFF), the second writes it.
   std::size_t const count = length();
   wxStringCharType const* const text = wx_str();
+  std::uint32_t seen = 0;
+  for (std::size_t i = 0; i < count; ++i) seen |= static_cast<std::uint32_t>(text[i]);
+  if (seen < 0x80) { // ASCII: each code point is its byte
+    std::string ascii(count, '\0');
+    for (std::size_t i = 0; i < count; ++i) ascii[i] = static_cast<char>(text[i]);
+    if (ok) *ok = true;
+    return ascii;
+  }
   std::size_t bytes = 0;
   for (std::size_t i = 0; i < count; ++i) {
     auto const code = static_cast<std::uint32_t>(text[i]);

@@ -10,6 +10,7 @@
 #include <array>
 #include <cstring>
 #include <functional>
+#include <limits>
 
 namespace ziputil {
 namespace {
@@ -181,12 +182,16 @@ std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream,
         first.pos_in_zip_directory != directory->m_directoryOffset)
       return nullptr;
   }
+  // Header offsets are held in 32 bits (the index's size per entry); a larger directory keeps minizip's walk.
+  if (directory->m_bytes.size() > std::numeric_limits<std::uint32_t>::max() ||
+      layout.entryCount >= std::numeric_limits<std::uint32_t>::max())
+    return nullptr;
   directory->m_headers.reserve(static_cast<std::size_t>(layout.entryCount));
   std::uint64_t at = 0;
   unz_file_info64 info;
   for (unsigned long long i = 0; i < layout.entryCount; ++i) {
     if (!parseHeader(directory->m_bytes, at, info)) return nullptr;
-    directory->m_headers.push_back(at);
+    directory->m_headers.push_back(static_cast<std::uint32_t>(at));
     at += kCentralHeaderSize + info.size_filename + info.size_file_extra + info.size_file_comment;
   }
   return directory;

@@ -61,7 +61,7 @@ private:
 
   std::string m_bytes;                 ///< from the first central header to the end of the file
   std::uint64_t m_directoryOffset = 0; ///< minizip's offset of the first central header
-  std::vector<std::uint64_t> m_headers; ///< where each central header starts in m_bytes
+  std::vector<std::uint32_t> m_headers; ///< where each central header starts in m_bytes
   bool m_indexed = false;
   /// Open addressing: ordinal + 1 of the first entry of each key, 0 for free.
   std::vector<std::uint32_t> m_slots;
