@@ -225,7 +225,8 @@ bool CZipReader::takeCurrentEntry() {
 
 void CZipReader::leaveEntry() {
   if (!m_positioned && !m_uriPending.load(std::memory_order_relaxed) && m_currentRelativeURI.isEmpty()) return;
-  m_currentRelativeURI = tal::CURI();
+  m_spareURIPath.clear();
+  m_currentRelativeURI.assignPath(m_spareURIPath); // the empty URI, in the storage kept for the next one
   m_uriPending.store(false, std::memory_order_release);
   m_positioned = false;
 }
