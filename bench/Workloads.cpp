@@ -245,6 +245,30 @@ Workload makeFind(Context& ctx, bool present) {
   return w;
 }
 
+/// The limits' lookup: walks the directory's headers to `name`.
+void findInCentralDirectory(CentralDirectory const& cd, std::string const& name) {
+  bool found = false;
+  walkCentralDirectory(cd, [&](CentralEntry const& e) {
+    found = e.nameLength == name.size() && std::memcmp(e.name, name.data(), name.size()) == 0;
+    return !found;
+  });
+  expect(found, "the parse did not find the name");
+}
+
+/// The limits' listing: every header's name copied into `name`, its size read.
+void listCentralDirectory(CentralDirectory const& cd, std::string& name, std::size_t count) {
+  std::size_t seen = 0;
+  std::uint64_t total = 0;
+  walkCentralDirectory(cd, [&](CentralEntry const& e) {
+    name.assign(e.name, e.nameLength);
+    total += name.size() + e.uncompressedSize;
+    ++seen;
+    return true;
+  });
+  keep(total);
+  expect(seen == count, "the parse missed entries");
+}
+
 Workload makeOpen(Context& ctx) {
   Workload w;
   w.key = "open";
@@ -295,12 +319,7 @@ Workload makeOpen(Context& ctx) {
         keep(file);
         expect(findCentralDirectory(reinterpret_cast<unsigned char const*>(file->data()), file->size(), cd),
                "no central directory");
-        bool found = false;
-        walkCentralDirectory(cd, [&](CentralEntry const& e) {
-          found = e.nameLength == name.size() && std::memcmp(e.name, name.data(), name.size()) == 0;
-          return !found;
-        });
-        expect(found, "the parse did not find the name");
+        findInCentralDirectory(cd, name);
       }
     }));
   }
@@ -310,12 +329,7 @@ Workload makeOpen(Context& ctx) {
         std::string buffer;
         CentralDirectory cd;
         readCentralDirectory(path, buffer, cd);
-        bool found = false;
-        walkCentralDirectory(cd, [&](CentralEntry const& e) {
-          found = e.nameLength == name.size() && std::memcmp(e.name, name.data(), name.size()) == 0;
-          return !found;
-        });
-        expect(found, "the read and parse did not find the name");
+        findInCentralDirectory(cd, name);
       }
     }));
   return w;
@@ -413,16 +427,7 @@ Workload makeWalk(Context& ctx) {
         keep(file);
         expect(findCentralDirectory(reinterpret_cast<unsigned char const*>(file->data()), file->size(), cd),
                "no central directory");
-        std::size_t seen = 0;
-        std::uint64_t total = 0;
-        walkCentralDirectory(cd, [&](CentralEntry const& e) {
-          name.assign(e.name, e.nameLength);
-          total += name.size() + e.uncompressedSize;
-          ++seen;
-          return true;
-        });
-        keep(total);
-        expect(seen == count, "the parse missed entries");
+        listCentralDirectory(cd, name, count);
       }
     }));
   }
@@ -433,16 +438,7 @@ Workload makeWalk(Context& ctx) {
         std::string buffer;
         CentralDirectory cd;
         readCentralDirectory(path, buffer, cd);
-        std::size_t seen = 0;
-        std::uint64_t total = 0;
-        walkCentralDirectory(cd, [&](CentralEntry const& e) {
-          name.assign(e.name, e.nameLength);
-          total += name.size() + e.uncompressedSize;
-          ++seen;
-          return true;
-        });
-        keep(total);
-        expect(seen == count, "the parse missed entries");
+        listCentralDirectory(cd, name, count);
       }
     }));
   return w;
