@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <typeinfo>
@@ -60,8 +61,17 @@ std::string readRange(tal::IInStream& stream, long long offset, long long size) 
 
 /// Offset in `window` of the last occurrence of `signature`, or -1.
 long long findLast(std::string const& window, unsigned long signature) {
-  for (long long i = static_cast<long long>(window.size()) - 4; i >= 0; --i)
-    if (little(window, static_cast<std::size_t>(i), 4) == signature) return i;
+  char const bytes[4] = {static_cast<char>(signature & 0xff), static_cast<char>((signature >> 8) & 0xff),
+                         static_cast<char>((signature >> 16) & 0xff), static_cast<char>((signature >> 24) & 0xff)};
+  // Backwards from the last place a signature fits: to each earlier first byte, then the other three.
+  std::size_t end = window.size() < sizeof bytes ? 0 : window.size() - sizeof bytes + 1;
+  while (end > 0) {
+    void const* hit = ::memrchr(window.data(), bytes[0], end);
+    if (!hit) return -1;
+    std::size_t const at = static_cast<std::size_t>(static_cast<char const*>(hit) - window.data());
+    if (std::memcmp(window.data() + at + 1, bytes + 1, sizeof bytes - 1) == 0) return static_cast<long long>(at);
+    end = at;
+  }
   return -1;
 }
 

@@ -236,17 +236,18 @@ void CentralDirectory::buildIndex() {
   while (slots < 2 * m_headers.size()) slots *= 2;
   m_slots.assign(slots, 0);
   m_ownKey.assign(m_headers.size(), false);
-  std::string name, key;
+  std::string key;
   for (std::uint32_t i = 0; i < m_headers.size(); ++i) {
-    name.assign(storedName(i)); // a C string for the key rules
+    std::string_view const stored = storedName(i);
+    std::string_view const name = stored.substr(0, stored.find('\0')); // the C string the key rules see
     bool cleaned = false;
-    if (!nameComparisonKey(name.c_str(), key, cleaned)) {
-      m_byRawName.emplace(std::string(name.c_str()), i); // the first of a name stays
+    if (!nameComparisonKey(name, key, cleaned)) {
+      m_byRawName.emplace(std::string(name), i); // the first of a name stays
       continue;
     }
-    if (!cleaned && std::strlen(name.c_str()) != name.size()) { // a zero byte ends the name as a C string
+    if (!cleaned && name.size() != stored.size()) { // a zero byte ends the name early: the key is what precedes it
       cleaned = true;
-      key.assign(name.c_str());
+      key.assign(name);
     }
     if (cleaned) {
       m_cleanedKeys.emplace(i, key);

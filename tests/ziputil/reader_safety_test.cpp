@@ -413,6 +413,16 @@ with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
     EXPECT_EQ(utf8(e.getMessage()), "Not a ZIP archive: no end-of-central-directory record.");
     EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", dir.uri("text.zip").toString(true)}}));
   }
+  // Files shorter than a signature, one of them its first three bytes.
+  for (std::string const& tiny : {std::string("P"), std::string("PK\x05"), std::string("\x06")}) {
+    testsupport::writeFile(dir.file("tiny.zip"), tiny);
+    try {
+      ziputil::checkArchiveLayout(fs.get(), dir.uri("tiny.zip"));
+      FAIL() << tiny.size();
+    } catch (tal::CError const& e) {
+      EXPECT_EQ(utf8(e.getMessage()), "Not a ZIP archive: no end-of-central-directory record.");
+    }
+  }
   try { // the file system's own error comes back unchanged
     ziputil::checkArchiveLayout(fs.get(), dir.uri("missing.zip"));
     FAIL();
