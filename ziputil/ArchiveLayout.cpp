@@ -114,9 +114,9 @@ bool applyZip64(std::string const& data, std::size_t from, std::size_t length,
   return true;
 }
 
-/// What the central header at `at` says; false when its Zip64 field lacks a
-/// value that a saturated field needs.
-bool readCentralEntry(std::string const& dir, std::size_t at, long long prefix, CentralEntry& entry) {
+/// What the central header at `at` says (its name only `withName`); false
+/// when its Zip64 field lacks a value that a saturated field needs.
+bool readCentralEntry(std::string const& dir, std::size_t at, long long prefix, CentralEntry& entry, bool withName) {
   std::size_t const nameLength = little(dir, at + 28, 2);
   std::size_t const extraLength = little(dir, at + 30, 2);
   entry.flags = static_cast<unsigned>(little(dir, at + 8, 2));
@@ -128,7 +128,7 @@ bool readCentralEntry(std::string const& dir, std::size_t at, long long prefix, 
   if (!applyZip64(dir, at + kCentralSize + nameLength, extraLength,
                   {&entry.uncompressedSize, &entry.compressedSize, &offset}))
     return false;
-  entry.name.assign(dir, at + kCentralSize, nameLength);
+  if (withName) entry.name.assign(dir, at + kCentralSize, nameLength);
   entry.localOffset = static_cast<long long>(offset) + prefix;
   return true;
 }
@@ -229,7 +229,7 @@ ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, st
     std::size_t const headerSize =
         kCentralSize + little(tail, at + 28, 2) + little(tail, at + 30, 2) + little(tail, at + 32, 2);
     if (headerSize > size - at) damaged(uri, where, format("central header %llu is cut short", count + 1));
-    if (!readCentralEntry(tail, at, layout.prefixLength, entry))
+    if (!readCentralEntry(tail, at, layout.prefixLength, entry, entries != nullptr))
       damaged(uri, where, format("central header %llu lacks a value of its Zip64 field", count + 1));
     if (entry.localOffset < 0 || entry.localOffset > layout.centralStart - kLocalSize)
       damaged(uri, where, format("central header %llu points past the start of the central directory", count + 1));
