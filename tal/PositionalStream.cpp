@@ -59,16 +59,20 @@ void CPositionalStream::close() {
   } catch (...) {
     failure = std::current_exception();
   }
-  m_writeBuffer.clear();
+  std::vector<unsigned char>().swap(m_writeBuffer);
   file->closeFile(); // released even when the last write failed
   if (failure) std::rethrow_exception(failure);
 }
 
 void CPositionalStream::flushWrites() {
   if (m_writeBuffer.empty()) return;
-  std::vector<unsigned char> pending;
-  pending.swap(m_writeBuffer);
-  m_file->writeAt(m_writeStart, pending.data(), pending.size());
+  try {
+    m_file->writeAt(m_writeStart, m_writeBuffer.data(), m_writeBuffer.size());
+  } catch (...) {
+    m_writeBuffer.clear(); // what failed to reach the file is not written again
+    throw;
+  }
+  m_writeBuffer.clear(); // its storage stays for the next writes
 }
 
 std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
@@ -133,14 +137,22 @@ void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
                    nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
   m_readLength = 0; // the read buffer may hold what is being overwritten
-  bool const contiguous = m_position == m_writeStart + static_cast<long long>(m_writeBuffer.size());
-  if (!contiguous || m_writeBuffer.size() + n > m_bufferSize) flushWrites();
-  if (n >= m_bufferSize) {
+  // A write that starts inside the buffered range or at its end, and fits, goes into the buffer: so
+  // going back to fill in a header just written (as minizip does after each entry) costs no file write.
+  long long const bufferEnd = m_writeStart + static_cast<long long>(m_writeBuffer.size());
+  bool const buffered = !m_writeBuffer.empty() && m_position >= m_writeStart && m_position <= bufferEnd &&
+                        static_cast<std::size_t>(m_position - m_writeStart) + n <= m_bufferSize;
+  if (!buffered) flushWrites();
+  if (!buffered && n >= m_bufferSize) {
     m_file->writeAt(m_position, data, n);
   } else {
-    if (m_writeBuffer.empty()) m_writeStart = m_position;
-    auto const* bytes = static_cast<unsigned char const*>(data);
-    m_writeBuffer.insert(m_writeBuffer.end(), bytes, bytes + n);
+    if (m_writeBuffer.empty()) {
+      m_writeStart = m_position;
+      m_writeBuffer.reserve(m_bufferSize);
+    }
+    std::size_t const offset = static_cast<std::size_t>(m_position - m_writeStart);
+    if (offset + n > m_writeBuffer.size()) m_writeBuffer.resize(offset + n);
+    std::memcpy(m_writeBuffer.data() + offset, data, n);
   }
   m_position += static_cast<long long>(n);
 }

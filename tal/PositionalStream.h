@@ -31,9 +31,12 @@ public:
 /// the end and cannot be written. Reads fill a buffer of
 /// `bufferSize` bytes; a seek only moves the position, so a seek that stays
 /// inside the buffer keeps it and a seek to the current position costs
-/// nothing. Writes collect in a buffer flushed by flush(), close(), a read,
-/// a non-contiguous write or setLength(). `bufferSize` 0 passes every call
-/// straight to the file. One thread at a time may use a stream.
+/// nothing. Writes collect in a buffer of up to `bufferSize` bytes: a write
+/// that starts inside the buffered range or at its end and fits goes into it
+/// (overwriting what it covers), anything else flushes it first. flush(),
+/// close(), a read and setLength() flush it too. A failed flush drops what
+/// the buffer held. `bufferSize` 0 passes every call straight to the file.
+/// One thread at a time may use a stream.
 ///
 /// `owner` tags the stream with the file system that opened it (compared,
 /// never dereferenced), so that file system can recognise its own streams
