@@ -52,7 +52,7 @@ void CPositionalStream::close() {
   checkOpen();
   P<IPositionalFile> file = m_file;
   m_file = nullptr;
-  m_readLength = 0;
+  dropReadBlocks();
   std::exception_ptr failure;
   try {
     if (!m_writeBuffer.empty()) file->writeAt(m_writeStart, m_writeBuffer.data(), m_writeBuffer.size());
@@ -75,15 +75,23 @@ void CPositionalStream::flushWrites() {
   m_writeBuffer.clear(); // its storage stays for the next writes
 }
 
+void CPositionalStream::dropReadBlocks() {
+  for (ReadBlock& block : m_readBlocks) block.length = 0;
+}
+
 std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
   std::size_t done = 0;
   if (m_position < 0) return 0; // beyond any file: minizip seeks to offset 2^64-1 when it finds no archive
   while (done < size) {
     long long const at = m_position;
-    if (m_readLength > 0 && at >= m_readStart && at < m_readStart + static_cast<long long>(m_readLength)) {
-      std::size_t offset = static_cast<std::size_t>(at - m_readStart);
-      std::size_t n = std::min(size - done, m_readLength - offset);
-      std::memcpy(out + done, m_readBuffer.data() + offset, n);
+    ReadBlock* hit = nullptr;
+    for (ReadBlock& block : m_readBlocks)
+      if (block.length > 0 && at >= block.start && at < block.start + static_cast<long long>(block.length)) hit = &block;
+    if (hit) {
+      hit->lastUse = ++m_readClock;
+      std::size_t offset = static_cast<std::size_t>(at - hit->start);
+      std::size_t n = std::min(size - done, hit->length - offset);
+      std::memcpy(out + done, hit->bytes.data() + offset, n);
       done += n;
       m_position += static_cast<long long>(n);
     } else if (size - done >= m_bufferSize) {
@@ -92,11 +100,13 @@ std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
       done += n;
       m_position += static_cast<long long>(n);
     } else {
-      m_readBuffer.resize(m_bufferSize);
-      m_readLength = 0; // stays empty when the read below throws
-      m_readStart = at;
-      m_readLength = m_file->readAt(at, m_readBuffer.data(), m_bufferSize);
-      if (m_readLength == 0) break;
+      ReadBlock& block = m_readBlocks[0].lastUse <= m_readBlocks[1].lastUse ? m_readBlocks[0] : m_readBlocks[1];
+      block.bytes.resize(m_bufferSize);
+      block.length = 0; // stays empty when the read below throws
+      block.start = at;
+      block.lastUse = ++m_readClock;
+      block.length = m_file->readAt(at, block.bytes.data(), m_bufferSize);
+      if (block.length == 0) break;
     }
   }
   return done;
@@ -136,7 +146,7 @@ void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
     throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(m_uri),
                    nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
-  m_readLength = 0; // the read buffer may hold what is being overwritten
+  dropReadBlocks(); // the read buffers may hold what is being overwritten
   // A write that starts inside the buffered range or at its end, and fits, goes into the buffer: so
   // going back to fill in a header just written (as minizip does after each entry) costs no file write.
   long long const bufferEnd = m_writeStart + static_cast<long long>(m_writeBuffer.size());
@@ -182,7 +192,7 @@ void CPositionalStream::setLength(long long length) {
   if (!m_writable)
     throw CIOError(CIOError::SetLengthFailed, String("The stream is open for reading only"), uriProps(m_uri), nullptr);
   flushWrites();
-  m_readLength = 0;
+  dropReadBlocks();
   m_file->truncate(length);
 }
 

@@ -28,10 +28,12 @@ public:
 /// Buffered stream over an IPositionalFile. seek() accepts any position: past
 /// the end reads give nothing, and a negative position (an unsigned offset of
 /// 2^63 or more, which minizip seeks to when it finds no archive) reads as past
-/// the end and cannot be written. Reads fill a buffer of
-/// `bufferSize` bytes; a seek only moves the position, so a seek that stays
-/// inside the buffer keeps it and a seek to the current position costs
-/// nothing. Writes collect in a buffer of up to `bufferSize` bytes: a write
+/// the end and cannot be written. Reads fill one of two buffers of
+/// `bufferSize` bytes, the one used less recently, so that reads going back
+/// and forth between two parts of a file (an archive's central directory and
+/// its entries) each keep theirs; a seek only moves the position, so a seek
+/// that stays inside a buffer keeps it and a seek to the current position
+/// costs nothing. Any write or setLength() empties both. Writes collect in a buffer of up to `bufferSize` bytes: a write
 /// that starts inside the buffered range or at its end and fits goes into it
 /// (overwriting what it covers), anything else flushes it first. flush(),
 /// close(), a read and setLength() flush it too. A failed flush drops what
@@ -90,9 +92,16 @@ private:
   bool m_writable;
   std::size_t m_bufferSize;
   long long m_position = 0;
-  std::vector<unsigned char> m_readBuffer;
-  long long m_readStart = 0;
-  std::size_t m_readLength = 0;
+  /// A range of the file as last read; empty while `length` is 0.
+  struct ReadBlock {
+    std::vector<unsigned char> bytes;
+    long long start = 0;
+    std::size_t length = 0;
+    unsigned long long lastUse = 0; ///< m_readClock at its last use; 0: never used
+  };
+  void dropReadBlocks();
+  ReadBlock m_readBlocks[2];
+  unsigned long long m_readClock = 0;
   std::vector<unsigned char> m_writeBuffer;
   long long m_writeStart = 0;
 };

@@ -5,6 +5,7 @@
 #include <isa-l/igzip_lib.h>
 
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -17,7 +18,7 @@ constexpr std::size_t kAhead = 256 * 1024;
 
 struct Decoder {
   inflate_state isal;
-  std::vector<unsigned char> out; // decoded by ISA-L; [pos, end) not yet handed out
+  std::unique_ptr<unsigned char[]> out; // kAhead bytes decoded by ISA-L; [pos, end) not yet handed out
   std::size_t pos = 0;
   std::size_t end = 0;
   bool finished = false; // ISA-L has decoded the final block's end
@@ -133,7 +134,7 @@ int ziputil_inflateIsalInit2(z_streamp strm, int windowBits) {
   Decoder* d = new (std::nothrow) Decoder;
   if (d == nullptr) return Z_MEM_ERROR;
   try {
-    d->out.resize(kAhead);
+    d->out.reset(new unsigned char[kAhead]); // not cleared: only decoded bytes are ever read from it
   } catch (std::bad_alloc const&) {
     delete d;
     return Z_MEM_ERROR;
@@ -169,7 +170,7 @@ int ziputil_inflateIsal(z_streamp strm, int /*flush*/) {
     if (!d->finished && ready > 0) --ready;
     if (ready > 0 && strm->avail_out > 0) {
       uInt n = ready < strm->avail_out ? static_cast<uInt>(ready) : strm->avail_out;
-      std::memcpy(strm->next_out, d->out.data() + d->pos, n);
+      std::memcpy(strm->next_out, d->out.get() + d->pos, n);
       d->pos += n;
       strm->next_out += n;
       strm->avail_out -= n;
@@ -181,17 +182,17 @@ int ziputil_inflateIsal(z_streamp strm, int /*flush*/) {
     if (d->finished) return Z_STREAM_END;
 
     if (d->pos > 0) {
-      std::memmove(d->out.data(), d->out.data() + d->pos, d->end - d->pos);
+      std::memmove(d->out.get(), d->out.get() + d->pos, d->end - d->pos);
       d->end -= d->pos;
       d->pos = 0;
     }
     d->isal.next_in = strm->next_in;
     d->isal.avail_in = strm->avail_in;
-    d->isal.next_out = d->out.data() + d->end;
-    d->isal.avail_out = static_cast<uint32_t>(d->out.size() - d->end);
+    d->isal.next_out = d->out.get() + d->end;
+    d->isal.avail_out = static_cast<uint32_t>(kAhead - d->end);
     int r = isal_inflate(&d->isal);
     uInt consumed = strm->avail_in - d->isal.avail_in;
-    std::size_t decoded = static_cast<std::size_t>(d->isal.next_out - (d->out.data() + d->end));
+    std::size_t decoded = static_cast<std::size_t>(d->isal.next_out - (d->out.get() + d->end));
     strm->next_in += consumed;
     strm->avail_in -= consumed;
     strm->total_in += consumed;

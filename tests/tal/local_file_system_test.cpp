@@ -407,6 +407,42 @@ TEST_F(LocalFileSystemTest, SeekInsideTheReadBufferKeepsIt) {
   EXPECT_EQ(c, 'B');
 }
 
+TEST_F(LocalFileSystemTest, ReadsInTwoPartsOfAFileKeepBothBuffers) {
+  std::size_t const block = tal::CLocalFileSystem::kBufferSize;
+  testsupport::writeFile(dir.file("two"), std::string(4 * block, 'A'));
+  auto in = open(dir.uri("two"), 3);
+  auto readAt = [&](std::size_t at) {
+    char c = 0;
+    in->seek(static_cast<long long>(at));
+    in->read(&c, 1);
+    return c;
+  };
+  auto rewriteBehindTheStream = [&](char fill) {
+    int fd = ::open(dir.file("two").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    std::string const other(4 * block, fill);
+    ASSERT_EQ(::pwrite(fd, other.data(), other.size(), 0), static_cast<ssize_t>(other.size()));
+    ::close(fd);
+  };
+  EXPECT_EQ(readAt(0), 'A');         // first part
+  EXPECT_EQ(readAt(3 * block), 'A'); // second part
+  rewriteBehindTheStream('B');
+  EXPECT_EQ(readAt(10), 'A'); // both parts are still buffered
+  EXPECT_EQ(readAt(3 * block + 10), 'A');
+  EXPECT_EQ(readAt(20), 'A');         // the first part is now the more recently used
+  EXPECT_EQ(readAt(2 * block), 'B');  // a third part takes the second part's buffer
+  EXPECT_EQ(readAt(30), 'A');         // the first part kept its buffer
+  EXPECT_EQ(readAt(3 * block + 20), 'B'); // the second part is read again, in the buffer used less recently
+  EXPECT_EQ(readAt(2 * block + 5), 'B');
+  rewriteBehindTheStream('C');
+  EXPECT_EQ(readAt(3 * block + 30), 'B'); // still buffered
+  in->seek(static_cast<long long>(4 * block));
+  in->write("!", 1, nullptr); // any write empties both buffers
+  EXPECT_EQ(readAt(3 * block + 30), 'C');
+  EXPECT_EQ(readAt(40), 'C');
+  in->close();
+}
+
 TEST_F(LocalFileSystemTest, WritesCollectUntilFlushAndGetLengthCountsThem) {
   auto s = open(dir.uri("w"), 3, 2);
   s->write("0123456789", 10, nullptr);
