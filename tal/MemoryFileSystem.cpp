@@ -170,28 +170,37 @@ namespace {
 /// Reads smaller than this go through a stream's read buffer of this size.
 constexpr std::size_t kReadBufferSize = 64 * 1024;
 
-/// A stream's view of a memory file. Reads come from a buffer of the stream's
-/// own while the file's version is the one the buffer was filled at, so small
-/// reads take no lock; writes go straight to the file.
+/// A stream's view of a memory file. Reads come from one of two buffers of
+/// the stream's own (the one used less recently is refilled, so reads going
+/// back and forth between two parts of the file keep both) while the file's
+/// version is the one the buffer was filled at, so small reads take no lock;
+/// writes go straight to the file.
 class CMemoryHandle : public CBase, public virtual IPositionalFile {
 public:
   CMemoryHandle(P<CMemoryFileSystem::CFile> file, CURI const& uri, bool lengthUnknown)
       : m_file(std::move(file)), m_uri(uri), m_lengthUnknown(lengthUnknown) {}
   std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
     if (size >= kReadBufferSize) return m_file->readAt(offset, buffer, size);
-    if (m_bufferLength == 0 || offset < m_bufferStart ||
-        offset >= m_bufferStart + static_cast<long long>(m_bufferLength) || m_file->version() != m_bufferVersion) {
+    unsigned long long const version = m_file->version();
+    Block* block = nullptr;
+    for (Block& candidate : m_blocks)
+      if (candidate.length > 0 && candidate.version == version && offset >= candidate.start &&
+          offset < candidate.start + static_cast<long long>(candidate.length))
+        block = &candidate;
+    if (!block) {
       // Refill from `offset`. A read that runs past the buffer gets what the buffer holds (the
       // stream asks again for the rest).
-      if (m_buffer.empty()) m_buffer.resize(kReadBufferSize);
-      m_bufferLength = 0; // stays empty when the read below throws
-      m_bufferStart = offset;
-      m_bufferLength = m_file->readAt(offset, m_buffer.data(), m_buffer.size(), m_bufferVersion);
-      if (m_bufferLength == 0) return 0;
+      block = m_blocks[0].lastUse <= m_blocks[1].lastUse ? &m_blocks[0] : &m_blocks[1];
+      if (block->bytes.empty()) block->bytes.resize(kReadBufferSize);
+      block->length = 0; // stays empty when the read below throws
+      block->start = offset;
+      block->length = m_file->readAt(offset, block->bytes.data(), block->bytes.size(), block->version);
+      if (block->length == 0) return 0;
     }
-    std::size_t const at = static_cast<std::size_t>(offset - m_bufferStart);
-    std::size_t const n = std::min(size, m_bufferLength - at);
-    std::memcpy(buffer, m_buffer.data() + at, n);
+    block->lastUse = ++m_clock;
+    std::size_t const at = static_cast<std::size_t>(offset - block->start);
+    std::size_t const n = std::min(size, block->length - at);
+    std::memcpy(buffer, block->bytes.data() + at, n);
     return n;
   }
   void writeAt(long long offset, void const* data, std::size_t size) override {
@@ -216,18 +225,26 @@ public:
   void sync() override {} // nothing outlives the process's memory anyway
   void closeFile() override {
     m_file = nullptr;
-    m_bufferLength = 0;
-    std::vector<unsigned char>().swap(m_buffer);
+    for (Block& block : m_blocks) {
+      block.length = 0;
+      std::vector<unsigned char>().swap(block.bytes);
+    }
   }
 
 private:
   P<CMemoryFileSystem::CFile> m_file;
   CURI m_uri;
   bool m_lengthUnknown;
-  std::vector<unsigned char> m_buffer;
-  long long m_bufferStart = 0;
-  std::size_t m_bufferLength = 0;
-  unsigned long long m_bufferVersion = 0;
+  /// A range of the file as read at `version`; empty while `length` is 0.
+  struct Block {
+    std::vector<unsigned char> bytes;
+    long long start = 0;
+    std::size_t length = 0;
+    unsigned long long version = 0;
+    unsigned long long lastUse = 0; ///< m_clock at its last use; 0: never used
+  };
+  Block m_blocks[2];
+  unsigned long long m_clock = 0;
 };
 
 } // namespace

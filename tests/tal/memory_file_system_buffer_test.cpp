@@ -40,6 +40,31 @@ TEST_F(MemoryFileSystemBufferTest, AnotherStreamsWriteInsideTheBufferedRangeIsSe
   EXPECT_EQ(readAt(*in, 11, 1), "Y");
 }
 
+TEST_F(MemoryFileSystemBufferTest, ReadsInTwoPartsSeeWritesToEitherPart) {
+  // Reads going back and forth between two parts of the file (each part buffered on its own), and a
+  // third part, while another stream writes into each of them: every read gets the current bytes.
+  fs->setFile(uri, std::string(300000, 'a'));
+  auto in = fs->openStream(uri, 1, 0);
+  auto out = fs->openStream(uri, 3, 0);
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    char const mark = static_cast<char>('A' + round);
+    EXPECT_EQ(readAt(*in, 100, 1), std::string(1, round == 0 ? 'a' : static_cast<char>(mark - 1)));
+    EXPECT_EQ(readAt(*in, 200000, 1), std::string(1, round == 0 ? 'a' : static_cast<char>(mark - 1)));
+    out->seek(100);
+    out->write(&mark, 1, nullptr);
+    EXPECT_EQ(readAt(*in, 99, 3), std::string("a") + mark + "a"); // the first part's change
+    EXPECT_EQ(readAt(*in, 200000, 1), std::string(1, round == 0 ? 'a' : static_cast<char>(mark - 1)));
+    out->seek(200000);
+    out->write(&mark, 1, nullptr);
+    EXPECT_EQ(readAt(*in, 200000, 2), std::string(1, mark) + "a"); // the second part's change
+    EXPECT_EQ(readAt(*in, 100, 1), std::string(1, mark));
+    EXPECT_EQ(readAt(*in, 150000, 1), "a"); // a third part
+    EXPECT_EQ(readAt(*in, 200000, 1), std::string(1, mark));
+    EXPECT_EQ(readAt(*in, 100, 1), std::string(1, mark));
+  }
+}
+
 TEST_F(MemoryFileSystemBufferTest, GrowthAndTruncationByAnotherStreamAreSeen) {
   fs->setFile(uri, "0123456789");
   auto in = fs->openStream(uri, 1, 0);
