@@ -79,6 +79,30 @@ std::uint64_t read(std::string const& path, std::string const& name) {
   return total;
 }
 
+std::uint64_t readAll(std::string const& path) {
+  zip_t* zip = openForReading(path);
+  static char buffer[1 << 16];
+  std::uint64_t total = 0;
+  zip_int64_t const count = zip_get_num_entries(zip, 0);
+  for (zip_int64_t i = 0; i < count; ++i) {
+    zip_file_t* file = zip_fopen_index(zip, static_cast<zip_uint64_t>(i), 0);
+    if (!file) {
+      std::string const message = zip_strerror(zip);
+      zip_discard(zip);
+      throw std::runtime_error("libzip: cannot open entry " + std::to_string(i) + ": " + message);
+    }
+    zip_int64_t n;
+    while ((n = zip_fread(file, buffer, sizeof buffer)) > 0) total += static_cast<std::uint64_t>(n);
+    int const closed = zip_fclose(file);
+    if (n < 0 || closed != 0) {
+      zip_discard(zip);
+      throw std::runtime_error("libzip: cannot read entry " + std::to_string(i));
+    }
+  }
+  zip_discard(zip);
+  return total;
+}
+
 void write(std::string const& path, std::vector<Entry> const& entries, int level) {
   int error = 0;
   zip_t* zip = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);

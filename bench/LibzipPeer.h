@@ -35,6 +35,9 @@ std::uint64_t walk(std::string const& path);
 /// Reads the entry `name` through zip_fread in 64 KiB pieces (libzip checks
 /// the CRC-32); returns the bytes read.
 std::uint64_t read(std::string const& path, std::string const& name);
+/// Reads every entry in order through zip_fopen_index and zip_fread in 64 KiB
+/// pieces; returns the bytes read.
+std::uint64_t readAll(std::string const& path);
 
 /// An entry to write: name and bytes (which must stay valid until the write ends).
 struct Entry {

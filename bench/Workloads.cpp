@@ -446,6 +446,28 @@ Workload makeWalk(Context& ctx) {
 
 // ---- one big entry -----------------------------------------------------------
 
+/// The zlib limit's work on one entry: inflates `compressed` through `z` (just
+/// initialised or reset) in kChunk pieces with the CRC-32 of the output, which
+/// must be the entry's; returns the bytes inflated.
+std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEntry const& entry) {
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
+  z.avail_in = static_cast<uInt>(compressed.size());
+  static unsigned char buffer[kChunk];
+  uLong crc = crc32(0, nullptr, 0);
+  std::uint64_t total = 0;
+  int r = Z_OK;
+  while (r == Z_OK) {
+    z.next_out = buffer;
+    z.avail_out = kChunk;
+    r = inflate(&z, Z_NO_FLUSH);
+    uInt const got = static_cast<uInt>(kChunk - z.avail_out);
+    crc = crc32(crc, buffer, got);
+    total += got;
+  }
+  expect(r == Z_STREAM_END && crc == entry.crc, "inflate failed");
+  return total;
+}
+
 Workload makeRead(Context& ctx) {
   Workload w;
   w.key = "read";
@@ -508,22 +530,9 @@ Workload makeRead(Context& ctx) {
     w.impls.push_back(inProcess("limit-inflate", [compressed, entry](long) {
       z_stream z = {};
       expect(inflateInit2(&z, -MAX_WBITS) == Z_OK, "inflateInit2 failed");
-      z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed->data()));
-      z.avail_in = static_cast<uInt>(compressed->size());
-      static unsigned char buffer[kChunk];
-      uLong crc = crc32(0, nullptr, 0);
-      std::uint64_t total = 0;
-      int r = Z_OK;
-      while (r == Z_OK) {
-        z.next_out = buffer;
-        z.avail_out = kChunk;
-        r = inflate(&z, Z_NO_FLUSH);
-        uInt const got = static_cast<uInt>(kChunk - z.avail_out);
-        crc = crc32(crc, buffer, got);
-        total += got;
-      }
+      std::uint64_t const total = inflateEntry(z, *compressed, entry);
       inflateEnd(&z);
-      expect(r == Z_STREAM_END && total == entry.uncompressedSize && crc == entry.crc, "inflate failed");
+      expect(total == entry.uncompressedSize, "inflate failed");
     }));
   }
 #if ZIPUTIL_BENCH_ISAL
@@ -661,25 +670,54 @@ Workload makeWrite(Context& ctx, int level) {
 
 // ---- many small entries ------------------------------------------------------
 
-Workload makeSmall(Context& ctx) {
-  Workload w;
-  w.key = "small";
-  std::size_t const count = ctx.smallCount();
-  auto text = std::make_shared<std::string>(makeText(1 << 20, 5));
-  auto entries = std::make_shared<std::vector<std::tuple<std::string, std::size_t, std::size_t>>>();
-  std::string manifest;
+/// The small entries: names and slices of one text, the same for every workload that uses them.
+struct SmallEntries {
+  std::shared_ptr<std::string> text;
+  std::shared_ptr<std::vector<std::tuple<std::string, std::size_t, std::size_t>>> entries; ///< name, offset, length
+  std::string manifest; ///< "offset length name" lines, for the Python peer
   std::size_t totalBytes = 0;
+};
+
+SmallEntries smallEntries(std::size_t count) {
+  SmallEntries small;
+  small.text = std::make_shared<std::string>(makeText(1 << 20, 5));
+  small.entries = std::make_shared<std::vector<std::tuple<std::string, std::size_t, std::size_t>>>();
   std::uint32_t state = 12345;
   for (std::size_t i = 0; i < count; ++i) {
     state = state * 1664525u + 1013904223u;
     std::size_t const length = 256 + (state >> 8) % 3841;
-    std::size_t const offset = (i * 7919) % (text->size() - 4097);
+    std::size_t const offset = (i * 7919) % (small.text->size() - 4097);
     char name[64];
     std::snprintf(name, sizeof name, "d%02zu/f%05zu.txt", i / 500, i);
-    entries->emplace_back(name, offset, length);
-    manifest += std::to_string(offset) + " " + std::to_string(length) + " " + name + "\n";
-    totalBytes += length;
+    small.entries->emplace_back(name, offset, length);
+    small.manifest += std::to_string(offset) + " " + std::to_string(length) + " " + name + "\n";
+    small.totalBytes += length;
   }
+  return small;
+}
+
+/// Writes the small entries to a new archive at `path` with stock minizip at kSmallLevel.
+void writeSmallWithStockMinizip(std::string const& path, SmallEntries const& small) {
+  zipFile zip = zipOpen64(path.c_str(), APPEND_STATUS_CREATE);
+  expect(zip != nullptr, "minizip cannot create " + path);
+  for (auto const& [name, offset, length] : *small.entries) {
+    openStockEntry(zip, name, kSmallLevel);
+    expect(zipWriteInFileInZip(zip, small.text->data() + offset, static_cast<unsigned>(length)) == ZIP_OK &&
+               zipCloseFileInZip(zip) == ZIP_OK,
+           "minizip cannot write " + name);
+  }
+  expect(zipClose(zip, nullptr) == ZIP_OK, "minizip cannot close " + path);
+}
+
+Workload makeSmall(Context& ctx) {
+  Workload w;
+  w.key = "small";
+  std::size_t const count = ctx.smallCount();
+  SmallEntries const small = smallEntries(count);
+  auto const& text = small.text;
+  auto const& entries = small.entries;
+  std::string const& manifest = small.manifest;
+  std::size_t const totalBytes = small.totalBytes;
   w.title = "write " + withCommas(count) + " small entries (" + formatBytes(static_cast<double>(totalBytes)) +
             ", 256 B to 4 KiB each) at level " + std::to_string(kSmallLevel) + " into a new archive";
   w.notes.push_back("limit-deflate: per entry deflateReset + deflate + CRC-32 in memory, output thrown away");
@@ -707,17 +745,7 @@ Workload makeSmall(Context& ctx) {
   }
   if (ctx.wants("minizip")) {
     std::string const out = ctx.dir + "/s-minizip.zip";
-    Impl impl = inProcess("minizip", [out, text, entries](long) {
-      zipFile zip = zipOpen64(out.c_str(), APPEND_STATUS_CREATE);
-      expect(zip != nullptr, "minizip cannot create " + out);
-      for (auto const& [name, offset, length] : *entries) {
-        openStockEntry(zip, name, kSmallLevel);
-        expect(zipWriteInFileInZip(zip, text->data() + offset, static_cast<unsigned>(length)) == ZIP_OK &&
-                   zipCloseFileInZip(zip) == ZIP_OK,
-               "minizip cannot write " + name);
-      }
-      expect(zipClose(zip, nullptr) == ZIP_OK, "minizip cannot close " + out);
-    });
+    Impl impl = inProcess("minizip", [out, small](long) { writeSmallWithStockMinizip(out, small); });
     impl.prepare = [out] { std::remove(out.c_str()); };
     impl.detail = [out] { return fileSizeOf(out); };
     w.impls.push_back(impl);
@@ -774,6 +802,88 @@ Workload makeSmall(Context& ctx) {
     });
     impl.detail = [compressed] { return formatBytes(static_cast<double>(*compressed)) + " deflated"; };
     w.impls.push_back(impl);
+  }
+  return w;
+}
+
+Workload makeReadMany(Context& ctx) {
+  Workload w;
+  w.key = "readmany";
+  std::size_t const count = ctx.smallCount();
+  SmallEntries const small = smallEntries(count);
+  std::string const path = ctx.dir + "/many-small.zip";
+  writeSmallWithStockMinizip(path, small);
+  auto bytes = std::make_shared<std::string>(readFile(path));
+  std::uint64_t const total = small.totalBytes;
+  w.title = "read every entry of a " + withCommas(count) + "-entry archive of small entries deflated at level " +
+            std::to_string(kSmallLevel) + " (" + formatBytes(static_cast<double>(total)) + ", written by stock minizip)";
+  w.notes.push_back("ziputil: nextFile, openCurrentFileStream, readLax; minizip: unzGoToNextFile, unzOpenCurrentFile, "
+                    "unzReadCurrentFile; libzip: zip_fopen_index, zip_fread; zipfile: infolist, open, read");
+  w.notes.push_back("limit-inflate: per entry inflateReset + inflate + CRC-32 of the compressed bytes in memory");
+  w.itemsPerOp = static_cast<double>(count);
+  w.bytesPerOp = static_cast<double>(total);
+
+  for (auto& site : readSites(path, *bytes)) {
+    if (!ctx.wants(site.name)) continue;
+    auto s = std::make_shared<ZiputilSite>(site);
+    w.impls.push_back(inProcess(site.name, [s, total](long) {
+      auto reader = tal::newObj<ziputil::CZipReader>(s->fs.get(), s->archive, tal::String());
+      static char buffer[kChunk];
+      std::uint64_t read = 0;
+      while (reader->nextFile()) {
+        auto in = reader->openCurrentFileStream();
+        while (int n = in->readLax(buffer, static_cast<int>(kChunk))) read += static_cast<std::uint64_t>(n);
+        in->close();
+      }
+      reader->close();
+      expect(read == total, "short read");
+    }));
+  }
+  if (ctx.wants("minizip"))
+    w.impls.push_back(inProcess("minizip", [path, total](long) {
+      UnzHandle unz = openUnz(path);
+      static char buffer[kChunk];
+      std::uint64_t read = 0;
+      for (int r = unzGoToFirstFile(unz.get()); r == UNZ_OK; r = unzGoToNextFile(unz.get())) {
+        expect(unzOpenCurrentFile(unz.get()) == UNZ_OK, "minizip cannot open an entry");
+        int n;
+        while ((n = unzReadCurrentFile(unz.get(), buffer, kChunk)) > 0) read += static_cast<std::uint64_t>(n);
+        expect(n == 0 && unzCloseCurrentFile(unz.get()) == UNZ_OK, "minizip read failed");
+      }
+      expect(read == total, "short read");
+    }));
+#if ZIPUTIL_BENCH_LIBZIP
+  if (ctx.wants("libzip"))
+    w.impls.push_back(inProcess("libzip", [path, total](long) {
+      expect(libzip::readAll(path) == total, "libzip: short read");
+    }));
+#endif
+  if (wantPython(ctx))
+    w.impls.push_back(pythonImpl(ctx, "\"op\":\"readall\",\"archive\":" + jsonString(path) + ",\"size\":" +
+                                          std::to_string(total)));
+  if (ctx.wants("limit-inflate")) {
+    // Every entry's compressed bytes, found once: the central headers lead to the local ones.
+    auto pieces = std::make_shared<std::vector<std::pair<std::string, CentralEntry>>>();
+    CentralDirectory cd;
+    auto const* file = reinterpret_cast<unsigned char const*>(bytes->data());
+    expect(findCentralDirectory(file, bytes->size(), cd), "no central directory");
+    walkCentralDirectory(cd, [&](CentralEntry const& e) {
+      unsigned char const* local = file + e.localHeaderOffset;
+      std::size_t const start = e.localHeaderOffset + 30 + le16(local + 26) + le16(local + 28);
+      pieces->emplace_back(bytes->substr(start, e.compressedSize), e);
+      return true;
+    });
+    w.impls.push_back(inProcess("limit-inflate", [pieces, total](long) {
+      z_stream z = {};
+      expect(inflateInit2(&z, -MAX_WBITS) == Z_OK, "inflateInit2 failed");
+      std::uint64_t read = 0;
+      for (auto const& [compressed, entry] : *pieces) {
+        inflateReset(&z);
+        read += inflateEntry(z, compressed, entry);
+      }
+      inflateEnd(&z);
+      expect(read == total, "short inflate");
+    }));
   }
   return w;
 }
@@ -884,6 +994,7 @@ std::vector<WorkloadInfo> allWorkloads() {
       {"write1", "write one 128 MiB entry at level 1 (MB/s)", [](Context& c) { return makeWrite(c, 1); }},
       {"write6", "write one 128 MiB entry at level 6 (MB/s)", [](Context& c) { return makeWrite(c, 6); }},
       {"small", "write 10,000 small entries at level 6", makeSmall},
+      {"readmany", "read every entry of a 10,000-entry archive of small entries", makeReadMany},
       {"add", "`ziputil add` of a folder of 10,000 files against `zip -r`", makeAdd},
   };
 }

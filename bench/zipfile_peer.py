@@ -85,18 +85,33 @@ def walk(c):
     return work
 
 
+def read_entry(zf, member):
+    """Reads one entry in 64 KiB pieces; returns its size."""
+    total = 0
+    with zf.open(member) as f:
+        while True:
+            chunk = f.read(65536)
+            if not chunk:
+                return total
+            total += len(chunk)
+
+
 def read(c):
     path, name, size = c["archive"], c["name"], c["size"]
 
     def work():
-        total = 0
         with zipfile.ZipFile(path) as zf:
-            with zf.open(name) as f:
-                while True:
-                    chunk = f.read(65536)
-                    if not chunk:
-                        break
-                    total += len(chunk)
+            total = read_entry(zf, name)
+        check(total == size, "read %d bytes of %d" % (total, size))
+    return work
+
+
+def read_all(c):
+    path, size = c["archive"], c["size"]
+
+    def work():
+        with zipfile.ZipFile(path) as zf:
+            total = sum(read_entry(zf, info) for info in zf.infolist())
         check(total == size, "read %d bytes of %d" % (total, size))
     return work
 
@@ -124,8 +139,8 @@ def write_small(c):
     return work
 
 
-COMMANDS = {"find": find, "open": open_and_find, "walk": walk, "read": read, "write": write,
-            "small": write_small}
+COMMANDS = {"find": find, "open": open_and_find, "walk": walk, "read": read, "readall": read_all,
+            "write": write, "small": write_small}
 
 
 def main():
