@@ -15,11 +15,14 @@ namespace tal {
 /// create a missing file (mode 0666 less the umask); an existing file is kept
 /// as it is. A folder cannot be opened (OpenFailed).
 ///
-/// Streams are buffered: reads fill a 64 KiB buffer, and a seek only moves the
-/// position, so a seek that stays inside the buffer keeps it and a seek to the
-/// current position makes no system call. Writes collect until flush(),
-/// createWriteBarrier(), close(), a read, a write elsewhere or setLength();
-/// getLength() counts the collected bytes. seek() accepts any position: past
+/// Streams are buffered: reads fill one of two 64 KiB buffers (the one used
+/// less recently, so reads going back and forth between two parts of a file
+/// keep both), and a seek only moves the position, so a seek that stays inside
+/// a buffer keeps it and a seek to the current position makes no system call.
+/// Writes collect in a 64 KiB buffer (a write going back into the collected
+/// bytes changes them there) until flush(), createWriteBarrier(), close(), a
+/// read, a write that neither starts inside nor right after them or does not
+/// fit, or setLength(); getLength() counts the collected bytes. seek() accepts any position: past
 /// the end reads give nothing and writes extend the file with zeros; a negative
 /// position (read as an offset of 2^63 and more) reads as past the end and
 /// fails writes with WriteFailed. Range locks are not supported (lockRange

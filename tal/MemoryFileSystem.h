@@ -14,10 +14,11 @@ namespace tal {
 /// equal ("mem:/a/./b" and "MEM:/a/b" are one file). Streams write directly to
 /// the file's bytes, so what one stream writes the others see at once: a read
 /// that starts after another stream's write has returned gets the written
-/// bytes. Reads of less than 64 KiB are served from a 64 KiB read buffer of the
-/// stream's own, filled from the position read, and only while the file has not
-/// changed since it was filled (each file counts its changes; the check takes
-/// no lock), so many small reads cost one copy under the file's lock. Safe under
+/// bytes. Reads of less than 64 KiB are served from one of two 64 KiB read
+/// buffers of the stream's own (the one used less recently is refilled, from
+/// the position read), and only while the file has not changed since it was
+/// filled (each file counts its changes; the check takes no lock), so many
+/// small reads cost one copy under the file's lock. Safe under
 /// concurrent use: the file table and each file's bytes have their own locks
 /// (one thread at a time per stream).
 ///
