@@ -180,6 +180,8 @@ struct ParallelRun {
   std::condition_variable written; ///< the calling thread waits here for the entry `waitingFor`
   std::condition_variable roomFreed; ///< workers wait here for room
   std::atomic<std::size_t> nextToTake{0};
+  std::atomic<std::size_t> entriesSeen{0}, bytesSeen{0};
+  std::size_t workers = 1;
   std::atomic<bool> stop{false};
   std::size_t firstUnsettled = 0;
   std::size_t waitingFor = kNone;
@@ -188,11 +190,30 @@ struct ParallelRun {
 
   tal::CURI entryURI(std::size_t index) const { return archiveURI << sources[index].relativeURIInArchive; }
 
-  /// The next entry for a worker, or kNone.
-  std::size_t claim() {
+  /// The next entries for a worker, [first, end): about kGroupInput bytes by the lengths seen so far, fewer towards
+  /// the end of the list so that the workers finish together; kNone when none are left.
+  std::size_t claim(std::size_t& end) {
     if (stop.load(std::memory_order_relaxed)) return kNone;
-    std::size_t const index = nextToTake.fetch_add(1);
-    return index < sources.size() ? index : kNone;
+    std::size_t const seen = entriesSeen.load(std::memory_order_relaxed);
+    std::size_t const bytes = bytesSeen.load(std::memory_order_relaxed);
+    std::size_t want = seen ? kGroupInput / std::max<std::size_t>(bytes / seen, 1) : 4;
+    want = std::max<std::size_t>(1, std::min(want, kGroupEntries));
+    std::size_t first = nextToTake.load(std::memory_order_relaxed);
+    for (;;) {
+      if (first >= sources.size()) return kNone;
+      std::size_t const left = sources.size() - first;
+      std::size_t const count = std::max<std::size_t>(1, std::min(want, left / (2 * workers)));
+      if (nextToTake.compare_exchange_weak(first, first + count, std::memory_order_relaxed)) {
+        end = first + count;
+        return first;
+      }
+    }
+  }
+
+  /// A source of `length` bytes was opened.
+  void seen(long long length) {
+    entriesSeen.fetch_add(1, std::memory_order_relaxed);
+    bytesSeen.fetch_add(static_cast<std::size_t>(length), std::memory_order_relaxed);
   }
 
   /// Marks `members` settled; the lock is held.
@@ -206,10 +227,11 @@ struct ParallelRun {
   /// The group `members` takes `need` bytes of room; false when stopped.
   ///
   /// Any group may take room while what is held stays within the limit less entryLimit; the group holding the
-  /// first entry without room may take it up to the limit itself. Entries before that one all hold room (or need
-  /// none), so they are all written in time and give their room back; then what is held, all taken by the first
-  /// rule, leaves room for the group (need is at most entryLimit). So the entry the calling thread waits for always
-  /// comes, whatever order the workers take room in.
+  /// first entry without room may take it up to the limit itself. A group is a run of entries next to each other
+  /// in the list and is settled at once, so every group that holds room is wholly before that entry or wholly
+  /// after it. Those before it are written in time and give their room back; then what is held, all taken by the
+  /// first rule, leaves room for the group (need is at most entryLimit). So the entry the calling thread waits for
+  /// always comes, whatever order the workers take room in.
   bool takeRoom(std::vector<Member> const& members, std::size_t need) {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
@@ -284,9 +306,16 @@ public:
           carried = Member();
           haveCarried = false;
         } else {
-          std::size_t const index = m_run.claim();
-          if (index == kNone) break;
-          open(index, member);
+          // A group is entries next to each other in the list (see ParallelRun::takeRoom): it ends with the range.
+          if (m_next == m_end) {
+            if (!m_members.empty()) break;
+            m_next = m_run.claim(m_end);
+            if (m_next == kNone) {
+              m_next = m_end = 0;
+              break;
+            }
+          }
+          open(m_next++, member);
         }
         if (member.state != State::Pending) {
           m_members.push_back(std::move(member));
@@ -351,6 +380,7 @@ private:
       }
       member.length = length;
       member.need = need;
+      m_run.seen(length);
     } catch (std::exception& e) {
       fail(member, errorOf(e));
     } catch (...) {
@@ -518,6 +548,7 @@ private:
   }
 
   ParallelRun& m_run;
+  std::size_t m_next = 0, m_end = 0; ///< the entries taken and not yet opened
   CDeflater m_deflater;
   std::unique_ptr<unsigned char[]> m_input; ///< the group's small sources, read ahead; or a piece of the large one
   std::size_t m_staged = 0;
@@ -542,10 +573,14 @@ void ParallelRun::work() {
   // Without its buffers, a worker fails the entries it takes, so that every entry still comes to the calling thread.
   std::vector<Member> member(1);
   std::vector<Slot> failed(1);
-  while ((member[0].index = claim()) != kNone) {
-    failed[0].state = State::Failed;
-    failed[0].error = error;
-    publish(member, failed, 0, nullptr);
+  std::size_t end = 0;
+  for (std::size_t first = claim(end); first != kNone; first = claim(end)) {
+    for (std::size_t index = first; index < end; ++index) {
+      member[0].index = index;
+      failed[0].state = State::Failed;
+      failed[0].error = error;
+      publish(member, failed, 0, nullptr);
+    }
   }
 }
 
@@ -604,7 +639,9 @@ std::size_t CParallelDeflater::addAll(CZipWriter& writer, std::vector<Source> co
   }
   CWorkers workers(run);
   unsigned threads = m_settings.threads ? m_settings.threads : std::thread::hardware_concurrency();
-  workers.start(std::max(1u, std::min<unsigned>(threads, static_cast<unsigned>(std::max<std::size_t>(sources.size(), 1)))));
+  threads = std::max(1u, std::min<unsigned>(threads, static_cast<unsigned>(std::max<std::size_t>(sources.size(), 1))));
+  run.workers = threads;
+  workers.start(threads);
 
   std::size_t written = 0;
   tal::P<tal::IOutStream> out; // the entry being written, abandoned when anything fails

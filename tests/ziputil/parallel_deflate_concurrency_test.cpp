@@ -77,6 +77,52 @@ TEST(ParallelDeflaterConcurrencyTest, ManyWorkersUnderATightLimitWriteTheSequent
   }
 }
 
+/// `count` sources of 0 to 6 KiB of text, every 13th of 30 to 90 KiB (gathered into groups by the workers, or not).
+std::vector<CParallelDeflater::Source> makeSmallSources(tal::CMemoryFileSystem* files, int count) {
+  std::mt19937 random(77);
+  std::vector<CParallelDeflater::Source> sources;
+  for (int i = 0; i < count; ++i) {
+    std::string data;
+    std::size_t const size = i % 13 == 0 ? 30000 + random() % 60000 : random() % 6000;
+    while (data.size() < size) data += "word " + std::to_string(random() % 500) + (random() % 4 ? " " : "\n");
+    data.resize(size);
+    tal::CURI const uri(tal::String::fromUTF8(("mem:/small/" + std::to_string(i)).c_str()));
+    files->setFile(uri, data);
+    CParallelDeflater::Source source;
+    source.relativeURIInArchive = entryURI("s/" + std::to_string(i));
+    source.time = tal::CTimeFields(2023, 7, 1 + i % 28, 10, 20, 30, 0.0, 0, false);
+    if (i % 11 == 0) {
+      source.options.method = CZipWriter::EntryOptions::Deflated;
+      source.options.level = i % 10;
+    }
+    tal::P<tal::IFileSystem> keep(files);
+    source.open = [keep, uri] {
+      return tal::P<tal::IInStream>(keep->openStream(uri, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags));
+    };
+    sources.push_back(source);
+  }
+  return sources;
+}
+
+TEST(ParallelDeflaterConcurrencyTest, GroupsOfSmallEntriesUnderATightLimitWriteTheSequentialArchive) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  std::vector<CParallelDeflater::Source> const sources = makeSmallSources(memory.get(), 1500);
+  std::string const expected = sequentialArchive(memory.get(), sources);
+  for (std::size_t limit : {std::size_t(20000), std::size_t(70000), std::size_t(250000), std::size_t(64) << 20}) {
+    for (unsigned threads : {2u, 5u}) {
+      SCOPED_TRACE(std::to_string(limit) + " bytes, " + std::to_string(threads) + " threads");
+      tal::CURI const uri(tal::String("mem:/parallel.zip"));
+      auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+      CParallelDeflater::Settings settings;
+      settings.threads = threads;
+      settings.maxBytesHeld = limit;
+      EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), sources.size());
+      writer->close();
+      EXPECT_TRUE(memory->getFile(uri) == expected);
+    }
+  }
+}
+
 TEST(ParallelDeflaterConcurrencyTest, AFailureStopsEveryWorkerAndLeavesTheArchive) {
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
   tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());

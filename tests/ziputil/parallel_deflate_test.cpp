@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <set>
 
@@ -422,6 +423,195 @@ TEST(ParallelDeflaterTest, WhatBeginAddFileRefusesIsRefusedBeforeAnythingIsWritt
   testsupport::expectIOError([&] { CParallelDeflater().addAll(*writer, sources); }, tal::CIOError::StreamClosed,
                              "ZIP file already closed", uri);
   EXPECT_EQ(testsupport::parseArchive(memory->getFile(uri)).size(), 2u);
+}
+
+/// Many small entries (gathered by the workers into groups), sizes around the read-ahead size (kChunkSize) and
+/// around a group's input, every level from -1 to 9 and both methods in one list.
+std::vector<Input> smallInputs(int count, unsigned seed) {
+  std::vector<Input> inputs;
+  std::mt19937 random(seed);
+  std::size_t const chunk = CParallelDeflater::kChunkSize;
+  std::size_t const edges[] = {0, 1, chunk - 1, chunk, chunk + 1, 4 * chunk - 1, 4 * chunk, 4 * chunk + 1};
+  for (int i = 0; i < count; ++i) {
+    std::size_t size = random() % 9000;
+    if (i % 17 == 0) size = edges[(i / 17) % 8];
+    if (i % 29 == 0) size = 30000 + random() % 40000;
+    CZipWriter::EntryOptions options;
+    if (i % 5 == 0) {
+      options.method = CZipWriter::EntryOptions::Deflated;
+      options.level = static_cast<int>(i / 5 % 11) - 1;
+    } else if (i % 23 == 0) {
+      options.method = CZipWriter::EntryOptions::Stored;
+    }
+    bool const text = i % 7 != 3;
+    inputs.push_back({"small/" + std::to_string(i) + (text ? ".txt" : ".bin"),
+                      text ? mixedText(size, seed + static_cast<unsigned>(i)) : noise(size, static_cast<unsigned>(i)),
+                      options});
+  }
+  return inputs;
+}
+
+/// The archive of `sources` made by a sequential add (parallel false) or by addAll with `settings`.
+std::string archiveOf(tal::CMemoryFileSystem* memory, std::vector<CParallelDeflater::Source> const& sources,
+                      int level, bool parallel, CParallelDeflater::Settings const& settings = {}) {
+  tal::CURI const uri(tal::String(parallel ? "mem:/parallel.zip" : "mem:/sequential.zip"));
+  ziputil::createEmptyArchive(memory, uri);
+  auto writer = tal::newObj<CZipWriter>(memory, uri, tal::String(), static_cast<CZipWriter::CompLevel>(level),
+                                        CZipWriter::Options());
+  if (parallel)
+    EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), sources.size());
+  else
+    addSequentially(*writer, sources);
+  writer->close();
+  return memory->getFile(uri);
+}
+
+class ParallelDeflaterGroupTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(ParallelDeflaterGroupTest, ManySmallEntriesMakeTheSequentialArchiveAtEveryLevel) {
+  int const level = GetParam();
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  std::vector<Input> inputs = smallInputs(300, static_cast<unsigned>(level + 100));
+  for (Input& input : inputs)
+    if (input.options.method == CZipWriter::EntryOptions::Deflated) input.options.level = level; // this level only
+  std::vector<CParallelDeflater::Source> const sources = sourcesFor(inputs, memory.get(), memory.get());
+  std::string const expected = archiveOf(memory.get(), sources, level, false);
+  for (unsigned threads : {1u, 2u, 7u}) {
+    for (std::size_t limit : {std::size_t(64) << 20, std::size_t(120000)}) {
+      SCOPED_TRACE(std::to_string(threads) + " threads, limit " + std::to_string(limit));
+      CParallelDeflater::Settings settings;
+      settings.threads = threads;
+      settings.maxBytesHeld = limit;
+      EXPECT_TRUE(archiveOf(memory.get(), sources, level, true, settings) == expected) << "the archives differ";
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, ParallelDeflaterGroupTest, ::testing::Range(-1, 10),
+                         [](::testing::TestParamInfo<int> const& info) {
+                           return "Level" + std::to_string(info.param + 1);
+                         });
+
+TEST(ParallelDeflaterTest, MixedLevelsAndMethodsInOneListMakeTheSequentialArchive) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  std::vector<CParallelDeflater::Source> const sources = sourcesFor(smallInputs(600, 7), memory.get(), memory.get());
+  std::string const expected = archiveOf(memory.get(), sources, 6, false);
+  for (unsigned threads : {1u, 3u}) {
+    for (std::size_t limit : {std::size_t(64) << 20, std::size_t(1) << 20, std::size_t(40000)}) {
+      SCOPED_TRACE(std::to_string(threads) + " threads, limit " + std::to_string(limit));
+      CParallelDeflater::Settings settings;
+      settings.threads = threads;
+      settings.maxBytesHeld = limit;
+      EXPECT_TRUE(archiveOf(memory.get(), sources, 6, true, settings) == expected) << "the archives differ";
+    }
+  }
+}
+
+/// The bytes `data`, with a length that may be less than they are.
+class CLyingStream : public tal::CBase, public virtual tal::IInStream {
+public:
+  CLyingStream(std::string data, long long length) : m_data(std::move(data)), m_length(length) {}
+  void read(void* buffer, int size) override {
+    if (readLax(buffer, size) != size)
+      throw tal::CIOError(tal::CIOError::UnexpectedEnd, tal::String(), tal::CProps(), nullptr);
+  }
+  int readLax(void* buffer, int size) override {
+    std::size_t const n = std::min(m_data.size() - m_position, static_cast<std::size_t>(std::max(size, 0)));
+    std::memcpy(buffer, m_data.data() + m_position, n);
+    m_position += n;
+    return static_cast<int>(n);
+  }
+  int readAvailable(void* buffer, int size) override { return readLax(buffer, size); }
+  bool waitReadable(int) const override { return true; }
+  bool isEndOfStream() const override { return m_position >= m_data.size(); }
+  int isEndOfStream_NonBlocking() const override { return isEndOfStream() ? 1 : 0; }
+  long long getLength() const override { return m_length; }
+  long long getPosition() const override { return static_cast<long long>(m_position); }
+  tal::CURI getURI() const override { return tal::CURI(); }
+  void seek(long long) override { throw tal::CIOError(tal::CIOError::SeekFailed, tal::String(), tal::CProps(), nullptr); }
+  tal::P<tal::IRangeLock> lockRange(long long, long long, LockType) override { return nullptr; }
+  void close() override {}
+
+private:
+  std::string m_data;
+  long long m_length;
+  std::size_t m_position = 0;
+};
+
+TEST(ParallelDeflaterTest, SourcesLongerThanTheirLengthAreCompressedByTheCallingThread) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  std::vector<CParallelDeflater::Source> sources = sourcesFor(smallInputs(80, 3), memory.get(), memory.get());
+  // Some grow after their length was taken: small ones read ahead in a group, and a large one.
+  std::size_t const chunk = CParallelDeflater::kChunkSize;
+  std::vector<std::pair<std::size_t, std::string>> const grown{
+      {5, mixedText(3000, 1)}, {6, mixedText(chunk + 10, 2)}, {40, mixedText(300000, 3)}, {79, mixedText(100, 4)}};
+  for (auto const& [index, data] : grown) {
+    long long const length = static_cast<long long>(data.size() > chunk ? data.size() - 5000 : data.size() / 2);
+    sources[index].open = [data = data, length] { return tal::P<tal::IInStream>(tal::newObj<CLyingStream>(data, length)); };
+  }
+  std::string const expected = archiveOf(memory.get(), sources, 6, false);
+  for (unsigned threads : {1u, 4u}) {
+    CParallelDeflater::Settings settings;
+    settings.threads = threads;
+    EXPECT_TRUE(archiveOf(memory.get(), sources, 6, true, settings) == expected) << threads << " threads";
+  }
+}
+
+TEST(ParallelDeflaterTest, FailedSmallSourcesInAGroupAreSkippedInTheListsOrder) {
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
+  std::vector<Input> const inputs = smallInputs(200, 11);
+  std::vector<CParallelDeflater::Source> sources = sourcesFor(inputs, memory.get(), memory.get());
+  std::set<std::size_t> const failing{0, 3, 4, 57, 58, 120, 199};
+  for (std::size_t index : failing) {
+    if (index % 2) {
+      sources[index].open = [index]() -> tal::P<tal::IInStream> {
+        throw tal::CIOError(tal::CIOError::OpenFailed, tal::String::fromUTF8(("refused " + std::to_string(index)).c_str()),
+                            tal::CProps(), nullptr);
+      };
+    } else {
+      std::string const data = inputs[index].data;
+      sources[index].open = [data]() -> tal::P<tal::IInStream> {
+        // Opens, then fails on its first read.
+        struct CFailing : CLyingStream {
+          using CLyingStream::CLyingStream;
+          int readLax(void*, int) override { throw std::runtime_error("read failed"); }
+        };
+        return tal::newObj<CFailing>(data, static_cast<long long>(data.size()));
+      };
+    }
+  }
+  std::vector<CParallelDeflater::Source> kept;
+  for (std::size_t i = 0; i < sources.size(); ++i)
+    if (!failing.count(i)) kept.push_back(sources[i]);
+  std::string const expected = archiveOf(memory.get(), kept, 6, false);
+  for (unsigned threads : {1u, 2u, 5u}) {
+    SCOPED_TRACE(std::to_string(threads) + " threads");
+    std::vector<std::size_t> asked;
+    CParallelDeflater::Settings settings;
+    settings.threads = threads;
+    settings.skipFailedSource = [&](std::size_t index, tal::CError const&) {
+      asked.push_back(index);
+      return true;
+    };
+    tal::CURI const uri(tal::String("mem:/skipped.zip"));
+    auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+    EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), kept.size());
+    writer->close();
+    EXPECT_TRUE(memory->getFile(uri) == expected);
+    EXPECT_EQ(asked, std::vector<std::size_t>(failing.begin(), failing.end()));
+    // Not skipped: the first failure in the list's order is thrown.
+    settings.skipFailedSource = nullptr;
+    auto failed = testsupport::newArchiveWriter(memory.get(), uri);
+    std::string const before = memory->getFile(uri);
+    try {
+      CParallelDeflater(settings).addAll(*failed, sources);
+      ADD_FAILURE() << "no error";
+    } catch (tal::CError const& e) {
+      EXPECT_NE(std::string(e.what()).find("read failed"), std::string::npos) << e.what(); // entry 0's
+    }
+    EXPECT_TRUE(memory->getFile(uri) == before);
+  }
 }
 
 } // namespace
