@@ -24,22 +24,36 @@ namespace ziputil {
 /// the source's bytes in the pieces its readLax returns for requests of
 /// kChunkSize bytes.
 ///
-/// How: each worker takes the next entry in order, opens its source, reads
-/// it whole and compresses it into memory (the CRC-32 alongside); the calling
-/// thread writes the finished entries in order with the writer's raw mode
+/// How: each worker takes the next few entries of the list (as many as make
+/// about 256 KiB by the lengths seen so far, fewer towards the end), opens
+/// their sources in order and compresses them into memory (the CRC-32
+/// alongside). A source of at most kChunkSize bytes is read whole as soon as
+/// it is opened and closed; such sources, up to 256 KiB of them (and up to
+/// 128 entries), make one group, compressed one after another into one
+/// buffer and handed to the calling thread at once; a longer source is a
+/// group of its own, read piece by piece. The calling thread writes the
+/// finished entries in order with the writer's raw mode
 /// (zipOpenNewFileInZip4_64 with raw 1, zipCloseFileInZipRaw64), with the
-/// writer's password when it has one. Entries too large for memory are
-/// compressed by the calling thread itself, through beginAddFile, while the
-/// workers go on with the following entries.
+/// writer's password when it has one, and sleeps only while the entry it is
+/// to write next is not done. Entries too large for memory are compressed by
+/// the calling thread itself, through beginAddFile, while the workers go on
+/// with the following entries.
 ///
 /// Memory: compressed data held at once stays within Settings::maxBytesHeld.
 /// An entry is compressed in memory when zlib's bound for its compressed
 /// size (deflateBound; its size for a stored entry) is at most a quarter of
-/// that limit; the room is taken, in the list's order, before it is
-/// compressed, and given back as it is written. Besides, each worker holds a
-/// kChunkSize input buffer and zlib's deflate state (about 270 KiB at memLevel
-/// 8). A source whose length cannot be known (getLength throws) or that turns
-/// out longer than its length is opened a second time, by the calling thread.
+/// that limit. A group takes room for the sum of its entries' bounds (at most
+/// that quarter) before it is compressed, keeps what its compressed bytes
+/// take, and gives that back once its last entry is written. Groups take room
+/// in any order while a quarter of the limit stays free; that quarter is for
+/// the group holding the first entry of the list without room, so the entry
+/// the calling thread waits for always gets it. Besides, each worker holds
+/// 320 KiB of input (the small sources of its group, or a kChunkSize piece of
+/// a longer one), a 64 KiB output buffer and zlib's deflate state (about
+/// 270 KiB at memLevel 8), all kept from entry to entry, and at most one
+/// source open ahead of its group. A source whose length cannot be known
+/// (getLength throws) or that turns out longer than its length is opened a
+/// second time, by the calling thread.
 ///
 /// Not counted and not shared: one object per call site, used by one thread.
 class CParallelDeflater {
