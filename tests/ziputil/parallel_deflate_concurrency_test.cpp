@@ -106,7 +106,7 @@ std::vector<CParallelDeflater::Source> makeSmallSources(tal::CMemoryFileSystem* 
 
 TEST(ParallelDeflaterConcurrencyTest, GroupsOfSmallEntriesUnderATightLimitWriteTheSequentialArchive) {
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
-  std::vector<CParallelDeflater::Source> const sources = makeSmallSources(memory.get(), 1500);
+  std::vector<CParallelDeflater::Source> const sources = makeSmallSources(memory.get(), 1000);
   std::string const expected = sequentialArchive(memory.get(), sources);
   for (std::size_t limit : {std::size_t(20000), std::size_t(70000), std::size_t(250000), std::size_t(64) << 20}) {
     for (unsigned threads : {2u, 5u}) {
