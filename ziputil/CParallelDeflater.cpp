@@ -152,7 +152,7 @@ struct Member {
   std::size_t need = 0;         ///< room taken for it: zlib's bound, or its length when stored
   tal::P<tal::IInStream> in;    ///< open while it is to be read piece by piece (the group's only such entry)
   std::size_t staged = 0;       ///< its bytes in the worker's input, when read ahead
-  std::size_t firstRead = 0;    ///< and the lengths readLax returned, from this one in Worker::reads
+  std::size_t firstRead = 0;    ///< and the lengths readLax returned, from this one in CWorker::m_reads
   std::size_t reads = 0;
   tal::P<tal::CError> error;
 };
