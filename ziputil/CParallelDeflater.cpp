@@ -480,7 +480,8 @@ private:
       ++ready;
     }
     if (ready) {
-      if (piece->data.capacity() > piece->data.size()) piece->data.shrink_to_fit();
+      // A copy only when it gives back much: a small group keeps its room until it is written.
+      if (piece->data.capacity() - piece->data.size() > kGroupInput) piece->data.shrink_to_fit();
       piece->room = piece->data.capacity();
       piece->left = ready;
     }

@@ -43,8 +43,9 @@ namespace ziputil {
 /// An entry is compressed in memory when zlib's bound for its compressed
 /// size (deflateBound; its size for a stored entry) is at most a quarter of
 /// that limit. A group takes room for the sum of its entries' bounds (at most
-/// that quarter) before it is compressed, keeps what its compressed bytes
-/// take, and gives that back once its last entry is written. Groups take room
+/// that quarter) before it is compressed, keeps it (or, when that leaves more
+/// than 256 KiB unused, what its compressed bytes take) and gives it back once
+/// its last entry is written. Groups take room
 /// in any order while a quarter of the limit stays free; that quarter is for
 /// the group holding the first entry of the list without room, so the entry
 /// the calling thread waits for always gets it. Besides, each worker holds
