@@ -58,21 +58,28 @@ std::string sequentialArchive(tal::CMemoryFileSystem* memory, std::vector<CParal
   return memory->getFile(uri);
 }
 
+/// Adds `sources` with `threads` workers holding at most `limit` bytes into a new archive in `memory`; expects
+/// the archive to be `expected`, byte for byte.
+void expectTheSequentialArchive(tal::CMemoryFileSystem* memory, std::vector<CParallelDeflater::Source> const& sources,
+                                std::string const& expected, std::size_t limit, unsigned threads) {
+  SCOPED_TRACE(std::to_string(limit) + " bytes, " + std::to_string(threads) + " threads");
+  tal::CURI const uri(tal::String("mem:/parallel.zip"));
+  auto writer = testsupport::newArchiveWriter(memory, uri);
+  CParallelDeflater::Settings settings;
+  settings.threads = threads;
+  settings.maxBytesHeld = limit;
+  EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), sources.size());
+  writer->close();
+  EXPECT_TRUE(memory->getFile(uri) == expected);
+}
+
 TEST(ParallelDeflaterConcurrencyTest, ManyWorkersUnderATightLimitWriteTheSequentialArchive) {
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
   std::vector<CParallelDeflater::Source> const sources = makeSources(memory.get(), memory.get(), 150);
   std::string const expected = sequentialArchive(memory.get(), sources);
   for (std::size_t limit : {std::size_t(200000), std::size_t(600000), std::size_t(64) << 20}) {
     for (unsigned threads : {2u, 6u}) {
-      SCOPED_TRACE(std::to_string(limit) + " bytes, " + std::to_string(threads) + " threads");
-      tal::CURI const uri(tal::String("mem:/parallel.zip"));
-      auto writer = testsupport::newArchiveWriter(memory.get(), uri);
-      CParallelDeflater::Settings settings;
-      settings.threads = threads;
-      settings.maxBytesHeld = limit;
-      EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), sources.size());
-      writer->close();
-      EXPECT_TRUE(memory->getFile(uri) == expected);
+      expectTheSequentialArchive(memory.get(), sources, expected, limit, threads);
     }
   }
 }
@@ -110,15 +117,7 @@ TEST(ParallelDeflaterConcurrencyTest, GroupsOfSmallEntriesUnderATightLimitWriteT
   std::string const expected = sequentialArchive(memory.get(), sources);
   for (std::size_t limit : {std::size_t(20000), std::size_t(70000), std::size_t(250000), std::size_t(64) << 20}) {
     for (unsigned threads : {2u, 5u}) {
-      SCOPED_TRACE(std::to_string(limit) + " bytes, " + std::to_string(threads) + " threads");
-      tal::CURI const uri(tal::String("mem:/parallel.zip"));
-      auto writer = testsupport::newArchiveWriter(memory.get(), uri);
-      CParallelDeflater::Settings settings;
-      settings.threads = threads;
-      settings.maxBytesHeld = limit;
-      EXPECT_EQ(CParallelDeflater(settings).addAll(*writer, sources), sources.size());
-      writer->close();
-      EXPECT_TRUE(memory->getFile(uri) == expected);
+      expectTheSequentialArchive(memory.get(), sources, expected, limit, threads);
     }
   }
 }
