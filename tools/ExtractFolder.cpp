@@ -32,6 +32,8 @@ public:
   CFd(CFd const&) = delete;
   CFd& operator=(CFd const&) = delete;
   int get() const { return m_fd; }
+  /// Gives the descriptor up without closing it.
+  void release() { m_fd = -1; }
   /// Closes now; the close's errno, or 0.
   int close() {
     int const fd = m_fd;
@@ -200,17 +202,25 @@ std::string CExtractFolder::checkTarget(int folder, std::string const& leaf, std
   return std::string();
 }
 
+int CExtractFolder::openTarget(std::vector<std::string> const& segments, bool allowLink, std::string& path,
+                               bool& replacing, std::string& refusal) {
+  CFd folder(openFolders(segments, segments.size() - 1, refusal));
+  if (folder.get() < 0) return -1;
+  path = localPath(segments, segments.size());
+  refusal = checkTarget(folder.get(), segments.back(), path, allowLink, replacing);
+  if (!refusal.empty()) return -1;
+  int const fd = folder.get();
+  folder.release();
+  return fd;
+}
+
 std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, Metadata const& metadata,
                                       std::function<void(Sink const&)> const& fill) {
-  std::string refusal;
-  CFd folder(openFolders(segments, segments.size() - 1, refusal));
+  std::string refusal, path;
+  bool replacing = false;
+  CFd folder(openTarget(segments, false, path, replacing, refusal));
   if (folder.get() < 0) return refusal;
   std::string const& leaf = segments.back();
-  std::string const path = localPath(segments, segments.size());
-
-  bool replacing = false;
-  refusal = checkTarget(folder.get(), leaf, path, false, replacing);
-  if (!refusal.empty()) return refusal;
 
   std::string temporary;
   CFd file(createTemporary(folder.get(), temporary));
@@ -271,13 +281,11 @@ std::string CExtractFolder::writeLink(std::vector<std::string> const& segments, 
                                       Metadata const& metadata) {
   std::string refusal = linkTargetRefusal(segments, target);
   if (!refusal.empty()) return refusal;
-  CFd folder(openFolders(segments, segments.size() - 1, refusal));
+  std::string path;
+  bool replacing = false;
+  CFd folder(openTarget(segments, true, path, replacing, refusal));
   if (folder.get() < 0) return refusal;
   std::string const& leaf = segments.back();
-  std::string const path = localPath(segments, segments.size());
-  bool replacing = false;
-  refusal = checkTarget(folder.get(), leaf, path, true, replacing);
-  if (!refusal.empty()) return refusal;
 
   std::string temporary;
   for (int attempt = 0;; ++attempt) {

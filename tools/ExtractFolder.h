@@ -107,6 +107,11 @@ private:
   /// replaced or does not exist (`replacing` set accordingly), else a refusal.
   std::string checkTarget(int folder, std::string const& leaf, std::string const& path, bool allowLink,
                           bool& replacing);
+  /// Opens the folder of the target segments.back() (openFolders) and checks
+  /// the target there (checkTarget): the folder's descriptor, with `path` the
+  /// target's local path, or -1 with `refusal` set.
+  int openTarget(std::vector<std::string> const& segments, bool allowLink, std::string& path, bool& replacing,
+                 std::string& refusal);
 
   struct PendingFolder {
     std::vector<std::string> segments;

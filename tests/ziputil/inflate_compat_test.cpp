@@ -213,31 +213,28 @@ void put32(std::string& s, unsigned long v) {
 
 // One deflated entry "e" holding `compressed`, declared with `size` and `crc`.
 std::string archiveWith(std::string const& compressed, unsigned long size, unsigned long crc) {
+  // The fields both headers share, from the flags to the extra field's length.
+  auto putShared = [&](std::string& zip) {
+    put16(zip, 0);
+    put16(zip, 8);
+    put32(zip, 0x4f9f0000);
+    put32(zip, crc);
+    put32(zip, static_cast<unsigned long>(compressed.size()));
+    put32(zip, size);
+    put16(zip, 1);
+    put16(zip, 0);
+  };
   std::string zip;
   put32(zip, 0x04034b50);
   put16(zip, 20);
-  put16(zip, 0);
-  put16(zip, 8);
-  put32(zip, 0x4f9f0000);
-  put32(zip, crc);
-  put32(zip, static_cast<unsigned long>(compressed.size()));
-  put32(zip, size);
-  put16(zip, 1);
-  put16(zip, 0);
+  putShared(zip);
   zip += "e";
   zip += compressed;
   std::size_t central = zip.size();
   put32(zip, 0x02014b50);
   put16(zip, 20);
   put16(zip, 20);
-  put16(zip, 0);
-  put16(zip, 8);
-  put32(zip, 0x4f9f0000);
-  put32(zip, crc);
-  put32(zip, static_cast<unsigned long>(compressed.size()));
-  put32(zip, size);
-  put16(zip, 1);
-  put16(zip, 0);
+  putShared(zip);
   put16(zip, 0);
   put16(zip, 0);
   put16(zip, 0);
