@@ -55,9 +55,40 @@ apt_opts=(
 
 echo "fetch-minizip: fetching zlib's source package (suite trixie)" >&2
 apt-get "${apt_opts[@]}" -qq update
-(cd "$work/src" && apt-get "${apt_opts[@]}" -qq source --download-only zlib)
+
+# Every Debian revision of zlib 1.3.1 in the suite shares one upstream tarball,
+# and only that tarball is used. A mirror can list a revision whose files it
+# does not yet (or no longer) serve, so each listed revision is tried, newest
+# first, until one downloads.
+versions=$(apt-cache "${apt_opts[@]}" showsrc zlib | awk '/^Version:/ { print $2 }' \
+  | grep -F 'really1.3.1-' | sort -u -r -V)
+if [ -z "$versions" ]; then
+  echo "fetch-minizip: the suite lists no zlib 1.3.1 source package" >&2
+  exit 1
+fi
+fetched=
+for v in $versions; do
+  rm -rf "$work/src" && mkdir -p "$work/src"
+  if (cd "$work/src" && apt-get "${apt_opts[@]}" -qq source --download-only "zlib=$v"); then
+    fetched=$v
+    break
+  fi
+  echo "fetch-minizip: zlib $v is listed but could not be downloaded; trying an older revision" >&2
+done
+if [ -z "$fetched" ]; then
+  echo "fetch-minizip: no revision of zlib 1.3.1 could be downloaded" >&2
+  exit 1
+fi
 
 orig=$(ls "$work"/src/zlib_*.orig.tar.* | head -n 1)
+# The upstream tarball every 1.3.1 revision is built from; a different one is not
+# the zlib this library was checked against.
+expected=60dd315c07f616887caa029408308a018ace66e3d142726a97db164b3b8f69fb
+actual=$(sha256sum "$orig" | cut -d' ' -f1)
+if [ "$actual" != "$expected" ]; then
+  echo "fetch-minizip: $(basename "$orig") has SHA-256 $actual, expected $expected" >&2
+  exit 1
+fi
 mkdir -p "$work/unpacked"
 tar -xf "$orig" -C "$work/unpacked"
 top=$(ls -d "$work"/unpacked/*/ | head -n 1)
@@ -68,4 +99,4 @@ fi
 mkdir -p "$(dirname "$dest")"
 rm -rf "$dest"
 mv "$top" "$dest"
-echo "fetch-minizip: sources in $dest ($(basename "$orig"))" >&2
+echo "fetch-minizip: sources in $dest ($(basename "$orig"), from zlib $fetched)" >&2
