@@ -345,7 +345,9 @@ Workload makeWalk(Context& ctx) {
                     " unzGoToNextFile; libzip: zip_stat_index; zipfile: infolist");
   w.notes.push_back("limit-parse: find the end record and walk the central directory bytes in memory, copying each "
                     "name into a std::string; limit-read: the same after reading the end records and the directory "
-                    "from the file into a new buffer (open, two preads, close), the least any reader of the file does");
+                    "from the file into a new buffer (open, two preads, close), the least any reader of the file does; "
+                    "limit-stdio: a plain parse of the file, each central header and its name read in turn through "
+                    "stdio (fopen, fread, a new std::string per name)");
   w.calibrate = true;
   w.opName = "walk";
   w.itemsPerOp = static_cast<double>(count);
@@ -439,6 +441,14 @@ Workload makeWalk(Context& ctx) {
         CentralDirectory cd;
         readCentralDirectory(path, buffer, cd);
         listCentralDirectory(cd, name, count);
+      }
+    }));
+  if (ctx.wants("limit-stdio"))
+    w.impls.push_back(inProcess("limit-stdio", [path, count](long n) {
+      for (long i = 0; i < n; ++i) {
+        std::uint64_t total = 0;
+        expect(listCentralDirectoryWithStdio(path, total) == count, "the walk missed entries");
+        keep(total);
       }
     }));
   return w;

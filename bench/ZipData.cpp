@@ -157,16 +157,17 @@ void readAt(int fd, std::uint64_t offset, std::size_t size, std::string& out, st
 
 } // namespace
 
-void readCentralDirectory(std::string const& path, std::string& buffer, CentralDirectory& cd) {
-  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) fail("cannot open " + path);
-  struct Closer {
-    int fd;
-    ~Closer() { ::close(fd); }
-  } const closer{fd};
-  struct stat info;
-  if (::fstat(fd, &info) != 0) fail("cannot stat " + path);
-  auto const size = static_cast<std::uint64_t>(info.st_size);
+namespace {
+
+/// Where the central directory of the open file `fd` (of `size` bytes) lies,
+/// from the end record and, when that points to it, the Zip64 end record.
+struct DirectoryPlace {
+  std::uint64_t offset = 0;
+  std::uint64_t size = 0;
+  std::uint64_t count = 0;
+};
+
+DirectoryPlace findDirectoryPlace(int fd, std::uint64_t size, std::string const& path) {
   // The end record, the Zip64 locator before it and the Zip64 end record before that.
   std::size_t const tailSize = static_cast<std::size_t>(std::min<std::uint64_t>(size, 22 + 65535 + 20 + 56));
   std::uint64_t const tailStart = size - tailSize;
@@ -176,25 +177,85 @@ void readCentralDirectory(std::string const& path, std::string& buffer, CentralD
   for (std::size_t at = tailSize >= 22 ? tailSize - 22 + 1 : 0; at-- > 0;) {
     unsigned char const* e = bytes + at;
     if (le32(e) != 0x06054b50u) continue;
-    std::uint64_t count = le16(e + 10), cdSize = le32(e + 12), cdOffset = le32(e + 16);
-    if ((count == 0xffff || cdSize == 0xffffffffu || cdOffset == 0xffffffffu) && at >= 20 &&
+    DirectoryPlace place;
+    place.count = le16(e + 10);
+    place.size = le32(e + 12);
+    place.offset = le32(e + 16);
+    if ((place.count == 0xffff || place.size == 0xffffffffu || place.offset == 0xffffffffu) && at >= 20 &&
         le32(e - 20) == 0x07064b50u) {
       std::uint64_t const z = le64(e - 20 + 8);
       if (z < tailStart || z - tailStart + 56 > tailSize) fail("the Zip64 end record is not at the end of " + path);
       unsigned char const* z64 = bytes + (z - tailStart);
       if (le32(z64) != 0x06064b50u) fail("no Zip64 end record in " + path);
-      count = le64(z64 + 32);
-      cdSize = le64(z64 + 40);
-      cdOffset = le64(z64 + 48);
+      place.count = le64(z64 + 32);
+      place.size = le64(z64 + 40);
+      place.offset = le64(z64 + 48);
     }
-    if (cdOffset > size || size - cdOffset < cdSize) fail("the central directory lies outside " + path);
-    readAt(fd, cdOffset, static_cast<std::size_t>(cdSize), buffer, path);
-    cd.begin = reinterpret_cast<unsigned char const*>(buffer.data());
-    cd.end = cd.begin + buffer.size();
-    cd.count = count;
-    return;
+    if (place.offset > size || size - place.offset < place.size) fail("the central directory lies outside " + path);
+    return place;
   }
   fail("no end record in " + path);
+}
+
+std::uint64_t fileSize(int fd, std::string const& path) {
+  struct stat info;
+  if (::fstat(fd, &info) != 0) fail("cannot stat " + path);
+  return static_cast<std::uint64_t>(info.st_size);
+}
+
+} // namespace
+
+void readCentralDirectory(std::string const& path, std::string& buffer, CentralDirectory& cd) {
+  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) fail("cannot open " + path);
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } const closer{fd};
+  DirectoryPlace const place = findDirectoryPlace(fd, fileSize(fd, path), path);
+  readAt(fd, place.offset, static_cast<std::size_t>(place.size), buffer, path);
+  cd.begin = reinterpret_cast<unsigned char const*>(buffer.data());
+  cd.end = cd.begin + buffer.size();
+  cd.count = place.count;
+}
+
+std::uint64_t listCentralDirectoryWithStdio(std::string const& path, std::uint64_t& total) {
+  std::FILE* const f = std::fopen(path.c_str(), "rb");
+  if (!f) fail("cannot open " + path);
+  struct Closer {
+    std::FILE* f;
+    ~Closer() { std::fclose(f); }
+  } const closer{f};
+  int const fd = ::fileno(f);
+  DirectoryPlace const place = findDirectoryPlace(fd, fileSize(fd, path), path);
+  if (::fseeko(f, static_cast<off_t>(place.offset), SEEK_SET) != 0) fail("cannot seek in " + path);
+  // The extra field and the comment are read past rather than sought past:
+  // glibc's fseek drops the stream's buffer.
+  std::vector<unsigned char> rest(2 * 65535);
+  unsigned char header[46];
+  std::uint64_t seen = 0;
+  for (; seen < place.count; ++seen) {
+    if (std::fread(header, 1, sizeof header, f) != sizeof header || le32(header) != 0x02014b50u)
+      fail("a malformed central header in " + path);
+    std::size_t const nameLength = le16(header + 28);
+    std::size_t const restLength = static_cast<std::size_t>(le16(header + 30)) + le16(header + 32);
+    std::string name(nameLength, '\0');
+    if (std::fread(&name[0], 1, nameLength, f) != nameLength || std::fread(rest.data(), 1, restLength, f) != restLength)
+      fail("a central header cut short in " + path);
+    std::uint64_t size = le32(header + 24);
+    if (size == 0xffffffffu) {
+      // The Zip64 extra field's first value is the uncompressed size.
+      unsigned char const* extra = rest.data();
+      unsigned char const* const extraEnd = extra + le16(header + 30);
+      for (; extraEnd - extra >= 4; extra += 4 + le16(extra + 2))
+        if (le16(extra) == 1 && le16(extra + 2) >= 8 && extraEnd - extra >= 12) {
+          size = le64(extra + 4);
+          break;
+        }
+    }
+    total += name.size() + size;
+  }
+  return seen;
 }
 
 std::string entryCompressedBytes(std::string const& archive, std::string const& name, CentralEntry& entry) {

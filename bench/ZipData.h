@@ -57,6 +57,13 @@ bool findCentralDirectory(unsigned char const* file, std::size_t size, CentralDi
 /// read or has no end record.
 void readCentralDirectory(std::string const& path, std::string& buffer, CentralDirectory& cd);
 
+/// Lists the central directory of the archive at `path` as a plain reader of
+/// the file does: through stdio, each central header read in turn with its
+/// name (into a new std::string) and what follows it; adds each name's length
+/// and uncompressed size to `total` and returns the number of entries. Throws
+/// std::runtime_error when the file cannot be read or a header is malformed.
+std::uint64_t listCentralDirectoryWithStdio(std::string const& path, std::uint64_t& total);
+
 /// One central header, as the walk sees it.
 struct CentralEntry {
   char const* name;
