@@ -205,7 +205,22 @@ String decode(std::string const& encoded, String const& whole) {
 // ---- dot segments (RFC 3986 section 5.2.4) -----------------------------------
 
 /// RFC 3986 remove_dot_segments, except that a relative path stays relative: "a/../b" gives "b", not "/b".
+/// Whether `path` has a segment "." or "..", the only segments removeDotSegments changes.
+bool hasDotSegment(String const& path) {
+  std::size_t const n = path.length();
+  wxStringCharType const* const p = path.wx_str();
+  for (std::size_t i = 0; i < n; ++i) {
+    if (p[i] != L'.' || (i > 0 && p[i - 1] != L'/')) continue;
+    std::size_t end = i + 1;
+    if (end < n && p[end] == L'.') ++end;
+    if (end == n || p[end] == L'/') return true;
+  }
+  return false;
+}
+
 String removeDotSegments(String const& path) {
+  // Most paths (every entry name that needed no cleaning) have no dot segment; they come out as they went in.
+  if (!hasDotSegment(path)) return path;
   std::size_t const npos = std::wstring::npos;
   std::wstring in = path.ToStdWstring();
   std::wstring out;
