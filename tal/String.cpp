@@ -15,6 +15,16 @@ String::String(char const* text) : CBase() {
 
 String String::fromUTF8(char const* utf8, std::size_t length) {
   if (!utf8 || length == 0) return String();
+  // ASCII (most names and paths): each byte is its code point, without wxWidgets' converter.
+  unsigned char seen = 0;
+  for (std::size_t i = 0; i < length; ++i) seen |= static_cast<unsigned char>(utf8[i]);
+  if (seen < 0x80) {
+    std::wstring wide(length, L'\0');
+    for (std::size_t i = 0; i < length; ++i) wide[i] = static_cast<wchar_t>(utf8[i]);
+    String text;
+    text.wxString::operator=(std::move(wide));
+    return text;
+  }
   return String(wxString::FromUTF8(utf8, length));
 }
 

@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -142,4 +143,24 @@ TEST(StringTest, Utf8EncodingMatchesWxWidgetsAtEveryLengthBoundary) {
   EXPECT_EQ(s.toUTF8(&ok), std::string(expected.data(), expected.length()));
   EXPECT_TRUE(ok);
   EXPECT_EQ(tal::String::fromUTF8(s.toUTF8()), s);
+}
+
+TEST(StringTest, Utf8DecodingMatchesWxWidgetsForAsciiAndTheRest) {
+  // ASCII takes a path of its own: every byte value below 0x80 (NUL among
+  // them, inside and at the ends), at several lengths, and texts where one
+  // byte at 0x80 or above sends the whole text through wxWidgets.
+  std::string all;
+  for (int c = 0; c < 0x80; ++c) all += static_cast<char>(c);
+  std::vector<std::string> texts = {all, std::string(1, '\0'), std::string("a\0b", 3), "x", std::string(300, 'z')};
+  texts.push_back(all + "\xC3\xA9");
+  texts.push_back("\xC3\xA9" + all);
+  texts.push_back("caf\xC3");        // cut short: not UTF-8
+  texts.push_back(std::string("\x80")); // a lone continuation byte
+  for (std::size_t length = 0; length <= all.size(); length += 7) texts.push_back(all.substr(all.size() - length));
+  for (std::string const& text : texts) {
+    wxString const expected = wxString::FromUTF8(text.data(), text.size());
+    tal::String const got = tal::String::fromUTF8(text.data(), text.size());
+    EXPECT_EQ(got.length(), expected.length()) << text.size();
+    EXPECT_TRUE(got.ToStdWstring() == expected.ToStdWstring()) << text.size();
+  }
 }
