@@ -378,7 +378,7 @@ CURI::CURI(String const& scheme, String const& path, TConstOptRef<String> user, 
   m_port = port < 0 ? -1 : port;
   m_hasAuthority = host.isPresent() || m_hasUser || m_hasPassword || m_port >= 0;
   // Beside an authority a path is empty or absolute; "/" is put before any other.
-  m_path = m_hasAuthority && !path.empty() && !path.StartsWith("/") ? String(String("/") + path) : path;
+  m_path = m_hasAuthority && !path.empty() && path[0] != L'/' ? String(String(L"/") + path) : path;
   m_hasQuery = query.isPresent();
   if (m_hasQuery) m_query = query.get();
   m_hasFragment = fragment.isPresent();
@@ -544,10 +544,10 @@ CURI CURI::resolve(CURI const& relative) const {
       target.m_hasQuery = m_hasQuery;
       target.m_query = m_query;
     }
-  } else if (relative.m_path.StartsWith("/")) {
+  } else if (relative.m_path[0] == L'/') { // not empty here
     target.m_path = removeDotSegments(relative.m_path);
   } else if (m_hasAuthority && m_path.empty()) {
-    target.m_path = removeDotSegments(String("/") + relative.m_path);
+    target.m_path = removeDotSegments(String(L"/") + relative.m_path);
   } else {
     int slash = m_path.Find(L'/', true);
     String merged = slash == wxNOT_FOUND ? String() : String(m_path.Left(static_cast<std::size_t>(slash) + 1));
@@ -559,7 +559,8 @@ CURI CURI::resolve(CURI const& relative) const {
 CURI CURI::operator<<(CURI const& relative) const {
   if (relative.m_hasScheme) return resolve(relative);
   CURI container(*this);
-  if (!container.m_path.EndsWith("/") && (!container.m_path.empty() || container.m_hasAuthority))
+  if ((container.m_path.empty() || container.m_path.Last() != L'/') &&
+      (!container.m_path.empty() || container.m_hasAuthority))
     container.m_path += L'/';
   return container.resolve(relative);
 }
