@@ -237,23 +237,15 @@ std::uint64_t listCentralDirectoryWithStdio(std::string const& path, std::uint64
   for (; seen < place.count; ++seen) {
     if (std::fread(header, 1, sizeof header, f) != sizeof header || le32(header) != 0x02014b50u)
       fail("a malformed central header in " + path);
-    std::size_t const nameLength = le16(header + 28);
-    std::size_t const restLength = static_cast<std::size_t>(le16(header + 30)) + le16(header + 32);
-    std::string name(nameLength, '\0');
-    if (std::fread(&name[0], 1, nameLength, f) != nameLength || std::fread(rest.data(), 1, restLength, f) != restLength)
+    CentralEntry e = centralEntryFields(header);
+    std::size_t const extraLength = le16(header + 30);
+    std::size_t const restLength = extraLength + le16(header + 32);
+    std::string name(e.nameLength, '\0');
+    if (std::fread(&name[0], 1, e.nameLength, f) != e.nameLength ||
+        std::fread(rest.data(), 1, restLength, f) != restLength)
       fail("a central header cut short in " + path);
-    std::uint64_t size = le32(header + 24);
-    if (size == 0xffffffffu) {
-      // The Zip64 extra field's first value is the uncompressed size.
-      unsigned char const* extra = rest.data();
-      unsigned char const* const extraEnd = extra + le16(header + 30);
-      for (; extraEnd - extra >= 4; extra += 4 + le16(extra + 2))
-        if (le16(extra) == 1 && le16(extra + 2) >= 8 && extraEnd - extra >= 12) {
-          size = le64(extra + 4);
-          break;
-        }
-    }
-    total += name.size() + size;
+    applyZip64Extra(e, rest.data(), extraLength);
+    total += name.size() + e.uncompressedSize;
   }
   return seen;
 }

@@ -75,6 +75,39 @@ struct CentralEntry {
   std::uint16_t method;
 };
 
+/// The fixed fields of the central header at `p` (46 bytes); the name is not set.
+inline CentralEntry centralEntryFields(unsigned char const* p) {
+  CentralEntry e;
+  e.name = nullptr;
+  e.nameLength = le16(p + 28);
+  e.method = le16(p + 10);
+  e.crc = le32(p + 16);
+  e.compressedSize = le32(p + 20);
+  e.uncompressedSize = le32(p + 24);
+  e.localHeaderOffset = le32(p + 42);
+  return e;
+}
+
+/// Takes the sizes and the offset that the fixed fields leave at 0xffffffff
+/// from the Zip64 extra field among the `length` bytes of extra fields at `x`.
+inline void applyZip64Extra(CentralEntry& e, unsigned char const* x, std::size_t length) {
+  if (e.uncompressedSize != 0xffffffffu && e.compressedSize != 0xffffffffu && e.localHeaderOffset != 0xffffffffu)
+    return;
+  unsigned char const* const xEnd = x + length;
+  while (xEnd - x >= 4) {
+    std::size_t const size = le16(x + 2);
+    if (le16(x) == 0x0001) {
+      unsigned char const* v = x + 4;
+      unsigned char const* const vEnd = v + size;
+      if (e.uncompressedSize == 0xffffffffu && vEnd - v >= 8) e.uncompressedSize = le64(v), v += 8;
+      if (e.compressedSize == 0xffffffffu && vEnd - v >= 8) e.compressedSize = le64(v), v += 8;
+      if (e.localHeaderOffset == 0xffffffffu && vEnd - v >= 8) e.localHeaderOffset = le64(v);
+      return;
+    }
+    x += 4 + size;
+  }
+}
+
 /// Walks the central headers in order, reading the fixed fields, the Zip64
 /// extra field where a size or offset needs it, and the name; calls
 /// `visit(entry)` for each until it returns false. Returns false on a
@@ -83,33 +116,12 @@ template <class Visit> bool walkCentralDirectory(CentralDirectory const& cd, Vis
   unsigned char const* p = cd.begin;
   for (std::uint64_t i = 0; i < cd.count; ++i) {
     if (cd.end - p < 46 || le32(p) != 0x02014b50u) return false;
-    CentralEntry e;
-    e.method = le16(p + 10);
-    e.crc = le32(p + 16);
-    e.compressedSize = le32(p + 20);
-    e.uncompressedSize = le32(p + 24);
-    std::size_t const nameLength = le16(p + 28), extraLength = le16(p + 30), commentLength = le16(p + 32);
-    e.localHeaderOffset = le32(p + 42);
-    std::size_t const total = 46 + nameLength + extraLength + commentLength;
+    CentralEntry e = centralEntryFields(p);
+    std::size_t const extraLength = le16(p + 30), commentLength = le16(p + 32);
+    std::size_t const total = 46 + e.nameLength + extraLength + commentLength;
     if (static_cast<std::size_t>(cd.end - p) < total) return false;
     e.name = reinterpret_cast<char const*>(p + 46);
-    e.nameLength = nameLength;
-    if (e.uncompressedSize == 0xffffffffu || e.compressedSize == 0xffffffffu || e.localHeaderOffset == 0xffffffffu) {
-      unsigned char const* x = p + 46 + nameLength;
-      unsigned char const* const xEnd = x + extraLength;
-      while (xEnd - x >= 4) {
-        std::size_t const size = le16(x + 2);
-        if (le16(x) == 0x0001) {
-          unsigned char const* v = x + 4;
-          unsigned char const* const vEnd = v + size;
-          if (e.uncompressedSize == 0xffffffffu && vEnd - v >= 8) e.uncompressedSize = le64(v), v += 8;
-          if (e.compressedSize == 0xffffffffu && vEnd - v >= 8) e.compressedSize = le64(v), v += 8;
-          if (e.localHeaderOffset == 0xffffffffu && vEnd - v >= 8) e.localHeaderOffset = le64(v);
-          break;
-        }
-        x += 4 + size;
-      }
-    }
+    applyZip64Extra(e, p + 46 + e.nameLength, extraLength);
     if (!visit(static_cast<CentralEntry const&>(e))) return true;
     p += total;
   }

@@ -204,7 +204,6 @@ String decode(std::string const& encoded, String const& whole) {
 
 // ---- dot segments (RFC 3986 section 5.2.4) -----------------------------------
 
-/// RFC 3986 remove_dot_segments, except that a relative path stays relative: "a/../b" gives "b", not "/b".
 /// Whether `path` has a segment "." or "..", the only segments removeDotSegments changes.
 bool hasDotSegment(String const& path) {
   std::size_t const n = path.length();
@@ -218,6 +217,7 @@ bool hasDotSegment(String const& path) {
   return false;
 }
 
+/// RFC 3986 remove_dot_segments, except that a relative path stays relative: "a/../b" gives "b", not "/b".
 String removeDotSegments(String const& path) {
   // Most paths (every entry name that needed no cleaning) have no dot segment; they come out as they went in.
   if (!hasDotSegment(path)) return path;

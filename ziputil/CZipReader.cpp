@@ -82,22 +82,8 @@ struct CZipReader::NameIndex {
 
 // ---- ZipStuff: entry names ---------------------------------------------------
 
-namespace {
-/// Whether cleaning leaves `path` as it is: printable ASCII without backslash or
-/// colon, not empty, neither starting nor ending with a slash or a blank (the
-/// same rule as for stored names, on decoded text).
-bool pathNeedsNoCleaning(tal::String const& path) {
-  std::size_t const length = path.length();
-  if (length == 0) return false;
-  wxStringCharType const* const text = path.wx_str();
-  for (std::size_t i = 0; i < length; ++i)
-    if (text[i] < 0x20 || text[i] > 0x7E || text[i] == L'\\' || text[i] == L':') return false;
-  return text[0] != L'/' && text[0] != L' ' && text[length - 1] != L'/' && text[length - 1] != L' ';
-}
-} // namespace
-
 tal::CURI CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String const& pathInArchive) {
-  if (pathNeedsNoCleaning(pathInArchive))
+  if (textNeedsNoCleaning(pathInArchive))
     return tal::CURI(tal::String(), pathInArchive, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
   wxString path(pathInArchive);
   path.Replace(L"\\", L"/");

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <type_traits>
 
 namespace ziputil {
 namespace {
@@ -113,19 +114,33 @@ bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& in
 
 } // namespace
 
-bool nameNeedsNoCleaning(std::string_view name) noexcept {
-  // Printable ASCII but backslash and colon; control and non-ASCII bytes (a zero byte too) take the full way.
+namespace {
+
+/// The rule for stored names and decoded text alike, on code units of any width:
+/// printable ASCII but backslash and colon (control and non-ASCII units, a zero
+/// too, take the full way), not empty, no slash or blank at either end.
+template <class Unit> bool needsNoCleaning(Unit const* text, std::size_t length) noexcept {
   static auto const plain = [] {
-    std::array<bool, 256> table{};
+    std::array<bool, 128> table{};
     for (int c = 0x20; c <= 0x7e; ++c) table[static_cast<std::size_t>(c)] = c != '\\' && c != ':';
     return table;
   }();
-  if (name.empty() || name.front() == '/' || name.front() == ' ' || name.back() == '/' || name.back() == ' ')
-    return false;
-  for (char const c : name)
-    if (!plain[static_cast<unsigned char>(c)]) return false;
+  using Code = std::make_unsigned_t<Unit>;
+  if (length == 0) return false;
+  Code const first = static_cast<Code>(text[0]), last = static_cast<Code>(text[length - 1]);
+  if (first == '/' || first == ' ' || last == '/' || last == ' ') return false;
+  for (std::size_t i = 0; i < length; ++i) {
+    Code const c = static_cast<Code>(text[i]);
+    if (c >= 128 || !plain[c]) return false;
+  }
   return true;
 }
+
+} // namespace
+
+bool nameNeedsNoCleaning(std::string_view name) noexcept { return needsNoCleaning(name.data(), name.size()); }
+
+bool textNeedsNoCleaning(tal::String const& text) noexcept { return needsNoCleaning(text.wx_str(), text.length()); }
 
 bool nameNeedsNoCleaning(char const* name) noexcept { return nameNeedsNoCleaning(std::string_view(name)); }
 

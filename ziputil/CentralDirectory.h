@@ -5,6 +5,7 @@
 
 #include "tal/Error.h"
 #include "tal/Stream.h"
+#include "tal/String.h"
 
 #include "ziputil/minizip/unzip.h"
 
@@ -88,5 +89,8 @@ bool nameComparisonKey(std::string_view name, std::string& key, bool& cleaned) n
 bool nameNeedsNoCleaning(char const* name) noexcept;
 /// The same for a name's bytes; a zero byte among them needs the full way.
 bool nameNeedsNoCleaning(std::string_view name) noexcept;
+/// The same rule for decoded text: whether
+/// CZipReader::ZipStuff::pathInArchiveToSafeURI leaves `text` as it is.
+bool textNeedsNoCleaning(tal::String const& text) noexcept;
 
 } // namespace ziputil
