@@ -12,6 +12,18 @@ set -euo pipefail
 source=$1 work=$2 zlib=$3
 here=$(cd "$(dirname "$0")" && pwd)
 fail() { echo "deb_test: $*" >&2; exit 1; }
+# Under pipefail a reader that stops early fails the pipeline: `grep -q` quits at
+# its first match and `tar -t` at the end-of-archive blocks, and the writer before
+# them then dies of SIGPIPE. So matches are made with a grep that reads to the end,
+# and tar lists an archive from a file, never from a pipe.
+matches() { grep "$@" >/dev/null; }
+tar_list() { # deb, --ctrl-tarfile or --fsys-tarfile
+  local tarfile
+  tarfile=$(mktemp "$work/tarfile.XXXXXX")
+  dpkg-deb "$2" "$1" > "$tarfile"
+  tar -tf "$tarfile"
+  rm -f "$tarfile"
+}
 rm -rf "$work"
 mkdir -p "$work"
 build=$work/build
@@ -41,32 +53,32 @@ expect_field() { # deb, field, expected value
   [ "$got" = "$3" ] || fail "$(basename "$1"): $2 is '$got', not '$3'"
 }
 expect_depends() { # deb, package that must be among its Depends
-  field "$1" Depends | tr ',' '\n' | sed 's/^ *//' | grep -q "^$2\( \|$\)" ||
+  field "$1" Depends | tr ',' '\n' | sed 's/^ *//' | matches "^$2\( \|$\)" ||
     fail "$(basename "$1"): Depends '$(field "$1" Depends)' lacks $2"
 }
 for i in 0 1 2; do
   expect_field "${debs[$i]}" Version "$version"
   expect_field "${debs[$i]}" Architecture "$arch"
   # The GUI libraries of wxWidgets are never needed at run time: only its base library.
-  if field "${debs[$i]}" Depends | grep -q 'libwxgtk3\.2-1'; then
+  if field "${debs[$i]}" Depends | matches 'libwxgtk3\.2-1'; then
     fail "$(basename "${debs[$i]}") depends on wxWidgets' GUI library: $(field "${debs[$i]}" Depends)"
   fi
 done
 expect_field "${debs[0]}" Package "$lib"
 expect_field "${debs[0]}" Section libs
 for d in libc6 libstdc++6 libwxbase3.2-1 zlib1g; do expect_depends "${debs[0]}" "$d"; done
-dpkg-deb --ctrl-tarfile "${debs[0]}" | tar -t | grep -q '^\./shlibs$' || fail "$lib has no shlibs file"
+tar_list "${debs[0]}" --ctrl-tarfile | matches '^\./shlibs$' || fail "$lib has no shlibs file"
 expect_field "${debs[1]}" Package libziputil-dev
 expect_field "${debs[1]}" Section libdevel
 for d in "$lib" zlib1g-dev libwxgtk3.2-dev; do expect_depends "${debs[1]}" "$d"; done
 expect_field "${debs[2]}" Package ziputil
 expect_field "${debs[2]}" Section utils
 for d in "$lib" libc6 libstdc++6; do expect_depends "${debs[2]}" "$d"; done
-field "${debs[1]}" Depends | grep -q "$lib (= $version)" || fail "libziputil-dev does not depend on $lib (= $version)"
-field "${debs[2]}" Depends | grep -q "$lib (= $version)" || fail "ziputil does not depend on $lib (= $version)"
+field "${debs[1]}" Depends | matches "$lib (= $version)" || fail "libziputil-dev does not depend on $lib (= $version)"
+field "${debs[2]}" Depends | matches "$lib (= $version)" || fail "ziputil does not depend on $lib (= $version)"
 
 # Each installed file in exactly one package, and nothing else in them.
-contents() { dpkg-deb --fsys-tarfile "$1" | tar -t | grep -v '/$' | sed 's|^\./|/|' | sort; }
+contents() { tar_list "$1" --fsys-tarfile | grep -v '/$' | sed 's|^\./|/|' | sort; }
 contents "${debs[0]}" > "$work/lib.list"
 contents "${debs[1]}" > "$work/dev.list"
 contents "${debs[2]}" > "$work/program.list"
@@ -104,18 +116,18 @@ while IFS= read -r -d '' f; do
   if [ "$(head -c4 "$f" | od -An -c | tr -d ' ')" = '177ELF' ]; then
     elves=$((elves + 1))
     if readelf -d "$f" | grep -E '\((RPATH|RUNPATH)\)'; then fail "$f has a run path"; fi
-    if readelf -S "$f" | grep -q '\.debug_info'; then fail "$f is not stripped"; fi
+    if readelf -S "$f" | matches '\.debug_info'; then fail "$f is not stripped"; fi
   fi
 done < <(find "$root" -type f -print0)
 [ "$elves" -eq 3 ] || fail "expected 3 ELF files (two libraries, the program), found $elves"
-readelf -d "$root$libdir/libziputil.so.$version" | grep -q "(SONAME).*\[libziputil.so.$major\]" || fail "libziputil's SONAME"
+readelf -d "$root$libdir/libziputil.so.$version" | matches "(SONAME).*\[libziputil.so.$major\]" || fail "libziputil's SONAME"
 export LD_LIBRARY_PATH=$root$libdir
 "$root/usr/bin/ziputil" --help >/dev/null
 mkdir -p "$work/data/folder"
 printf 'packaged\n' > "$work/data/folder/a.txt"
 (cd "$work/data" && "$root/usr/bin/ziputil" add "$work/data/made by the package.zip" folder)
 unzip -t "$work/data/made by the package.zip"
-"$root/usr/bin/ziputil" list "$work/data/made by the package.zip" | grep -qx 'folder/a.txt' || fail "ziputil list"
+"$root/usr/bin/ziputil" list "$work/data/made by the package.zip" | matches -x 'folder/a.txt' || fail "ziputil list"
 unset LD_LIBRARY_PATH
 
 bash "$here/package_test.sh" cmake "$root/usr" "$work/consumer-cmake"
