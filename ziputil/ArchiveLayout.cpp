@@ -143,10 +143,8 @@ bool isLayoutError(tal::CError const& error) {
   return false;
 }
 
-ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
-                                std::vector<CentralEntry>* entries) {
+ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri) {
   ArchiveLayout layout;
-  tail.clear();
   long long const length = stream.getLength();
   if (length < 0)
     throw tal::CError(tal::String("Cannot seek from end: stream length is unknown."), tal::String(), -1,
@@ -211,13 +209,24 @@ ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, st
   layout.prefixLength = centralPos - static_cast<long long>(centralOffset + centralSize);
   layout.centralStart = static_cast<long long>(centralOffset) + layout.prefixLength;
   layout.centralSize = static_cast<long long>(centralSize);
+  layout.endRecordStart = centralPos;
+  layout.declaredCount = declaredCount;
+  return layout;
+}
 
+void readArchiveDirectory(tal::IInStream& stream, tal::CURI const& uri, ArchiveLayout& layout, std::string& tail,
+                          std::vector<CentralEntry>* entries) {
+  tail.clear();
+  if (layout.empty) return;
+  long long const length = layout.fileLength;
   tail = readRange(stream, layout.centralStart, length - layout.centralStart);
   if (static_cast<long long>(tail.size()) != length - layout.centralStart)
     damaged(uri, layout.centralStart + static_cast<long long>(tail.size()), "the file is shorter than its length");
 
   std::size_t at = 0;
-  std::size_t const size = static_cast<std::size_t>(centralSize);
+  std::size_t const size = static_cast<std::size_t>(layout.centralSize);
+  unsigned long long const declaredCount = layout.declaredCount;
+  long long const centralPos = layout.endRecordStart;
   unsigned long long count = 0;
   CentralEntry entry; // one for all headers: its name's storage is reused
   while (at < size) {
@@ -243,6 +252,13 @@ ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, st
     damaged(uri, centralPos,
             format("the central directory holds %llu entries, the end record says %llu", count, declaredCount));
   layout.entryCount = count;
+}
+
+ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
+                                std::vector<CentralEntry>* entries) {
+  tail.clear();
+  ArchiveLayout layout = readArchiveEnd(stream, uri);
+  readArchiveDirectory(stream, uri, layout, tail, entries);
   return layout;
 }
 

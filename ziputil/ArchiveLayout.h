@@ -22,7 +22,11 @@ struct ArchiveLayout {
   long long centralStart = 0;
   /// Size of the central directory in bytes, as the end record states it.
   long long centralSize = 0;
-  /// Central headers found in the central directory.
+  /// Where the end record that counts begins (the Zip64 one when minizip uses it).
+  long long endRecordStart = 0;
+  /// The number of entries the end record states.
+  unsigned long long declaredCount = 0;
+  /// Central headers found in the central directory (readArchiveDirectory).
   unsigned long long entryCount = 0;
   /// Whether the archive has a Zip64 end record (found as minizip finds it).
   bool zip64 = false;
@@ -60,6 +64,17 @@ struct CentralEntry {
 /// end-of-central-directory record." {"uri"}; an empty file gives an empty layout.
 ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
                                 std::vector<CentralEntry>* entries = nullptr);
+/// readArchiveLayout's first half: finds and checks the end records, reading
+/// no more than the file's last 65,535 bytes and a Zip64 end record. Every
+/// field of the layout is set but entryCount, which stays 0. Throws as
+/// readArchiveLayout does.
+ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri);
+/// readArchiveLayout's second half, for a layout from readArchiveEnd: reads
+/// the bytes from centralStart to the end of the file into `tail`, checks
+/// every central header and sets layout.entryCount. Throws as
+/// readArchiveLayout does.
+void readArchiveDirectory(tal::IInStream& stream, tal::CURI const& uri, ArchiveLayout& layout, std::string& tail,
+                          std::vector<CentralEntry>* entries = nullptr);
 
 /// Whether `error` is one that readArchiveLayout or checkArchiveRecords make
 /// themselves (damage, no end record, a stream without a length) rather than

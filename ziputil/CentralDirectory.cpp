@@ -174,7 +174,11 @@ std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream,
   auto directory = std::make_unique<CentralDirectory>();
   ArchiveLayout layout;
   try {
-    layout = readArchiveLayout(stream, uri, directory->m_bytes);
+    layout = readArchiveEnd(stream, uri);
+    // Header offsets are held in 32 bits (the index's size per entry): a larger directory keeps
+    // minizip's walk, and is not read into memory first.
+    if (layout.fileLength - layout.centralStart > std::numeric_limits<std::uint32_t>::max()) return nullptr;
+    readArchiveDirectory(stream, uri, layout, directory->m_bytes);
   } catch (tal::CError& e) {
     // Damage is minizip's to meet in its own time; anything else is the stream's failure.
     if (!isLayoutError(e)) readFailure = e.clone();
@@ -197,10 +201,6 @@ std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream,
         first.pos_in_zip_directory != directory->m_directoryOffset)
       return nullptr;
   }
-  // Header offsets are held in 32 bits (the index's size per entry); a larger directory keeps minizip's walk.
-  if (directory->m_bytes.size() > std::numeric_limits<std::uint32_t>::max() ||
-      layout.entryCount >= std::numeric_limits<std::uint32_t>::max())
-    return nullptr;
   directory->m_headers.reserve(static_cast<std::size_t>(layout.entryCount));
   std::uint64_t at = 0;
   unz_file_info64 info;

@@ -29,7 +29,9 @@ namespace ziputil {
 /// extra field read inside the file, and minizip's own view of where the
 /// directory starts and how many entries it holds agreeing. For anything else
 /// it gives null and the reader keeps asking minizip, whose answers (failures
-/// included) then stay exactly as they were.
+/// included) then stay exactly as they were. So it does, without reading the
+/// directory, when the directory and the end records after it take 4 GiB or
+/// more (header offsets are held in 32 bits).
 class CentralDirectory {
 public:
   /// Reads the directory through `stream` (the stream minizip reads the

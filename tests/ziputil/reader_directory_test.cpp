@@ -11,7 +11,10 @@
 #include <gtest/gtest.h>
 
 #include <unzip.h>
+#include <zlib.h>
 
+#include <algorithm>
+#include <cstring>
 #include <vector>
 
 using testsupport::entryURI;
@@ -199,6 +202,158 @@ with zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED) as z:
   EXPECT_EQ(utf8(reader->getCurrentFileRelativeURI().getPath()), "dir3/entry1235");
   reader->close();
   EXPECT_EQ(utf8(reader->getCurrentFileRelativeURI().getPath()), "dir3/entry1235"); // the URI stays after close
+}
+
+
+/// An archive of more than 4 GiB that exists only as a rule for its bytes: one
+/// stored entry "hello\n" at the start, then `kEntries` central headers that all
+/// point to it, named "f00000000", "f00000001", ..., each with a 65,535-byte
+/// extra field (one block of an unknown kind) and a 65,535-byte comment, then a
+/// Zip64 end record, its locator and an end record. The central directory alone
+/// takes more than 4 GiB. Counts the bytes read.
+class CHugeDirectoryArchive : public tal::CBase, public virtual tal::IInOutStream {
+public:
+  static constexpr long long kEntries = 32800;
+  static constexpr long long kNameSize = 9;
+  static constexpr long long kFieldSize = 65535;
+  static constexpr long long kLocalSize = 30 + kNameSize + 6;
+  static constexpr long long kHeaderSize = 46 + kNameSize + 2 * kFieldSize;
+  static constexpr long long kDirectorySize = kEntries * kHeaderSize;
+  static constexpr long long kLength = kLocalSize + kDirectorySize + 56 + 20 + 22;
+
+  explicit CHugeDirectoryArchive(tal::CURI uri) : m_uri(std::move(uri)) {
+    static_assert(kDirectorySize > 0xffffffffLL, "the directory must not fit in 32 bits");
+    unsigned long const crc = crc32(0, reinterpret_cast<Bytef const*>("hello\n"), 6);
+    m_local = le(0x04034b50, 4) + le(10, 2) + le(0, 2) + le(0, 2) + le(0, 2) + le(0x5821, 2) + le(crc, 4) + le(6, 4) +
+              le(6, 4) + le(kNameSize, 2) + le(0, 2) + name(0) + "hello\n";
+    m_headerStart = le(0x02014b50, 4) + le(0x0314, 2) + le(10, 2) + le(0, 2) + le(0, 2) + le(0, 2) + le(0x5821, 2) +
+                    le(crc, 4) + le(6, 4) + le(6, 4) + le(kNameSize, 2) + le(kFieldSize, 2) + le(kFieldSize, 2) +
+                    le(0, 2) + le(0, 2) + le(0, 4) + le(0, 4);
+    m_end = le(0x06064b50, 4) + le(44, 8) + le(45, 2) + le(45, 2) + le(0, 4) + le(0, 4) + le(kEntries, 8) +
+            le(kEntries, 8) + le(kDirectorySize, 8) + le(kLocalSize, 8) + le(0x07064b50, 4) + le(0, 4) +
+            le(kLocalSize + kDirectorySize, 8) + le(1, 4) + le(0x06054b50, 4) + le(0, 2) + le(0, 2) +
+            le(kEntries, 2) + le(kEntries, 2) + le(0xffffffff, 4) + le(kLocalSize, 4) + le(0, 2);
+  }
+
+  static std::string name(long long ordinal) {
+    char text[24];
+    std::snprintf(text, sizeof text, "f%08lld", ordinal);
+    return text;
+  }
+  long long bytesRead() const { return m_bytesRead; }
+
+  long long getLength() const override { return kLength; }
+  long long getPosition() const override { return m_position; }
+  tal::CURI getURI() const override { return m_uri; }
+  void seek(long long position) override { m_position = position; }
+  tal::P<tal::IRangeLock> lockRange(long long, long long, LockType) override { return nullptr; }
+  void close() override {}
+  void read(void* buffer, int size) override {
+    if (readLax(buffer, size) != size)
+      throw tal::CIOError(tal::CIOError::UnexpectedEnd, tal::String(), tal::CProps(), nullptr);
+  }
+  int readLax(void* buffer, int size) override {
+    char* out = static_cast<char*>(buffer);
+    int done = 0;
+    while (done < size && m_position < kLength) {
+      long long const n = fill(m_position, out + done, size - done);
+      m_position += n;
+      done += static_cast<int>(n);
+    }
+    m_bytesRead += done;
+    return done;
+  }
+  int readAvailable(void* buffer, int size) override { return readLax(buffer, size); }
+  bool waitReadable(int) const override { return true; }
+  bool isEndOfStream() const override { return m_position >= kLength; }
+  int isEndOfStream_NonBlocking() const override { return isEndOfStream() ? 1 : 0; }
+  void write(void const*, int, tal::IWriteBarrier*) override { refuse(); }
+  void writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const&, tal::IWriteBarrier*) override { refuse(); }
+  tal::P<tal::IWriteBarrier> createWriteBarrier(tal::IWriteBarrier*) override { return nullptr; }
+  void flush() override {}
+  void setLength(long long) override { refuse(); }
+
+private:
+  static std::string le(unsigned long long value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i) text += static_cast<char>((value >> (8 * i)) & 0xff);
+    return text;
+  }
+  [[noreturn]] static void refuse() {
+    throw tal::CIOError(tal::CIOError::WriteFailed, tal::String("read-only"), tal::CProps(), nullptr);
+  }
+  static long long copy(std::string const& from, long long at, char* out, long long room) {
+    long long const n = std::min(room, static_cast<long long>(from.size()) - at);
+    std::memcpy(out, from.data() + at, static_cast<std::size_t>(n));
+    return n;
+  }
+  /// Writes the bytes from `at` on, up to `room` of them but not past the part `at` lies in; returns how many.
+  long long fill(long long at, char* out, long long room) const {
+    if (at < kLocalSize) return copy(m_local, at, out, room);
+    at -= kLocalSize;
+    if (at >= kDirectorySize) return copy(m_end, at - kDirectorySize, out, room);
+    long long const ordinal = at / kHeaderSize;
+    long long offset = at % kHeaderSize;
+    if (offset < 46) return copy(m_headerStart, offset, out, room);
+    offset -= 46;
+    if (offset < kNameSize) return copy(name(ordinal), offset, out, room);
+    offset -= kNameSize;
+    if (offset < 4) return copy(le(0xcafe, 2) + le(kFieldSize - 4, 2), offset, out, room);
+    bool const inExtra = offset < kFieldSize; // else in the comment
+    long long const n = std::min(room, (inExtra ? kFieldSize : 2 * kFieldSize) - offset);
+    std::memset(out, inExtra ? 0 : 'c', static_cast<std::size_t>(n));
+    return n;
+  }
+
+  tal::CURI m_uri;
+  std::string m_local, m_headerStart, m_end;
+  long long m_position = 0;
+  long long m_bytesRead = 0;
+};
+
+/// Opens every URI as the one huge archive.
+class CHugeDirectoryFileSystem : public tal::CBase, public virtual tal::IFileSystem {
+public:
+  tal::P<tal::IInOutStream> openStream(tal::CURI const& uri, int, int const&) override {
+    opened = tal::newObj<CHugeDirectoryArchive>(uri);
+    return opened;
+  }
+  bool exists(tal::CURI const&) override { return true; }
+  void remove(tal::CURI const&) override {}
+  tal::P<CHugeDirectoryArchive> opened;
+};
+
+TEST(ReaderHugeDirectoryTest, ADirectoryOf4GiBOrMoreIsWalkedByMinizipWithoutBeingReadIntoMemory) {
+  auto fileSystem = tal::newObj<CHugeDirectoryFileSystem>();
+  auto reader = tal::newObj<CZipReader>(fileSystem.get(), tal::CURI::fromPath(tal::String("/huge.zip")), tal::String());
+  long long walked = 0;
+  while (reader->nextFile()) {
+    if (walked % 4099 == 0 || walked == CHugeDirectoryArchive::kEntries - 1) {
+      EXPECT_EQ(reader->getCurrentFileRawName(), CHugeDirectoryArchive::name(walked));
+      EXPECT_EQ(reader->getCurrentFileUncompressedSize(), 6);
+      EXPECT_EQ(reader->getCurrentFileComment(), std::string(CHugeDirectoryArchive::kFieldSize, 'c'));
+    }
+    ++walked;
+  }
+  EXPECT_EQ(walked, CHugeDirectoryArchive::kEntries);
+  // Lookups find the first and the last entry, and nothing else.
+  for (long long ordinal : {0LL, 17LL, CHugeDirectoryArchive::kEntries - 1}) {
+    ASSERT_TRUE(reader->tryGoToFile(entryURI(CHugeDirectoryArchive::name(ordinal)))) << ordinal;
+    EXPECT_EQ(reader->getCurrentFileRawName(), CHugeDirectoryArchive::name(ordinal));
+  }
+  auto in = reader->openCurrentFileStream();
+  char text[8] = {};
+  EXPECT_EQ(in->readLax(text, sizeof text), 6);
+  EXPECT_EQ(std::string(text), "hello\n");
+  in->close();
+  EXPECT_FALSE(reader->nextFile()); // the last entry was opened
+  EXPECT_FALSE(reader->tryGoToFile(entryURI("f99999999")));
+  ASSERT_TRUE(reader->tryGoToFile(entryURI(CHugeDirectoryArchive::name(18))));
+  ASSERT_TRUE(reader->nextFile());
+  EXPECT_EQ(reader->getCurrentFileRawName(), CHugeDirectoryArchive::name(19));
+  reader->close();
+  // Far less than the directory's 4 GiB was read: its headers piece by piece, the comments asked for.
+  EXPECT_LT(fileSystem->opened->bytesRead(), 1LL << 30);
 }
 
 } // namespace
