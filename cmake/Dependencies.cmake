@@ -250,7 +250,10 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   # In raw mode any method is accepted: the data comes as stored, so an entry of a method this build cannot
   # compress (bzip2, LZMA, AES-encrypted, ...) can still be copied from one archive into another.
   "    if ((method!=0) && (method!=Z_DEFLATED))\n      return ZIP_PARAMERROR;"
-  "    if ((method!=0) && (method!=Z_DEFLATED) && !raw)\n      return ZIP_PARAMERROR;")
+  "    if ((method!=0) && (method!=Z_DEFLATED) && !raw)\n      return ZIP_PARAMERROR;"
+  # In raw mode the CRC-32 of the bytes written is never used: zipCloseFileInZipRaw64 records the caller's.
+  "    zi->ci.crc32 = crc32(zi->ci.crc32,buf,(uInt)len);"
+  "    if (!zi->ci.raw)\n        zi->ci.crc32 = crc32(zi->ci.crc32,buf,(uInt)len);")
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
 add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_source}" "${_zip_fixed}")
