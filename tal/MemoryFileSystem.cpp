@@ -1,6 +1,7 @@
 #include "tal/MemoryFileSystem.h"
 
 #include "tal/PositionalStream.h"
+#include "tal/ReadBlocks.h"
 
 #include <algorithm>
 #include <atomic>
@@ -170,38 +171,20 @@ namespace {
 /// Reads smaller than this go through a stream's read buffer of this size.
 constexpr std::size_t kReadBufferSize = 64 * 1024;
 
-/// A stream's view of a memory file. Reads come from one of two buffers of
-/// the stream's own (the one used less recently is refilled, so reads going
-/// back and forth between two parts of the file keep both) while the file's
-/// version is the one the buffer was filled at, so small reads take no lock;
-/// writes go straight to the file.
+/// A stream's view of a memory file. Small reads come from the stream's own
+/// two buffers (CReadBlocks), each serving while the file's version is the one
+/// it was filled at, so they take no lock; writes go straight to the file.
 class CMemoryHandle : public CBase, public virtual IPositionalFile {
 public:
   CMemoryHandle(P<CMemoryFileSystem::CFile> file, CURI const& uri, bool lengthUnknown)
       : m_file(std::move(file)), m_uri(uri), m_lengthUnknown(lengthUnknown) {}
   std::size_t readAt(long long offset, void* buffer, std::size_t size) override {
     if (size >= kReadBufferSize) return m_file->readAt(offset, buffer, size);
-    unsigned long long const version = m_file->version();
-    Block* block = nullptr;
-    for (Block& candidate : m_blocks)
-      if (candidate.length > 0 && candidate.version == version && offset >= candidate.start &&
-          offset < candidate.start + static_cast<long long>(candidate.length))
-        block = &candidate;
-    if (!block) {
-      // Refill from `offset`. A read that runs past the buffer gets what the buffer holds (the
-      // stream asks again for the rest).
-      block = m_blocks[0].lastUse <= m_blocks[1].lastUse ? &m_blocks[0] : &m_blocks[1];
-      if (block->bytes.empty()) block->bytes.resize(kReadBufferSize);
-      block->length = 0; // stays empty when the read below throws
-      block->start = offset;
-      block->length = m_file->readAt(offset, block->bytes.data(), block->bytes.size(), block->version);
-      if (block->length == 0) return 0;
-    }
-    block->lastUse = ++m_clock;
-    std::size_t const at = static_cast<std::size_t>(offset - block->start);
-    std::size_t const n = std::min(size, block->length - at);
-    std::memcpy(buffer, block->bytes.data() + at, n);
-    return n;
+    // A read that runs past the buffer gets what the buffer holds (the stream asks again for the rest).
+    return m_blocks.read(offset, m_file->version(), buffer, size,
+                         [&](unsigned char* into, std::size_t capacity, unsigned long long& version) {
+                           return m_file->readAt(offset, into, capacity, version);
+                         });
   }
   void writeAt(long long offset, void const* data, std::size_t size) override {
     try {
@@ -225,26 +208,14 @@ public:
   void sync() override {} // nothing outlives the process's memory anyway
   void closeFile() override {
     m_file = nullptr;
-    for (Block& block : m_blocks) {
-      block.length = 0;
-      std::vector<unsigned char>().swap(block.bytes);
-    }
+    m_blocks.release();
   }
 
 private:
   P<CMemoryFileSystem::CFile> m_file;
   CURI m_uri;
   bool m_lengthUnknown;
-  /// A range of the file as read at `version`; empty while `length` is 0.
-  struct Block {
-    std::vector<unsigned char> bytes;
-    long long start = 0;
-    std::size_t length = 0;
-    unsigned long long version = 0;
-    unsigned long long lastUse = 0; ///< m_clock at its last use; 0: never used
-  };
-  Block m_blocks[2];
-  unsigned long long m_clock = 0;
+  CReadBlocks m_blocks{kReadBufferSize};
 };
 
 } // namespace

@@ -8,7 +8,7 @@ namespace tal {
 CPositionalStream::CPositionalStream(P<IPositionalFile> file, CURI const& uri, bool writable, std::size_t bufferSize,
                                      char const* context, void const* owner)
     : m_file(std::move(file)), m_uri(uri), m_context(context), m_owner(owner), m_writable(writable),
-      m_bufferSize(bufferSize) {}
+      m_bufferSize(bufferSize), m_readBlocks(bufferSize) {}
 
 CPositionalStream::~CPositionalStream() {
   if (!m_file) return;
@@ -52,7 +52,7 @@ void CPositionalStream::close() {
   checkOpen();
   P<IPositionalFile> file = m_file;
   m_file = nullptr;
-  dropReadBlocks();
+  m_readBlocks.release();
   std::exception_ptr failure;
   try {
     if (!m_writeBuffer.empty()) file->writeAt(m_writeStart, m_writeBuffer.data(), m_writeBuffer.size());
@@ -75,39 +75,22 @@ void CPositionalStream::flushWrites() {
   m_writeBuffer.clear(); // its storage stays for the next writes
 }
 
-void CPositionalStream::dropReadBlocks() {
-  for (ReadBlock& block : m_readBlocks) block.length = 0;
-}
-
 std::size_t CPositionalStream::readInto(unsigned char* out, std::size_t size) {
   std::size_t done = 0;
   if (m_position < 0) return 0; // beyond any file: minizip seeks to offset 2^64-1 when it finds no archive
   while (done < size) {
     long long const at = m_position;
-    ReadBlock* hit = nullptr;
-    for (ReadBlock& block : m_readBlocks)
-      if (block.length > 0 && at >= block.start && at < block.start + static_cast<long long>(block.length)) hit = &block;
-    if (hit) {
-      hit->lastUse = ++m_readClock;
-      std::size_t offset = static_cast<std::size_t>(at - hit->start);
-      std::size_t n = std::min(size - done, hit->length - offset);
-      std::memcpy(out + done, hit->bytes.data() + offset, n);
-      done += n;
-      m_position += static_cast<long long>(n);
-    } else if (size - done >= m_bufferSize) {
-      std::size_t n = m_file->readAt(at, out + done, size - done);
-      if (n == 0) break;
-      done += n;
-      m_position += static_cast<long long>(n);
-    } else {
-      ReadBlock& block = m_readBlocks[0].lastUse <= m_readBlocks[1].lastUse ? m_readBlocks[0] : m_readBlocks[1];
-      block.bytes.resize(m_bufferSize);
-      block.length = 0; // stays empty when the read below throws
-      block.start = at;
-      block.lastUse = ++m_readClock;
-      block.length = m_file->readAt(at, block.bytes.data(), m_bufferSize);
-      if (block.length == 0) break;
-    }
+    std::size_t n;
+    if (size - done >= m_bufferSize && !m_readBlocks.holds(at))
+      n = m_file->readAt(at, out + done, size - done);
+    else
+      n = m_readBlocks.read(at, 0, out + done, size - done, [&](unsigned char* into, std::size_t capacity,
+                                                                 unsigned long long&) {
+        return m_file->readAt(at, into, capacity);
+      });
+    if (n == 0) break;
+    done += n;
+    m_position += static_cast<long long>(n);
   }
   return done;
 }
@@ -146,7 +129,7 @@ void CPositionalStream::write(void const* data, int size, IWriteBarrier*) {
     throw CIOError(CIOError::WriteFailed, String("Cannot write beyond the largest file offset"), uriProps(m_uri),
                    nullptr);
   std::size_t const n = static_cast<std::size_t>(size);
-  dropReadBlocks(); // the read buffers may hold what is being overwritten
+  m_readBlocks.drop(); // the read buffers may hold what is being overwritten
   // A write that starts inside the buffered range or at its end, and fits, goes into the buffer: so
   // going back to fill in a header just written (as minizip does after each entry) costs no file write.
   long long const bufferEnd = m_writeStart + static_cast<long long>(m_writeBuffer.size());
@@ -192,7 +175,7 @@ void CPositionalStream::setLength(long long length) {
   if (!m_writable)
     throw CIOError(CIOError::SetLengthFailed, String("The stream is open for reading only"), uriProps(m_uri), nullptr);
   flushWrites();
-  dropReadBlocks();
+  m_readBlocks.drop();
   m_file->truncate(length);
 }
 

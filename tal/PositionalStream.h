@@ -3,6 +3,7 @@
 // buffering. Internal to libtal (not installed).
 #pragma once
 
+#include "tal/ReadBlocks.h"
 #include "tal/Stream.h"
 
 #include <vector>
@@ -92,16 +93,7 @@ private:
   bool m_writable;
   std::size_t m_bufferSize;
   long long m_position = 0;
-  /// A range of the file as last read; empty while `length` is 0.
-  struct ReadBlock {
-    std::vector<unsigned char> bytes;
-    long long start = 0;
-    std::size_t length = 0;
-    unsigned long long lastUse = 0; ///< m_readClock at its last use; 0: never used
-  };
-  void dropReadBlocks();
-  ReadBlock m_readBlocks[2];
-  unsigned long long m_readClock = 0;
+  CReadBlocks m_readBlocks;
   std::vector<unsigned char> m_writeBuffer;
   long long m_writeStart = 0;
 };
