@@ -200,10 +200,17 @@ endif()
 # in raw mode (data written as stored) any compression method is accepted;
 # ziputil_zipDiscard (MiniZipExtras.h) releases a handle
 # without writing anything more, so that a failed writer can put the file back
-# as it was; and ziputil_zipFileStream gives the writer the file stream, so
-# that it can cut off what the old central directory left behind.
+# as it was; ziputil_zipMarkEntry and ziputil_zipUndoEntry take the handle back
+# to where an entry began (its place in the file, the central directory and
+# the count), so that a failed entry leaves nothing of itself behind; and
+# ziputil_zipFileStream gives the writer the file stream, so that it can read
+# the archive's end and old central directory through the one stream minizip
+# opened and cut off what the old central directory left behind.
 set(_zip_fixed "${CMAKE_CURRENT_BINARY_DIR}/minizip/zip_fixed.c")
 ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
+  # The functions it adds are declared in ziputil/MiniZipExtras.h.
+  "#include \"zip.h\"\n"
+  "#include \"zip.h\"\n#include \"ziputil/MiniZipExtras.h\"\n"
   "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    return ZIP_ERRNO;"
   "    ZCLOSE64(pziinit->z_filefunc, pziinit->filestream);\n    pziinit->filestream = NULL;\n    return ZIP_ERRNO;"
   "free(ziinit.globalcomment);"
@@ -244,9 +251,11 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
   # A streamed entry (general-purpose bit 3) is followed by a data descriptor; its local header keeps zeros.
   "    if (err==ZIP_OK)\n    {\n        // Update the LocalFileHeader with the new values."
   "    if (err==ZIP_OK && (zi->ci.flag & 8))\n    {\n        err = zip64local_putValue(&zi->z_filefunc,zi->filestream,(uLong)0x08074b50,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,crc32,4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,compressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n        if (err==ZIP_OK)\n            err = zip64local_putValue(&zi->z_filefunc,zi->filestream,uncompressed_size,zi->ci.pos_zip64extrainfo > 0 ? 8 : 4);\n    }\n    else if (err==ZIP_OK)\n    {\n        // Update the LocalFileHeader with the new values."
-  # ziputil_zipDiscard: releases a handle without writing anything more, so a writer can undo its changes.
+  # ziputil_zipDiscard releases a handle without writing anything more, so a writer can undo its changes;
+  # ziputil_zipMarkEntry and ziputil_zipUndoEntry take the handle back to where an entry began, so that a
+  # failed entry leaves nothing of itself in the archive.
   "extern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
-  "extern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n    }\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
+  "/* Releases the entry being written, if any, without finishing it. */\nlocal void ziputil_zipDropEntry(zip64_internal* zi) {\n    if (zi->in_opened_file_inzip == 1)\n    {\n        if (zi->ci.stream_initialised && zi->ci.method == Z_DEFLATED && !zi->ci.raw)\n            deflateEnd(&zi->ci.stream);\n        zi->ci.stream_initialised = 0;\n        free(zi->ci.central_header);\n        zi->ci.central_header = NULL;\n        zi->in_opened_file_inzip = 0;\n    }\n}\n\nextern int ZEXPORT ziputil_zipMarkEntry(zipFile file, ziputil_zipMark* mark) {\n    zip64_internal* zi;\n    if (file == NULL || mark == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    if (zi->in_opened_file_inzip == 1)\n        return ZIP_PARAMERROR;\n    mark->offset = ZTELL64(zi->z_filefunc,zi->filestream);\n    if (mark->offset == (ZPOS64_T)-1)\n        return ZIP_ERRNO;\n    mark->entries = zi->number_entry;\n    mark->lastBlock = zi->central_dir.last_block;\n    mark->lastBlockFilled = zi->central_dir.last_block == NULL ? 0 : zi->central_dir.last_block->filled_in_this_block;\n    return ZIP_OK;\n}\n\nextern int ZEXPORT ziputil_zipUndoEntry(zipFile file, const ziputil_zipMark* mark) {\n    zip64_internal* zi;\n    linkedlist_datablock_internal* last;\n    if (file == NULL || mark == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    ziputil_zipDropEntry(zi);\n    last = (linkedlist_datablock_internal*)mark->lastBlock;\n    if (last == NULL)\n        free_linkedlist(&zi->central_dir);\n    else\n    {\n        free_datablock(last->next_datablock);\n        last->next_datablock = NULL;\n        last->filled_in_this_block = mark->lastBlockFilled;\n        last->avail_in_this_block = SIZEDATA_INDATABLOCK - mark->lastBlockFilled;\n        zi->central_dir.last_block = last;\n    }\n    zi->number_entry = mark->entries;\n    if (ZSEEK64(zi->z_filefunc,zi->filestream,mark->offset,ZLIB_FILEFUNC_SEEK_SET) != 0)\n        return ZIP_ERRNO;\n    return ZIP_OK;\n}\n\nextern int ZEXPORT ziputil_zipDiscard(zipFile file) {\n    zip64_internal* zi;\n    int err = ZIP_OK;\n    if (file == NULL)\n        return ZIP_PARAMERROR;\n    zi = (zip64_internal*)file;\n    ziputil_zipDropEntry(zi);\n    free_linkedlist(&(zi->central_dir));\n    if (ZCLOSE64(zi->z_filefunc,zi->filestream) != 0)\n        err = ZIP_ERRNO;\n#ifndef NO_ADDFILEINEXISTINGZIP\n    free(zi->globalcomment);\n#endif\n    free(zi);\n    return err;\n}\n\nextern voidpf ZEXPORT ziputil_zipFileStream(zipFile file) {\n    return file == NULL ? NULL : ((zip64_internal*)file)->filestream;\n}\n\nextern int ZEXPORT zipClose(zipFile file, const char* global_comment) {"
   # In raw mode any method is accepted: the data comes as stored, so an entry of a method this build cannot
   # compress (bzip2, LZMA, AES-encrypted, ...) can still be copied from one archive into another.
   "    if ((method!=0) && (method!=Z_DEFLATED))\n      return ZIP_PARAMERROR;"
@@ -257,12 +266,11 @@ ziputil_patch_source("${_minizip_dir}/zip.c" "${_zip_fixed}"
 set(ZIPUTIL_MINIZIP_INCLUDE_DIR "${_minizip_dir}")
 set(ZIPUTIL_MINIZIP_HEADERS "${_minizip_dir}/ioapi.h" "${_minizip_dir}/unzip.h" "${_minizip_dir}/zip.h")
 add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_source}" "${_zip_fixed}")
-if(ZIPUTIL_INFLATE_ISAL)
-  # unzip_isal.c includes ziputil/InflateIsal.h; the decoder itself is linked in ziputil/CMakeLists.txt.
-  target_include_directories(minizip PRIVATE "${PROJECT_SOURCE_DIR}")
-endif()
 set_target_properties(minizip PROPERTIES POSITION_INDEPENDENT_CODE ON C_VISIBILITY_PRESET hidden)
 target_include_directories(minizip SYSTEM PUBLIC "$<BUILD_INTERFACE:${_minizip_dir}>")
 target_include_directories(minizip PRIVATE "${_minizip_dir}")
+# zip_fixed.c includes ziputil/MiniZipExtras.h (which includes minizip's headers as ziputil/minizip/<name>.h),
+# unzip_isal.c ziputil/InflateIsal.h; the decoder itself is linked in ziputil/CMakeLists.txt.
+target_include_directories(minizip PRIVATE "${PROJECT_SOURCE_DIR}" "${ZIPUTIL_GENERATED_INCLUDE_DIR}")
 target_compile_options(minizip PRIVATE -w)
 target_link_libraries(minizip PUBLIC ZLIB::ZLIB)

@@ -1,6 +1,7 @@
 #include "ziputil/CZipWriter.h"
 
 #include "ziputil/MiniZipFailure.h"
+#include "ziputil/WriterState.h"
 
 #include <zip.h>
 
@@ -56,8 +57,16 @@ void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWr
   // zlib's crc32 starts over for a null pointer: an empty write passes an empty buffer instead.
   static unsigned char const kNothing = 0;
   if (size == 0 && data == nullptr) data = &kNothing;
+  tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
   int const result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
-  if (!writer->writeSucceeded(result)) writer->failWrite(result, writeError("zipWriteInFileInZip failed", &result));
+  if (tal::P<tal::CError> const failure =
+          writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result))) {
+    // The stream stays open and its position as it was; the entry cannot be finished any more: its close
+    // reports the first failure and takes the entry back.
+    if (writer->m_allOrNothing) writer->rollBackAndThrow(failure);
+    if (!writer->m_state->entryFailure) writer->m_state->entryFailure = failure;
+    failure->throwClone();
+  }
   m_position += static_cast<long long>(size);
 }
 
@@ -69,10 +78,14 @@ void CZipWriter::CFileInZipOutStream::close() {
   writer = m_writer;
   detach();
   if (!writer->m_state) throw writeError("Cannot close file in ZIP archive - archive has already been closed", nullptr);
+  // An entry whose write failed is not finished: it is taken back, and its close reports that failure.
+  if (tal::P<tal::CError> const failed = writer->m_state->entryFailure) writer->failEntry(failed);
+  tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
   int const result = m_raw ? zipCloseFileInZipRaw64(writer->m_state->handle, m_rawSize, m_rawCRC)
                            : zipCloseFileInZip(writer->m_state->handle);
-  if (!writer->writeSucceeded(result))
-    writer->failWrite(result, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result));
+  if (tal::P<tal::CError> const failure = writer->failureOf(
+          result, before, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result)))
+    writer->failEntry(failure);
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

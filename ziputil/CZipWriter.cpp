@@ -5,6 +5,7 @@
 #include "ziputil/MiniZipExtras.h"
 #include "ziputil/MiniZipFailure.h"
 #include "ziputil/SiblingFiles.h"
+#include "ziputil/WriterState.h"
 
 #include <wx/strconv.h>
 #include <zip.h>
@@ -85,6 +86,7 @@ void CZipWriter::open(Options const& options) {
   m_options = options;
   auto state = std::make_unique<ArchiveState>(m_fileSystem.get());
   state->atomic = options.atomicReplace || options.omitEntry;
+  m_allOrNothing = state->atomic || options.allOrNothing;
   if (options.omitEntry) {
     openRebuilt(std::move(state)); // sets m_state itself: the copying goes through this writer
     return;
@@ -117,11 +119,13 @@ void CZipWriter::openInPlace(ArchiveState& state) {
   openMinizip(state);
   try {
     // What minizip found is checked whole before anything is written, and the
-    // part it will overwrite is kept for putting it back.
-    tal::P<tal::IInOutStream> in =
-        m_fileSystem->openStream(m_archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
-    ArchiveLayout const layout = readArchiveLayout(*in, m_archiveURI, state.tail);
-    in->close();
+    // part it will overwrite is kept for putting it back. Both are read
+    // through the stream minizip opened (the file is opened once), which then
+    // goes back to where minizip left it.
+    tal::IInOutStream& stream = *state.bridge.getOpenStream();
+    long long const position = stream.getPosition();
+    ArchiveLayout const layout = readArchiveLayout(stream, m_archiveURI, state.tail);
+    stream.seek(position);
     state.oldLength = layout.fileLength;
     state.tailOffset = layout.centralStart;
   } catch (...) {
@@ -205,6 +209,7 @@ void CZipWriter::openRebuilt(std::unique_ptr<ArchiveState> state) {
 }
 
 CZipWriter::~CZipWriter() {
+  m_gaveUpFor = nullptr; // the failure that made the writer give up reached its caller already
   try {
     close();
   } catch (std::exception& e) {
@@ -247,7 +252,7 @@ void CZipWriter::undoChanges(ArchiveState& state) {
   out->close();
 }
 
-void CZipWriter::rollBackAndThrow(tal::P<tal::CError> const& error) {
+void CZipWriter::rollBackAndThrow(tal::P<tal::CError> const& error, bool closing) {
   std::unique_ptr<ArchiveState> state = std::move(m_state); // the writer is closed from here on
   try {
     undoChanges(*state);
@@ -255,20 +260,49 @@ void CZipWriter::rollBackAndThrow(tal::P<tal::CError> const& error) {
     error->setProp(tal::String("rollbackError"), tal::String::fromUTF8(e.what()));
   }
   state.reset();
+  if (!closing) m_gaveUpFor = error; // the next close() tells that nothing was committed
   error->throwClone();
   __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
-void CZipWriter::failWrite(int result, tal::CError const& fallback) {
-  rollBackAndThrow(writeFailure(m_state->bridge.getLastError(), result, fallback));
+tal::P<tal::CError> CZipWriter::failureOf(int result, tal::P<tal::CError> const& before,
+                                          tal::CError const& fallback) const {
+  return writeFailure(before, m_state->bridge.getLastError(), result, fallback);
+}
+
+void CZipWriter::markEntry() {
+  tal::P<tal::CError> const before = m_state->bridge.getLastError();
+  int const result = ziputil_zipMarkEntry(m_state->handle, &m_state->entryMark);
+  if (tal::P<tal::CError> const failure =
+          failureOf(result, before,
+                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                minizipFailureProps(m_archiveURI, result), nullptr))) {
+    if (m_allOrNothing) rollBackAndThrow(failure);
+    failure->throwClone(); // nothing of the entry was written
+  }
+}
+
+bool CZipWriter::undoEntry() noexcept {
+  m_state->entryFailure = nullptr;
+  tal::P<tal::CError> const before = m_state->bridge.getLastError();
+  int const result = ziputil_zipUndoEntry(m_state->handle, &m_state->entryMark);
+  return result == ZIP_OK && m_state->bridge.getLastError() == before;
+}
+
+void CZipWriter::failEntry(tal::P<tal::CError> const& error) {
+  // An entry that cannot be taken back (the seek back failed) leaves minizip
+  // writing at an unknown place: the archive is then put back whole instead.
+  if (m_allOrNothing || !undoEntry()) rollBackAndThrow(error);
+  error->throwClone();
+  __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
 void CZipWriter::cutOldTail() {
-  auto* handle = static_cast<CMiniZipIO::StreamHandle*>(ziputil_zipFileStream(m_state->handle));
+  tal::IInOutStream* const stream = m_state->bridge.getOpenStream();
   try {
-    handle->stream->setLength(handle->stream->getPosition());
+    stream->setLength(stream->getPosition());
   } catch (std::exception& e) {
-    rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone());
+    rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone(), true);
   }
 }
 
@@ -332,10 +366,14 @@ tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArc
     throw tal::CInvalidArgError(tal::String("CZipWriter::beginAddFile"), tal::String("level is invalid"), props);
   }
   tal::CURI const entryURI = m_archiveURI << relativeURIInArchive;
+  markEntry();
+  tal::P<tal::CError> const before = m_state->bridge.getLastError();
   int const result = openEntry(relativeURIInArchive, time, options, raw);
-  if (!writeSucceeded(result))
-    failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                                  minizipFailureProps(m_archiveURI, result), nullptr));
+  if (tal::P<tal::CError> const failure =
+          failureOf(result, before,
+                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                minizipFailureProps(m_archiveURI, result), nullptr)))
+    failEntry(failure);
   tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
   if (raw) {
     stream->m_raw = true;
@@ -410,15 +448,19 @@ tal::P<CZipWriter::CFileInZipOutStream> CZipWriter::beginRaw(RawEntry const& ent
   tal::CURI const entryURI =
       m_archiveURI << tal::CURI(tal::String(), tal::String::fromUTF8(entry.name.c_str()), nullptr, nullptr, nullptr, -1,
                                 nullptr, nullptr);
+  markEntry();
+  tal::P<tal::CError> const before = m_state->bridge.getLastError();
   // The level only sets deflate's option bits, which come with the flags here: 6 sets none.
   int const result = zipOpenNewFileInZip4_64(
       m_state->handle, entry.name.c_str(), &info, local.empty() ? nullptr : local.data(),
       static_cast<uInt>(local.size()), central.empty() ? nullptr : central.data(), static_cast<uInt>(central.size()),
       entry.comment.c_str(), entry.method, 6, 1, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0,
       static_cast<uLong>(entry.versionMadeBy) & 0xFFFF, static_cast<uLong>(entry.flags & kRawFlags), 1);
-  if (!writeSucceeded(result))
-    failWrite(result, tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                                  minizipFailureProps(m_archiveURI, result), nullptr));
+  if (tal::P<tal::CError> const failure =
+          failureOf(result, before,
+                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                minizipFailureProps(m_archiveURI, result), nullptr)))
+    failEntry(failure);
   tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
   stream->m_raw = true;
   stream->m_rawCRC = entry.crc32;
@@ -459,9 +501,9 @@ void CZipWriter::copyFileFrom(CZipReader& reader) {
       tal::CMutexLock lock(m_mutex);
       bool const unfinished = out->m_open;
       if (unfinished) out->detach();
-      // The reader failed under an unfinished entry: the writer gives up as after its own failures. (A failure
-      // of the writer has rolled it back already.)
-      if (unfinished && m_state) rollBackAndThrow(error);
+      // The entry was left unfinished (by the reader's failure, or by the writer's own in a write): it is taken
+      // back as after the writer's own failures. (A failed close has taken it back already.)
+      if (unfinished && m_state) failEntry(error);
     }
     throw;
   }
@@ -497,21 +539,31 @@ std::function<bool(CZipReader& reader)> CZipWriter::omitNamed(std::vector<tal::C
 
 void CZipWriter::close() {
   tal::CMutexLock lock(m_mutex);
-  if (!m_state) return;
+  if (!m_state) {
+    // A writer that gave up after a failure committed nothing: the first close says so.
+    tal::P<tal::CError> const gaveUpFor = std::move(m_gaveUpFor);
+    if (gaveUpFor) gaveUpFor->throwClone();
+    return;
+  }
+  // An entry whose write failed is not finished into the archive: it is taken back first.
+  if (tal::P<tal::CError> const failed = m_state->entryFailure; failed && !undoEntry()) rollBackAndThrow(failed, true);
   cutOldTail();
   m_state->bridge.setSyncOnClose(m_state->atomic);
+  tal::P<tal::CError> const before = m_state->bridge.getLastError();
   // zipClose writes the comment it read at open when given none.
   int const result =
       zipClose(m_state->handle, m_options.keepArchiveComment ? nullptr : m_options.archiveComment.c_str());
   m_state->handle = nullptr; // zipClose lets go of it, also when it fails
-  if (!writeSucceeded(result))
-    failWrite(result, tal::CError(tal::String("zipClose failed"), tal::String(), -1,
-                                  minizipFailureProps(m_archiveURI, result), nullptr));
+  if (tal::P<tal::CError> const failure =
+          failureOf(result, before,
+                    tal::CError(tal::String("zipClose failed"), tal::String(), -1,
+                                minizipFailureProps(m_archiveURI, result), nullptr)))
+    rollBackAndThrow(failure, true);
   if (m_state->atomic) {
     try {
       m_fileSystem->move(m_state->target, m_archiveURI);
     } catch (std::exception& e) {
-      rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone());
+      rollBackAndThrow(tal::CStdExceptionError::exceptionToError(&e)->clone(), true);
     }
   }
   m_state.reset();
@@ -519,6 +571,7 @@ void CZipWriter::close() {
 
 void CZipWriter::discard() {
   tal::CMutexLock lock(m_mutex);
+  m_gaveUpFor = nullptr; // given up on request: nothing more to tell
   if (!m_state) return;
   std::unique_ptr<ArchiveState> state = std::move(m_state);
   undoChanges(*state);

@@ -37,6 +37,31 @@ class CParallelDeflater;
 /// hold the writer's mutex for their whole run; several threads may add
 /// entries in turn.
 ///
+/// The archive's file is opened once, through the bridge, for reading and
+/// writing without creating it (access 3, flags 0).
+///
+/// What survives a failure:
+/// - A failed beginAddFile leaves the writer open and idle, ready for another
+///   beginAddFile, and throws the error documented for it (the file system's
+///   own error, unchanged, where it failed). Nothing of the entry stays in the
+///   archive: the next entry begins where this one would have begun.
+/// - A failed write of the entry stream leaves the stream open and its
+///   position unchanged, and throws the file system's error unchanged. The
+///   entry cannot be finished any more (addition): its close() takes it back
+///   out of the archive and throws that first failure again; the writer is
+///   then idle and other entries can be added. close() of the writer with
+///   such an entry still open leaves it out too. A failed close() of the
+///   entry stream takes the entry back likewise.
+/// - A failed close() (or the destructor's close) puts the file back as it
+///   was when the writer was opened, and the writer is closed.
+/// - Only when putting back itself fails (the file system failing again) does
+///   the thrown error carry more: the message of that second failure as the
+///   property "rollbackError" (addition). The archive may then be damaged.
+///   When an entry cannot be taken back (seeking back to its start fails),
+///   the writer puts the whole file back instead and is closed.
+/// A failure that minizip itself would pass over (a file-system call failing
+/// under a call that minizip reports as successful) is a failure all the same.
+///
 /// Integrity (additions):
 /// - Before the first byte is written, the constructor reads the archive's end
 ///   record and every central header whole; an archive that minizip opens but
@@ -47,19 +72,12 @@ class CParallelDeflater;
 ///   "zipOpen2_64 failed"), and a failure of the file system while minizip
 ///   reads it is thrown even where minizip would carry on. The file is
 ///   untouched then.
-/// - One writer, from construction to close(), is one transaction. When
-///   anything fails after the writer may have changed the file (a minizip
-///   failure in beginAddFile, the entry stream's write or close, close(), the
-///   destructor's close), including a file-system failure that minizip itself
-///   would have passed over, the writer puts the file back as it was when it
-///   was opened and is closed afterwards; entries finished before the failure
-///   are gone with it. The caller gets the error documented for that call (the
-///   file system's own error where it failed). When putting the file back
-///   fails too, that error's message is added to it as "rollbackError".
-///   Putting back works from a copy, kept in memory from construction, of the
-///   file's bytes from the old central directory on (the central directory,
-///   end records and comment); a process killed meanwhile cannot put anything
-///   back: use Options::atomicReplace when that matters.
+/// - Putting the file back works from a copy, kept in memory from
+///   construction, of the file's bytes from the old central directory on (the
+///   central directory, end records and comment); a process killed meanwhile
+///   cannot put anything back: use Options::atomicReplace when that matters.
+///   Options::allOrNothing makes one writer, from construction to close(), one
+///   transaction.
 /// - close() cuts off whatever the old central directory and comment left
 ///   behind the new end record.
 class CZipWriter : public tal::TRequireNewAlloc<tal::CBase> {
@@ -80,7 +98,8 @@ public:
     /// false (the default): entries are added to the archive in place, and a
     /// failure puts the file back (see above).
     ///
-    /// true: the archive is never changed in place. The constructor checks the
+    /// true: the archive is never changed in place, and the writer is all or
+    /// nothing (see allOrNothing). The constructor checks the
     /// archive's end and central directory (so that a file minizip could not
     /// open either is refused with the "Damaged archive" and "Not a ZIP
     /// archive" errors, not "zipOpen2_64 failed"), copies the whole archive to
@@ -99,6 +118,18 @@ public:
     /// default for large archives that other copies already protect. Errors
     /// about the copy carry the copy's URI.
     bool atomicReplace = false;
+
+    /// false (the default): a failed entry is taken back alone, and the writer
+    /// goes on (see the class comment). true: the writer is one transaction
+    /// from construction to close(): any failure after it may have changed the
+    /// file (of beginAddFile, the entry stream's write or close, copyFileFrom,
+    /// close()) puts the file back as it was when the writer was opened (in
+    /// place) or removes the copy (atomicReplace), and closes the writer;
+    /// entries finished before the failure are gone with it. The failing call
+    /// throws its documented error; the first close() afterwards throws that
+    /// error again (nothing was committed), later calls do nothing, and
+    /// discard() does nothing. atomicReplace and omitEntry imply it.
+    bool allOrNothing = false;
 
     /// false (the default): entries are recorded as made by MS-DOS (version
     /// made by 0) with external attributes 0. true: as made by Unix (version
@@ -269,35 +300,26 @@ public:
   /// Writes the central directory (with an empty archive comment) and releases
   /// the archive; a second call does nothing. The writer is closed afterwards
   /// even when this fails (CError "zipClose failed" {"uri", "result"}, or the
-  /// file system's error). An entry still open is finished by minizip; its
-  /// stream then reports the archive closed.
+  /// file system's error), and the file is then put back as it was when the
+  /// writer was opened. An entry still open is finished by minizip (unless a
+  /// write of it failed: it is left out); its stream then reports the archive
+  /// closed. With Options::allOrNothing, the first call after the writer gave
+  /// up throws the failure that made it give up.
   void close();
 
   /// Addition: gives up everything this writer did and closes it: in place,
   /// the file is put back as it was when the writer was opened; with
   /// Options::atomicReplace, the copy is removed and the archive was never
   /// touched. An entry stream still open then reports the archive closed. A
-  /// second call, or a call after close(), does nothing. Throws the file
-  /// system's error when putting the file back fails (the writer is closed
-  /// all the same).
+  /// second call, or a call after close() or after the writer gave up, does
+  /// nothing. Throws the file system's error when putting the file back fails
+  /// (the writer is closed all the same).
   void discard();
 
 private:
   /// The open archive: minizip's handle, the bridge it writes through, and
-  /// what undoing the writer's changes needs.
-  struct ArchiveState {
-    explicit ArchiveState(tal::IFileSystem* fileSystem) : handle(nullptr), bridge(fileSystem) {}
-    zipFile handle; ///< null once minizip has let go of it
-    CMiniZipIO bridge;
-    /// The file minizip writes: the archive, or its copy when replacing atomically.
-    tal::CURI target;
-    bool atomic = false;
-    /// In place: the file's length at construction, and its bytes from
-    /// tailOffset (the old central directory) to the end.
-    long long oldLength = 0;
-    long long tailOffset = 0;
-    std::string tail;
-  };
+  /// what undoing the writer's changes needs (WriterState.h).
+  struct ArchiveState;
 
   void open(Options const& options);
   void openInPlace(ArchiveState& state);
@@ -330,13 +352,24 @@ private:
   /// Cuts the target at minizip's write position: what lies beyond is the old
   /// central directory, end records and comment, which close() writes anew.
   void cutOldTail();
-  /// Under the mutex, after a minizip call on the open archive: whether it
-  /// succeeded with no file-system call failing underneath.
-  bool writeSucceeded(int result) const { return result == ZIP_OK && !m_state->bridge.getLastError(); }
-  /// After a call that did not succeed: undoes the writer's changes, closes
-  /// the writer and throws the failure (see the class comment).
-  [[noreturn]] void failWrite(int result, tal::CError const& fallback);
-  [[noreturn]] void rollBackAndThrow(tal::P<tal::CError> const& error);
+  /// Under the mutex, after a minizip call on the open archive: its failure
+  /// (with `before`, the bridge's last error before the call; see
+  /// writeFailure), or null when it succeeded with no file-system call
+  /// failing underneath.
+  tal::P<tal::CError> failureOf(int result, tal::P<tal::CError> const& before, tal::CError const& fallback) const;
+  /// Records where the next entry begins; throws (nothing written) when that fails.
+  void markEntry();
+  /// Takes minizip and the file back to where the entry began; false when the
+  /// seek back failed.
+  bool undoEntry() noexcept;
+  /// After the entry failed with `error`: takes it back (or, all or nothing,
+  /// or when that fails, puts the whole file back and closes the writer), and
+  /// throws `error`.
+  [[noreturn]] void failEntry(tal::P<tal::CError> const& error);
+  /// Puts the whole file back, closes the writer and throws `error`, adding
+  /// "rollbackError" when putting back fails; unless `closing`, the writer's
+  /// next close() throws `error` again.
+  [[noreturn]] void rollBackAndThrow(tal::P<tal::CError> const& error, bool closing = false);
   /// Puts the file back as it was (in place) or removes the copy (atomic).
   void undoChanges(ArchiveState& state);
 
@@ -349,6 +382,10 @@ private:
   bool m_hasPassword;
   CompLevel m_level;
   bool m_entryOpen;
+  /// Every failure gives up the whole writer (Options::allOrNothing, atomicReplace, omitEntry).
+  bool m_allOrNothing = false;
+  /// The failure that made the writer give up, until a close() has thrown it again.
+  tal::P<tal::CError> m_gaveUpFor;
 
   friend class CFileInZipOutStream;
   friend class CParallelDeflater;

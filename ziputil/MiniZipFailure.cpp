@@ -14,8 +14,10 @@ void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal
   __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
-tal::P<tal::CError> writeFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback) {
-  if ((result == 0 || result == -1) && bridgeError) return bridgeError;
+tal::P<tal::CError> writeFailure(tal::P<tal::CError> const& before, tal::P<tal::CError> const& after, int result,
+                                 tal::CError const& fallback) {
+  if (result == 0) return after != before ? after : nullptr;
+  if (result == -1 && after) return after;
   return fallback.clone();
 }
 

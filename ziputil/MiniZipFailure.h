@@ -16,12 +16,14 @@ tal::CProps minizipFailureProps(tal::CURI const& uri, int result);
 /// error. Otherwise `fallback`, the caller's own error, is thrown as its class.
 [[noreturn]] void throwMinizipFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback);
 
-/// The error a failed minizip call that writes ends in, for an archive whose
-/// bridge had recorded no error before the call. A failure that minizip
-/// absorbed (it answered ZIP_OK although a file-system call failed
-/// underneath) is the bridge's error; otherwise the rule of
-/// throwMinizipFailure picks between the bridge's error and `fallback`.
-tal::P<tal::CError> writeFailure(tal::P<tal::CError> const& bridgeError, int result, tal::CError const& fallback);
+/// The failure of a minizip call that writes, or null when it succeeded:
+/// `before` and `after` are the bridge's last error before and after the call
+/// (the bridge keeps its newest failure, so an error is new when it is another
+/// object). A failure that minizip absorbed (it answered ZIP_OK although a
+/// file-system call failed underneath) is the new bridge error; otherwise the
+/// rule of throwMinizipFailure picks between the bridge's error and `fallback`.
+tal::P<tal::CError> writeFailure(tal::P<tal::CError> const& before, tal::P<tal::CError> const& after, int result,
+                                 tal::CError const& fallback);
 
 /// Throws after a minizip open returned no handle: the bridge's recorded error
 /// unchanged when there is one, otherwise `fallback`.

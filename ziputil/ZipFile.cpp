@@ -105,6 +105,7 @@ void CZipFile::openWriter(ZipFileMode mode, ZipFileOptions const& options) {
   }
   CZipWriter::Options writerOptions;
   writerOptions.madeByUnix = true;
+  writerOptions.allOrNothing = true; // a failed entry gives up everything this object wrote
   writerOptions.interoperableEncryption = !options.password.empty();
   bool const adding = mode == ZipFileMode::Append && exists;
   if (adding) {
@@ -131,6 +132,7 @@ void CZipFile::openWriter(ZipFileMode mode, ZipFileOptions const& options) {
 }
 
 CZipFile::~CZipFile() {
+  m_gaveUpFor = nullptr; // that failure reached its caller already
   try {
     if (std::uncaught_exceptions() > m_uncaughtAtOpen)
       discard();
@@ -228,26 +230,30 @@ tal::P<tal::IOutStream> CZipFile::beginEntry(std::string_view name, CZipWriter::
 void CZipFile::add(std::string_view name, std::string_view data, CZipWriter::EntryOptions const& options,
                    tal::CTimeFields const& time) {
   tal::CMutexLock lock(m_mutex);
+  tal::P<tal::IOutStream> out;
   try {
-    tal::P<tal::IOutStream> out = beginEntry(name, options, time);
+    out = beginEntry(name, options, time);
     writeAll(*out, data);
     out->close();
   } catch (...) {
-    rethrowWithPlace(name);
+    failWriting(name, out);
   }
 }
 
 void CZipFile::addDirectory(std::string_view name) {
   tal::CMutexLock lock(m_mutex);
+  tal::P<tal::IOutStream> out;
   try {
-    beginEntry(folderName(name), CZipWriter::EntryOptions(), tal::CTimeFields())->close();
+    out = beginEntry(folderName(name), CZipWriter::EntryOptions(), tal::CTimeFields());
+    out->close();
   } catch (...) {
-    rethrowWithPlace(name);
+    failWriting(name, out);
   }
 }
 
 void CZipFile::addFile(std::string_view name, std::string_view localPath) {
   tal::CMutexLock lock(m_mutex);
+  tal::P<tal::IOutStream> out;
   try {
     checkOpen(Kind::Writing);
     tal::CURI const uri = localFileURI(localPath);
@@ -262,7 +268,8 @@ void CZipFile::addFile(std::string_view name, std::string_view localPath) {
     options.unixMode = static_cast<int>(st.st_mode & 0177777);
     tal::CTimeFields const time = timeFieldsOf(st.st_mtime);
     if (S_ISDIR(st.st_mode)) {
-      beginEntry(folderName(name), options, time)->close();
+      out = beginEntry(folderName(name), options, time);
+      out->close();
       return;
     }
     if (!S_ISREG(st.st_mode)) {
@@ -272,13 +279,14 @@ void CZipFile::addFile(std::string_view name, std::string_view localPath) {
                                   tal::String("path is not a regular file or folder"), props);
     }
     tal::P<tal::IInOutStream> in = local->openStream(uri, tal::IFileSystem::AccessRead, 0);
-    tal::P<tal::IOutStream> out = beginEntry(name, options, time);
+    out = beginEntry(name, options, time);
     std::vector<char> buffer(kChunk);
     while (int const n = in->readLax(buffer.data(), kChunk)) out->write(buffer.data(), n, nullptr);
     out->close();
+    out = nullptr;
     in->close();
   } catch (...) {
-    rethrowWithPlace(name);
+    failWriting(name, out);
   }
 }
 
@@ -306,6 +314,27 @@ void CZipFile::finishWriting() {
   }
 }
 
+void CZipFile::failWriting(std::string_view name, tal::P<tal::IOutStream>& out) {
+  if (out) {
+    // The failure came after the entry was begun (its source or its bytes): nothing of this object's writing is
+    // kept. The entry's stream then finds the archive closed.
+    giveUpWriting();
+    try {
+      out->close();
+    } catch (...) {
+      // the archive was given up: the failure above is the one to report
+    }
+    out = nullptr;
+    try {
+      rethrowWithPlace(name);
+    } catch (...) {
+      m_gaveUpFor = std::current_exception();
+      throw;
+    }
+  }
+  rethrowWithPlace(name);
+}
+
 void CZipFile::giveUpWriting() noexcept {
   tal::P<CZipWriter> writer = std::move(m_writer);
   try {
@@ -322,6 +351,10 @@ void CZipFile::discard() { end(false); }
 
 void CZipFile::end(bool commit) {
   tal::CMutexLock lock(m_mutex);
+  // After a failure gave up what was written, the first close() says that nothing was committed.
+  std::exception_ptr const gaveUpFor = std::move(m_gaveUpFor);
+  m_gaveUpFor = nullptr;
+  if (gaveUpFor && commit) std::rethrow_exception(gaveUpFor);
   try {
     if (m_reader) {
       tal::P<CZipReader> reader = std::move(m_reader);

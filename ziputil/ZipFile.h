@@ -6,6 +6,7 @@
 #include "ziputil/CZipWriter.h"
 #include "ziputil/EntryInfo.h"
 
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,13 @@ struct ZipFileOptions {
 /// close(), makes it durable (IFileSystem::sync) and moves it over the archive
 /// (IFileSystem::move), so the old file stays whole until the new one is
 /// complete; Append goes through CZipWriter's atomic replace by default.
+///
+/// Writing is all or nothing: when adding an entry fails once the entry has
+/// begun (its source, its bytes, or the archive's file system failing, also
+/// through a stream from openNewEntry()), everything this object wrote is
+/// given up as discard() does, the object is closed, and its first close()
+/// throws that failure again. A failure before anything was written (a bad
+/// name, a local file that cannot be opened) changes nothing.
 ///
 /// Errors: the tal error family as the classes below throw them (the file
 /// system's own errors included), each with its message followed by
@@ -137,7 +145,8 @@ public:
   /// Finishes: a reader is closed; a writer writes the central directory and,
   /// for Replace, moves the new file over the archive. The object is closed
   /// afterwards even when this fails (what was written is then given up, as
-  /// discard() does). A second call does nothing.
+  /// discard() does). A second call does nothing. After a failure gave up
+  /// what was written (see below), the first call throws that failure again.
   void close();
   /// Gives up what was written (Create: the file is removed; Replace: the old
   /// file stays; Append: the archive is put back) and closes the object. Does
@@ -163,6 +172,10 @@ private:
   void end(bool commit);
   void finishWriting();
   void giveUpWriting() noexcept;
+  /// After a writing operation failed: when its entry `out` was begun, gives
+  /// up everything written (the object is closed, and its first close() throws
+  /// the failure again); rethrows the failure with its place.
+  [[noreturn]] void failWriting(std::string_view name, tal::P<tal::IOutStream>& out);
   /// Rethrows the exception in flight with " (<place>[: <name>])" added to a CError's message.
   [[noreturn]] void rethrowWithPlace(std::string_view name) const;
 
@@ -176,6 +189,8 @@ private:
   tal::P<CZipReader> m_reader;
   tal::P<CZipWriter> m_writer;
   int m_uncaughtAtOpen;
+  /// The failure that gave up the writing, until close() or discard().
+  std::exception_ptr m_gaveUpFor;
 };
 
 } // namespace ziputil

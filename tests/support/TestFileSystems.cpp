@@ -247,15 +247,23 @@ std::set<std::string> CRecordingFileSystem::existing() const {
   return result;
 }
 
+std::vector<std::string> CRecordingFileSystem::openCalls() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_openCalls;
+}
+
 void CRecordingFileSystem::clear() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_opened.clear();
+  m_openCalls.clear();
 }
 
 tal::P<tal::IInOutStream> CRecordingFileSystem::openStream(tal::CURI const& uri, int access, int const& flags) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_opened.emplace(uri.toString(true).toUTF8(), uri);
+    std::string const text = uri.toString(true).toUTF8();
+    m_opened.emplace(text, uri);
+    m_openCalls.push_back(text + " access " + std::to_string(access) + " flags " + std::to_string(flags));
   }
   return m_inner->openStream(uri, access, flags);
 }

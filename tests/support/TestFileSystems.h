@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -114,6 +115,8 @@ public:
   std::set<std::string> opened() const;
   /// Of those, the ones that exist in the inner file system now.
   std::set<std::string> existing() const;
+  /// Every openStream call so far, in order: "<uri> access <access> flags <flags>".
+  std::vector<std::string> openCalls() const;
   void clear();
 
   tal::P<tal::IInOutStream> openStream(tal::CURI const& uri, int access, int const& flags) override;
@@ -126,6 +129,7 @@ private:
   tal::P<tal::IFileSystem> m_inner;
   mutable std::mutex m_mutex;
   std::map<std::string, tal::CURI> m_opened;
+  std::vector<std::string> m_openCalls;
 };
 
 } // namespace testsupport

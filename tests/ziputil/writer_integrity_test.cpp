@@ -99,6 +99,28 @@ void expectWriterClosed(CZipWriter& writer, tal::CURI const& archive) {
   EXPECT_NO_THROW(writer.close());
 }
 
+/// Expects a writer that gave up everything after `failure`: beginAddFile refuses, the first close() throws
+/// `failure` again (nothing was committed), later calls are quiet.
+void expectGaveUp(CZipWriter& writer, tal::CURI const& archive, tal::CError const& failure) {
+  testsupport::expectIOError([&] { writer.beginAddFile(entryURI("late"), tal::CTimeFields()); },
+                             tal::CIOError::StreamClosed, "ZIP file already closed", archive);
+  try {
+    writer.close();
+    ADD_FAILURE() << "close after giving up succeeded";
+  } catch (tal::CError const& e) {
+    expectSameError(e, failure);
+  }
+  EXPECT_NO_THROW(writer.close());
+  EXPECT_NO_THROW(writer.discard());
+}
+
+/// Expects a closed entry stream: writing refuses with StreamClosed, close is quiet.
+void expectStreamClosed(tal::IOutStream& out) {
+  testsupport::expectIOError([&] { out.write("x", 1, nullptr); }, tal::CIOError::StreamClosed,
+                             tal::CIOError::getDefaultMessage(tal::CIOError::StreamClosed).toUTF8(), tal::CProps());
+  EXPECT_NO_THROW(out.close());
+}
+
 /// Expects the entry stream's next write to report the archive closed, and its close then to be quiet.
 void expectArchiveClosedOnWrite(tal::IOutStream& out, tal::CURI const& entry) {
   try {
@@ -566,6 +588,21 @@ protected:
     EXPECT_TRUE(memory->getFile(uri) == original);
     EXPECT_EQ(recording->existing(), (std::set<std::string>{utf8(uri.toString(true))}));
   }
+  /// After an entry failed with `failure` (the writer had finished "c"): in place, the writer is idle and goes
+  /// on ("e" is added, and the archive closed holds the old entries, "c" and "e", nothing of the failed
+  /// entry); replacing atomically, it gave up everything.
+  void expectAfterEntryFailure(CZipWriter& writer, tal::CError const& failure) {
+    EXPECT_TRUE(faulty->fired());
+    if (atomic()) {
+      expectPutBack();
+      expectGaveUp(writer, uri, failure);
+      return;
+    }
+    testsupport::addEntry(writer, "e", "after the failure");
+    writer.close();
+    EXPECT_EQ(intactEntryNames(memory->getFile(uri)), "a,b,c,e");
+    EXPECT_EQ(recording->existing(), (std::set<std::string>{utf8(uri.toString(true))}));
+  }
 
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
   tal::P<testsupport::CRecordingFileSystem> recording = tal::newObj<testsupport::CRecordingFileSystem>(memory.get());
@@ -582,15 +619,15 @@ TEST_P(RollbackTest, FailedBeginAddFile) {
     writer->beginAddFile(entryURI("d"), tal::CTimeFields());
     ADD_FAILURE() << "beginAddFile succeeded";
   } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write));
+    expectSameError(e, injected(CFaultyFileSystem::Write)); // unchanged: no property added
   }
-  expectPutBack();
-  expectWriterClosed(*writer, uri);
+  expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
 
 TEST_P(RollbackTest, FailedEntryWrite) {
   auto writer = writerWithOneEntry(faulty.get());
   auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
+  out->write("first", 5, nullptr);
   std::string const data = noise(100000, 4); // deflate hands minizip more than its 64 KiB buffer holds
   armNext(CFaultyFileSystem::Write);
   try {
@@ -599,9 +636,21 @@ TEST_P(RollbackTest, FailedEntryWrite) {
   } catch (tal::CError const& e) {
     expectSameError(e, injected(CFaultyFileSystem::Write));
   }
-  expectPutBack();
-  expectArchiveClosedOnWrite(*out, uri << entryURI("d"));
-  expectWriterClosed(*writer, uri);
+  if (atomic()) {
+    expectArchiveClosedOnWrite(*out, uri << entryURI("d"));
+  } else {
+    // The stream stays open, where it was; its close takes the entry back and reports the failure.
+    EXPECT_EQ(out->getPosition(), 5);
+    EXPECT_EQ(out->getLength(), 5);
+    try {
+      out->close();
+      ADD_FAILURE() << "the spoiled entry's close succeeded";
+    } catch (tal::CError const& e) {
+      expectSameError(e, injected(CFaultyFileSystem::Write));
+    }
+    expectStreamClosed(*out);
+  }
+  expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
 
 TEST_P(RollbackTest, FailedEntryClose) {
@@ -615,11 +664,8 @@ TEST_P(RollbackTest, FailedEntryClose) {
   } catch (tal::CError const& e) {
     expectSameError(e, injected(CFaultyFileSystem::Write));
   }
-  expectPutBack();
-  testsupport::expectIOError([&] { out->write("x", 1, nullptr); }, tal::CIOError::StreamClosed,
-                             tal::CIOError::getDefaultMessage(tal::CIOError::StreamClosed).toUTF8(), tal::CProps());
-  EXPECT_NO_THROW(out->close());
-  expectWriterClosed(*writer, uri);
+  expectStreamClosed(*out);
+  expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
 
 TEST_P(RollbackTest, FailedWriterClose) {
@@ -679,12 +725,11 @@ TEST_P(RollbackTest, FailedRollbackAddsItsErrorToTheFirstFailure) {
   char const* const rollbackMessage = atomic() ? "Device gone: remove" : "Device gone: write";
   auto broken = tal::newObj<testsupport::CBrokenAfterFaultFileSystem>(faulty.get(), breaks);
   auto writer = writerWithOneEntry(broken.get());
-  auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
-  out->write("small", 5, nullptr);
-  armNext(CFaultyFileSystem::Write);
+  testsupport::addEntry(*writer, "d", "dee");
+  armNext(CFaultyFileSystem::Write); // the central directory
   try {
-    out->close();
-    ADD_FAILURE() << "the entry's close succeeded";
+    writer->close();
+    ADD_FAILURE() << "close succeeded";
   } catch (tal::CError const& e) {
     expectSameError(e, withRollbackError(injected(CFaultyFileSystem::Write), rollbackMessage));
   }
@@ -696,6 +741,23 @@ TEST_P(RollbackTest, FailedRollbackAddsItsErrorToTheFirstFailure) {
   } else {
     EXPECT_FALSE(memory->getFile(uri) == original); // what could not be put back
   }
+}
+
+TEST_P(RollbackTest, AnEntryFailureAfterWhichTheWriterIsDestroyedKeepsWhatItMust) {
+  // The owner lets go of the writer after the failure: in place its destructor commits the other entries;
+  // replacing atomically, nothing was committed.
+  auto writer = writerWithOneEntry(faulty.get());
+  armNext(CFaultyFileSystem::Write);
+  EXPECT_THROW(writer->beginAddFile(entryURI("d"), tal::CTimeFields()), testsupport::CInjectedError);
+  destructorReport::classes.clear();
+  auto const previous = tal::setDestructorExceptionHandler(&destructorReport::handler);
+  writer = nullptr;
+  tal::setDestructorExceptionHandler(previous);
+  EXPECT_EQ(destructorReport::classes, ""); // the failure reached its caller: the destructor has nothing to report
+  if (atomic())
+    expectPutBack();
+  else
+    EXPECT_EQ(intactEntryNames(memory->getFile(uri)), "a,b,c");
 }
 
 TEST_P(RollbackTest, OpensFailingAfterTheFault) {
@@ -778,6 +840,116 @@ TEST_P(RollbackTest, AStubInFrontOfTheArchiveStaysAndIsPutBack) {
 INSTANTIATE_TEST_SUITE_P(Modes, RollbackTest, ::testing::Values(false, true),
                          [](auto const& info) { return std::string(info.param ? "Atomic" : "InPlace"); });
 
+/// In place, a failed entry is taken back alone: what the writer then does.
+class InPlaceFailureTest : public RollbackTest {};
+
+TEST_P(InPlaceFailureTest, TheArchiveIsOpenedOnceForReadingAndWritingWithoutCreate) {
+  recording->clear();
+  auto writer = writerWithOneEntry(recording.get());
+  testsupport::addEntry(*writer, "d", "dee");
+  writer->close();
+  EXPECT_EQ(recording->openCalls(), std::vector<std::string>{"mem:/rollback.zip access 3 flags 0"});
+  EXPECT_EQ(intactEntryNames(memory->getFile(uri)), "a,b,c,d");
+}
+
+TEST_P(InPlaceFailureTest, AfterAFailedBeginAddFileAFailedCloseThrowsTheFileSystemsNewError) {
+  auto writer = writerWithOneEntry(faulty.get());
+  armNext(CFaultyFileSystem::Write);
+  EXPECT_THROW(writer->beginAddFile(entryURI("d"), tal::CTimeFields()), testsupport::CInjectedError);
+  armNext(CFaultyFileSystem::Write); // the central directory
+  try {
+    writer->close();
+    ADD_FAILURE() << "close succeeded";
+  } catch (tal::CError const& e) {
+    expectSameError(e, injected(CFaultyFileSystem::Write)); // the second fault, not the first
+  }
+  expectPutBack();
+  expectWriterClosed(*writer, uri);
+}
+
+TEST_P(InPlaceFailureTest, WritesAfterAFailedWriteGoOnButTheEntryIsNotKept) {
+  auto writer = writerWithOneEntry(faulty.get());
+  auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
+  std::string const data = noise(100000, 4);
+  armNext(CFaultyFileSystem::Write);
+  long long const firstFault = armedN;
+  EXPECT_THROW(out->write(data.data(), static_cast<int>(data.size()), nullptr), testsupport::CInjectedError);
+  out->write("more", 4, nullptr); // minizip takes it: the position moves on
+  EXPECT_EQ(out->getPosition(), 4);
+  armedN = firstFault;
+  try {
+    out->close();
+    ADD_FAILURE() << "the spoiled entry's close succeeded";
+  } catch (tal::CError const& e) {
+    expectSameError(e, injected(CFaultyFileSystem::Write)); // the first failure
+  }
+  expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
+}
+
+TEST_P(InPlaceFailureTest, ClosingTheWriterLeavesOutAnOpenEntryWhoseWriteFailed) {
+  auto writer = writerWithOneEntry(faulty.get());
+  auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
+  std::string const data = noise(100000, 4);
+  armNext(CFaultyFileSystem::Write);
+  EXPECT_THROW(out->write(data.data(), static_cast<int>(data.size()), nullptr), testsupport::CInjectedError);
+  writer->close();
+  EXPECT_EQ(intactEntryNames(memory->getFile(uri)), "a,b,c");
+  tal::CIOError const cause(tal::CIOError::WriteFailed,
+                            tal::String("Cannot close file in ZIP archive - archive has already been closed"),
+                            tal::uriProps(uri << entryURI("d")), nullptr);
+  try {
+    out->close();
+    ADD_FAILURE() << "the entry's close succeeded";
+  } catch (tal::CError const& e) {
+    expectSameError(e, tal::CFileSystemError(tal::CFileSystemError::Unspecified, cause));
+  }
+}
+
+TEST_P(InPlaceFailureTest, AnEntryThatCannotBeTakenBackPutsTheWholeFileBack) {
+  auto writer = writerWithOneEntry(faulty.get());
+  auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
+  std::string const data = noise(100000, 4);
+  armNext(CFaultyFileSystem::Write);
+  long long const writeFault = armedN;
+  EXPECT_THROW(out->write(data.data(), static_cast<int>(data.size()), nullptr), testsupport::CInjectedError);
+  armNext(CFaultyFileSystem::Seek); // the seek back to where the entry began
+  try {
+    out->close();
+    ADD_FAILURE() << "the spoiled entry's close succeeded";
+  } catch (tal::CError const& e) {
+    armedN = writeFault;
+    expectSameError(e, injected(CFaultyFileSystem::Write)); // the entry's own failure, unchanged
+  }
+  expectPutBack();
+  expectGaveUp(*writer, uri, injected(CFaultyFileSystem::Write));
+}
+
+TEST_P(InPlaceFailureTest, AFailedCopyOfAnEntryIsTakenBack) {
+  // copyFileFrom: the reader fails under the unfinished entry (its archive's file is gone).
+  tal::CURI const source(tal::String("mem:/source.zip"));
+  auto sourceWriter = testsupport::newArchiveWriter(memory.get(), source);
+  testsupport::addEntry(*sourceWriter, "x", noise(200000, 7));
+  sourceWriter->close();
+  auto sourceFaulty = tal::newObj<CFaultyFileSystem>(memory.get());
+  auto reader = tal::newObj<ziputil::CZipReader>(sourceFaulty.get(), source, tal::String());
+  ASSERT_TRUE(reader->nextFile());
+  auto writer = writerWithOneEntry(faulty.get());
+  sourceFaulty->failNth(CFaultyFileSystem::Read, sourceFaulty->count(CFaultyFileSystem::Read) + 3);
+  try {
+    writer->copyFileFrom(*reader);
+    ADD_FAILURE() << "the copy succeeded";
+  } catch (tal::CError const& e) {
+    EXPECT_EQ(typeid(e), typeid(testsupport::CInjectedError)) << e.what();
+  }
+  EXPECT_TRUE(sourceFaulty->fired());
+  testsupport::addEntry(*writer, "e", "after the failure");
+  writer->close();
+  EXPECT_EQ(intactEntryNames(memory->getFile(uri)), "a,b,c,e");
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, InPlaceFailureTest, ::testing::Values(false),
+                         [](auto const&) { return std::string("InPlace"); });
+
 // ---- a full disk --------------------------------------------------------------
 
 class DiskFullTest : public ::testing::TestWithParam<bool> {
@@ -790,8 +962,10 @@ protected:
     original = memory->getFile(uri);
   }
 
-  /// Adds the entry "big" through `fs`; returns the error that stopped it (null when none did) and checks that no
-  /// call after it succeeds. The call that failed goes to `failed`.
+  /// Adds the entry "big" through `fs`; returns the error that stopped it (null when none did), the call that
+  /// failed going to `failed`. Afterwards, in place, a failed entry is closed (reporting the same failure) and
+  /// the writer closed (which succeeds: nothing of the entry is left to write); replacing atomically, the
+  /// writer gave up everything.
   tal::P<tal::CError> addBig(tal::IFileSystem* fs, std::string* failed = nullptr) {
     tal::P<CZipWriter> writer;
     tal::P<tal::IOutStream> out;
@@ -810,8 +984,23 @@ protected:
       return nullptr;
     } catch (tal::CError const& e) {
       if (failed) *failed = std::vector<std::string>{"construct", "begin", "write", "streamClose", "writerClose"}.at(step);
-      if (step == 2) expectArchiveClosedOnWrite(*out, uri << entryURI("big"));
-      if (writer) expectWriterClosed(*writer, uri);
+      if (GetParam() && step == 2) expectArchiveClosedOnWrite(*out, uri << entryURI("big"));
+      if (!GetParam() && step == 2) {
+        try {
+          out->close();
+          ADD_FAILURE() << "the spoiled entry's close succeeded";
+        } catch (tal::CError const& again) {
+          expectSameError(again, e);
+        }
+      }
+      if (writer && (step == 4 || GetParam()) && step > 0) {
+        if (step == 4)
+          expectWriterClosed(*writer, uri);
+        else
+          expectGaveUp(*writer, uri, e);
+      } else if (writer) {
+        EXPECT_NO_THROW(writer->close());
+      }
       return e.clone();
     }
   }

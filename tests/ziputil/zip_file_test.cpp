@@ -4,6 +4,7 @@
 #include "ziputil/ZipFile.h"
 
 #include "support/FaultyFileSystem.h"
+#include "support/TestFileSystems.h"
 #include "support/TempDir.h"
 #include "support/WriterChecks.h"
 #include "support/ZipFixtures.h"
@@ -12,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -353,6 +355,83 @@ TEST_F(ZipFileTest, AddFileRefusesWhatIsNotAFileAndReportsTheFileSystemsError) {
 
 /// A failure at every file-system call while replacing an archive leaves the
 /// old archive whole and nothing beside it.
+TEST_F(ZipFileTest, AFailedAddGivesUpEverythingAndTheNextCloseSaysSo) {
+  // The caller catches the failure and closes anyway: nothing of what it wrote may be committed.
+  using testsupport::CFaultyFileSystem;
+  for (ZipFileMode const mode : {ZipFileMode::Create, ZipFileMode::Replace, ZipFileMode::Append}) {
+    for (bool const throughStream : {false, true}) {
+     for (bool const inData : {false, true}) { // the fault hits the entry's local header, or its data
+      SCOPED_TRACE(std::to_string(static_cast<int>(mode)) + (throughStream ? " stream " : " add ") + (inData ? "data" : "header"));
+      auto memory = tal::newObj<tal::CMemoryFileSystem>();
+      tal::CURI const uri(tal::String("mem:/g.zip"));
+      std::string old;
+      if (mode != ZipFileMode::Create) {
+        auto zip = CZipFile::open(memory.get(), uri, ZipFileMode::Create);
+        zip->add("old.txt", "old");
+        zip->close();
+        old = memory->getFile(uri);
+      }
+      auto recording = tal::newObj<testsupport::CRecordingFileSystem>(memory.get());
+      auto faulty = tal::newObj<CFaultyFileSystem>(recording.get());
+      ZipFileOptions options;
+      options.atomic = false; // Append in place: the writer puts the archive back itself
+      auto zip = CZipFile::open(faulty.get(), uri, mode, options);
+      std::string big(300000, '\0'); // deflate cannot shrink it: its data is written while it is added
+      std::mt19937 random(5);
+      for (char& c : big) c = static_cast<char>(random() & 0xff);
+      // The first entry, as large, tells how many writes a local header takes.
+      long long const before = faulty->count(CFaultyFileSystem::Write);
+      auto first = zip->openNewEntry("first.txt");
+      long long const headerWrites = faulty->count(CFaultyFileSystem::Write) - before;
+      first->write(big.data(), static_cast<int>(big.size()), nullptr);
+      first->close();
+      faulty->failNth(CFaultyFileSystem::Write, faulty->count(CFaultyFileSystem::Write) + (inData ? headerWrites + 2 : 1));
+      tal::P<tal::CError> failure;
+      tal::P<tal::IOutStream> out;
+      try {
+        if (throughStream) {
+          out = zip->openNewEntry("second.txt");
+          out->write(big.data(), static_cast<int>(big.size()), nullptr);
+        } else {
+          zip->add("second.txt", big);
+        }
+        ADD_FAILURE() << "the add succeeded";
+      } catch (testsupport::CInjectedError const& e) {
+        failure = e.clone();
+      }
+      ASSERT_TRUE(failure);
+      EXPECT_TRUE(faulty->fired());
+      auto const& injected = *dynamic_cast<testsupport::CInjectedError*>(failure.get());
+      if (throughStream || !inData) {
+        // The writer underneath gave up: the stream finds it closed, later adds are refused, and close() reports
+        // the failure, placed at the archive.
+        if (out) {
+          EXPECT_THROW(out->close(), tal::CFileSystemError);
+        }
+        EXPECT_THROW(zip->add("third.txt", "third"), tal::CIOError);
+        std::string const unplaced = utf8(injected.getMessage()).substr(0, utf8(injected.getMessage()).find(" ("));
+        testsupport::CInjectedError bare = injected;
+        bare.setMessage(tal::String::fromUTF8(unplaced));
+        expectError([&] { zip->close(); }, placed(bare, "mem:/g.zip"));
+      } else {
+        expectError([&] { zip->add("third.txt", "third"); },
+                    placed(tal::CIOError(tal::CIOError::StreamClosed, tal::String("ZIP file already closed"),
+                                         tal::uriProps(uri), nullptr),
+                           "mem:/g.zip: third.txt"));
+        expectError([&] { zip->close(); }, *dynamic_cast<testsupport::CInjectedError*>(failure.get()));
+      }
+      EXPECT_NO_THROW(zip->close());
+      if (mode == ZipFileMode::Create)
+        EXPECT_FALSE(memory->exists(uri));
+      else
+        EXPECT_TRUE(memory->getFile(uri) == old);
+      // No copy left beside it (Append in place opened the archive itself; Create's file is gone).
+      EXPECT_EQ(recording->existing().size(), mode == ZipFileMode::Append ? 1u : 0u);
+     }
+    }
+  }
+}
+
 TEST_F(ZipFileTest, AFaultAtEveryCallWhileReplacingKeepsTheOldArchive) {
   auto memory = tal::newObj<tal::CMemoryFileSystem>();
   tal::CURI const uri(tal::String("mem:/r.zip"));
