@@ -95,8 +95,9 @@ public:
 
   /// Addition: how the writer commits.
   struct Options {
-    /// false (the default): entries are added to the archive in place, and a
-    /// failure puts the file back (see above).
+    /// false (the default): entries are added to the archive in place; a
+    /// failed entry is taken back, a failed close() puts the file back (see
+    /// above).
     ///
     /// true: the archive is never changed in place, and the writer is all or
     /// nothing (see allOrNothing). The constructor checks the
@@ -241,9 +242,10 @@ public:
   /// beginAddRawFile, and the bytes of reader.openCurrentFileRawStream() to
   /// its stream. An encrypted entry is copied encrypted, without a password.
   /// An entry stored with a DOS date of 0 is written with minizip's date of an
-  /// empty time (0x00200000). Throws what those calls throw (the reader's
-  /// errors leave this writer rolled back, as any failure while an entry is
-  /// open); the reader is positioned as before, its raw stream closed.
+  /// empty time (0x00200000). Throws what those calls throw; when the reader
+  /// fails under the unfinished entry, the entry is taken back as after the
+  /// writer's own failures (and the writer gives up with allOrNothing); the
+  /// reader is positioned as before, its raw stream closed.
   /// Entries of any method are copied, also those this library cannot read.
   void copyFileFrom(CZipReader& reader);
 
