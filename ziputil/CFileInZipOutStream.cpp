@@ -59,8 +59,8 @@ void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWr
   if (size == 0 && data == nullptr) data = &kNothing;
   tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
   int const result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
-  if (tal::P<tal::CError> const failure =
-          writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result))) {
+  if (!writer->succeeded(result, before)) {
+    tal::P<tal::CError> const failure = writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result));
     // The stream stays open and its position as it was; the entry cannot be finished any more: its close
     // reports the first failure and takes the entry back.
     if (writer->m_allOrNothing) writer->rollBackAndThrow(failure);
@@ -83,9 +83,9 @@ void CZipWriter::CFileInZipOutStream::close() {
   tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
   int const result = m_raw ? zipCloseFileInZipRaw64(writer->m_state->handle, m_rawSize, m_rawCRC)
                            : zipCloseFileInZip(writer->m_state->handle);
-  if (tal::P<tal::CError> const failure = writer->failureOf(
-          result, before, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result)))
-    writer->failEntry(failure);
+  if (!writer->succeeded(result, before))
+    writer->failEntry(writer->failureOf(
+        result, before, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result)));
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

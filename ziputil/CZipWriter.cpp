@@ -265,6 +265,10 @@ void CZipWriter::rollBackAndThrow(tal::P<tal::CError> const& error, bool closing
   __builtin_unreachable(); // throwClone never returns; virtual calls lose the attribute
 }
 
+bool CZipWriter::succeeded(int result, tal::P<tal::CError> const& before) const {
+  return result == ZIP_OK && m_state->bridge.getLastError() == before;
+}
+
 tal::P<tal::CError> CZipWriter::failureOf(int result, tal::P<tal::CError> const& before,
                                           tal::CError const& fallback) const {
   return writeFailure(before, m_state->bridge.getLastError(), result, fallback);
@@ -273,13 +277,13 @@ tal::P<tal::CError> CZipWriter::failureOf(int result, tal::P<tal::CError> const&
 void CZipWriter::markEntry() {
   tal::P<tal::CError> const before = m_state->bridge.getLastError();
   int const result = ziputil_zipMarkEntry(m_state->handle, &m_state->entryMark);
-  if (tal::P<tal::CError> const failure =
-          failureOf(result, before,
-                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                                minizipFailureProps(m_archiveURI, result), nullptr))) {
-    if (m_allOrNothing) rollBackAndThrow(failure);
-    failure->throwClone(); // nothing of the entry was written
-  }
+  if (succeeded(result, before)) return;
+  tal::P<tal::CError> const failure =
+      failureOf(result, before,
+                tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                            minizipFailureProps(m_archiveURI, result), nullptr));
+  if (m_allOrNothing) rollBackAndThrow(failure);
+  failure->throwClone(); // nothing of the entry was written
 }
 
 bool CZipWriter::undoEntry() noexcept {
@@ -369,11 +373,10 @@ tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArc
   markEntry();
   tal::P<tal::CError> const before = m_state->bridge.getLastError();
   int const result = openEntry(relativeURIInArchive, time, options, raw);
-  if (tal::P<tal::CError> const failure =
-          failureOf(result, before,
-                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                                minizipFailureProps(m_archiveURI, result), nullptr)))
-    failEntry(failure);
+  if (!succeeded(result, before))
+    failEntry(failureOf(result, before,
+                        tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                    minizipFailureProps(m_archiveURI, result), nullptr)));
   tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
   if (raw) {
     stream->m_raw = true;
@@ -456,11 +459,10 @@ tal::P<CZipWriter::CFileInZipOutStream> CZipWriter::beginRaw(RawEntry const& ent
       static_cast<uInt>(local.size()), central.empty() ? nullptr : central.data(), static_cast<uInt>(central.size()),
       entry.comment.c_str(), entry.method, 6, 1, -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY, nullptr, 0,
       static_cast<uLong>(entry.versionMadeBy) & 0xFFFF, static_cast<uLong>(entry.flags & kRawFlags), 1);
-  if (tal::P<tal::CError> const failure =
-          failureOf(result, before,
-                    tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
-                                minizipFailureProps(m_archiveURI, result), nullptr)))
-    failEntry(failure);
+  if (!succeeded(result, before))
+    failEntry(failureOf(result, before,
+                        tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
+                                    minizipFailureProps(m_archiveURI, result), nullptr)));
   tal::P<CFileInZipOutStream> stream(tal::newObj<CFileInZipOutStream>(this, entryURI));
   stream->m_raw = true;
   stream->m_rawCRC = entry.crc32;
@@ -554,11 +556,11 @@ void CZipWriter::close() {
   int const result =
       zipClose(m_state->handle, m_options.keepArchiveComment ? nullptr : m_options.archiveComment.c_str());
   m_state->handle = nullptr; // zipClose lets go of it, also when it fails
-  if (tal::P<tal::CError> const failure =
-          failureOf(result, before,
-                    tal::CError(tal::String("zipClose failed"), tal::String(), -1,
-                                minizipFailureProps(m_archiveURI, result), nullptr)))
-    rollBackAndThrow(failure, true);
+  if (!succeeded(result, before))
+    rollBackAndThrow(failureOf(result, before,
+                               tal::CError(tal::String("zipClose failed"), tal::String(), -1,
+                                           minizipFailureProps(m_archiveURI, result), nullptr)),
+                     true);
   if (m_state->atomic) {
     try {
       m_fileSystem->move(m_state->target, m_archiveURI);

@@ -354,10 +354,11 @@ private:
   /// Cuts the target at minizip's write position: what lies beyond is the old
   /// central directory, end records and comment, which close() writes anew.
   void cutOldTail();
-  /// Under the mutex, after a minizip call on the open archive: its failure
-  /// (with `before`, the bridge's last error before the call; see
-  /// writeFailure), or null when it succeeded with no file-system call
-  /// failing underneath.
+  /// Under the mutex, after a minizip call on the open archive (`before` is
+  /// the bridge's last error before the call): whether it succeeded with no
+  /// file-system call failing underneath.
+  bool succeeded(int result, tal::P<tal::CError> const& before) const;
+  /// After such a call that did not succeed: its failure (see writeFailure).
   tal::P<tal::CError> failureOf(int result, tal::P<tal::CError> const& before, tal::CError const& fallback) const;
   /// Records where the next entry begins; throws (nothing written) when that fails.
   void markEntry();
