@@ -11,7 +11,7 @@ packages=(
   zlib1g-dev libisal-dev libwxgtk3.2-dev gettext
   googletest libgtest-dev libgmock-dev libzip-dev
   zip unzip libarchive-tools p7zip-full python3
-  dpkg-dev file
+  dpkg-dev file patch
   clang libclang-rt-dev
 )
 

@@ -303,6 +303,34 @@ TEST_F(RawCopyTest, RawStreamGivesTheStoredBytesAndHoldsTheReader) {
   }
 }
 
+TEST_F(RawCopyTest, Zip64SizesKeepTheSystemThatMadeTheEntry) {
+  // An entry of 5 GiB (as its raw sizes say) needs Zip64 sizes in its central header: the version needed
+  // becomes 4.5, and the high byte of version made by still names Unix.
+  tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
+  tal::CURI const uri(tal::String("mem:/zip64.zip"));
+  auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+  CZipWriter::RawEntry entry;
+  entry.name = "huge.bin";
+  entry.method = 8;
+  entry.crc32 = 0x12345678;
+  entry.uncompressedSize = 5ULL << 30;
+  entry.versionMadeBy = 0x031E;
+  entry.externalAttributes = 0100644UL << 16;
+  auto out = writer->beginAddRawFile(entry);
+  out->write("\x03\x00", 2, nullptr);
+  out->close();
+  writer->close();
+  std::string const bytes = memory->getFile(uri);
+  std::size_t const central = bytes.rfind(std::string("PK\x01\x02", 4));
+  ASSERT_NE(central, std::string::npos);
+  auto field = [&](std::size_t at) {
+    return static_cast<unsigned>(static_cast<unsigned char>(bytes[at])) |
+           static_cast<unsigned>(static_cast<unsigned char>(bytes[at + 1])) << 8;
+  };
+  EXPECT_EQ(field(central + 4), 0x032Du); // made by Unix, version 4.5
+  EXPECT_EQ(field(central + 6), 45u);     // needed: 4.5
+}
+
 TEST_F(RawCopyTest, RawEntryArgumentsAreCheckedBeforeAnythingIsWritten) {
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
   tal::CURI const uri(tal::String("mem:/raw.zip"));
