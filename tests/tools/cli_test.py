@@ -3,6 +3,7 @@
 ZIPUTIL_PROGRAM names the program under test. Every test works in its own
 temporary folder on real files, and checks output and exit status.
 """
+import atexit
 import json
 import os
 import re
@@ -30,6 +31,51 @@ def run(*args, cwd=None, stdin=None, timeout=120):
                               timeout=timeout, env=ENVIRONMENT)
     return subprocess.run([PROGRAM, *args], cwd=cwd, input=stdin, capture_output=True, timeout=timeout,
                           env=ENVIRONMENT)
+
+
+NOBODY = 65534
+_program_for_nobody = None
+
+
+def program_for_nobody():
+    """The program as an ordinary user (65534) can run it, wherever the build lives.
+
+    The installed tree may sit in a folder only its owner can enter (a checkout
+    under root's home, or in a mktemp -d folder), so the program and the
+    libraries beside it (bin/ and lib/ of the installed tree, which find each
+    other through the relative run path) are copied once into a temporary
+    folder that everybody may enter; the copy is checked to run as that user."""
+    global _program_for_nobody
+    if _program_for_nobody is None:
+        installed = os.path.dirname(os.path.dirname(os.path.realpath(shutil.which(PROGRAM) or PROGRAM)))
+        copy = tempfile.mkdtemp(prefix="ziputil-nobody-")
+        os.chmod(copy, 0o755)
+        shutil.copytree(os.path.join(installed, "bin"), os.path.join(copy, "bin"), symlinks=True)
+        shutil.copytree(os.path.join(installed, "lib"), os.path.join(copy, "lib"), symlinks=True,
+                        ignore=shutil.ignore_patterns("cmake", "pkgconfig"))
+        for folder, names, _ in os.walk(copy):
+            os.chmod(folder, 0o755)
+        program = os.path.join(copy, "bin", os.path.basename(PROGRAM))
+        check = subprocess.run(["setpriv", "--reuid=%d" % NOBODY, "--regid=%d" % NOBODY, "--clear-groups", program,
+                                "--version"], cwd="/", capture_output=True, timeout=60)
+        if check.returncode != 0:
+            raise AssertionError("user %d cannot run the copy of the program in %s: exit %d, %r"
+                                 % (NOBODY, copy, check.returncode, check.stderr))
+        _program_for_nobody = program
+    return _program_for_nobody
+
+
+def run_as_nobody(*args, cwd):
+    """Runs the program as user 65534 (root reads every file: an ordinary user does not)."""
+    return subprocess.run(["setpriv", "--reuid=%d" % NOBODY, "--regid=%d" % NOBODY, "--clear-groups",
+                           program_for_nobody(), *args], cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True,
+                          timeout=120, env=ENVIRONMENT)
+
+
+@atexit.register
+def remove_program_for_nobody():
+    if _program_for_nobody is not None:
+        shutil.rmtree(os.path.dirname(os.path.dirname(_program_for_nobody)), ignore_errors=True)
 
 
 def unzip_tests_every_entry(archive):
@@ -1662,10 +1708,6 @@ class AddIntegrityTest(CliTestCase):
                     self.assertEqual(f.read(), data)
                 self.assertEqual(leftovers(self.dir, "old.zip"), [])
 
-    def run_as_nobody(self, *args):
-        return subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PROGRAM, *args],
-                              cwd=self.dir, capture_output=True, timeout=120)
-
     def test_unreadable_input_is_named_and_skipped(self):
         archive, _ = self.old_archive()
         self.write("in/a.txt", b"readable a")
@@ -1676,7 +1718,7 @@ class AddIntegrityTest(CliTestCase):
             for path in (self.dir, self.path("in")):
                 os.chmod(path, 0o777)
             os.chmod(archive, 0o666)
-            result = self.run_as_nobody("add", archive, "in")
+            result = run_as_nobody("add", archive, "in", cwd=self.dir)
         else:
             result = run("add", archive, "in", cwd=self.dir)
         self.assertResult(result, 1)
@@ -2307,8 +2349,7 @@ class ParallelAddTest(CliTestCase):
         if os.getuid() == 0:  # root reads everything: run the program as an ordinary user
             os.chmod(self.dir, 0o777)
             os.chmod(self.path("in"), 0o777)
-            result = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PROGRAM, "add",
-                                     "-j", "4", archive, "in"], cwd=self.dir, capture_output=True, timeout=120)
+            result = run_as_nobody("add", "-j", "4", archive, "in", cwd=self.dir)
         else:
             result = run("add", "-j", "4", archive, "in", cwd=self.dir)
         self.assertResult(result, 1)
