@@ -1010,6 +1010,8 @@ std::vector<WorkloadInfo> allWorkloads() {
       {"small", "write 10,000 small entries at level 6", makeSmall},
       {"readmany", "read every entry of a 10,000-entry archive of small entries", makeReadMany},
       {"add", "`ziputil add` of a folder of 10,000 files, at once and one after another, against `zip -r`", makeAdd},
+      {"deflater", "CParallelDeflater against one entry after another: 200 text files, CPU of the process and of "
+                   "the calling thread", makeDeflater},
   };
 }
 

@@ -53,4 +53,7 @@ struct WorkloadInfo {
 /// Every workload, in the order a full run takes them.
 std::vector<WorkloadInfo> allWorkloads();
 
+/// The parallel deflater's CPU time against one entry after another (DeflaterWorkload.cpp).
+Workload makeDeflater(Context& ctx);
+
 } // namespace bench
