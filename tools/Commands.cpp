@@ -99,6 +99,8 @@ bool extractCurrent(Options const& options, CEntryReader& entries, CExtractFolde
   EntryName const entry = currentEntryName(entries.reader());
   std::string const name = entry.shown();
   try {
+    if (std::string const* problem = entries.currentProblem()) // nothing of it is written, a folder neither
+      throw tal::CError(tal::String::fromUTF8(*problem), tal::String(), -1, tal::CProps(), nullptr);
     std::vector<std::string> segments;
     std::string refusal = CExtractFolder::splitEntryPath(entry.path, segments);
     CExtractFolder::Metadata const metadata = currentMetadata(entries.reader());

@@ -126,7 +126,11 @@ std::string EntryName::shown() const { return escapeForTerminal(isDirectory ? pa
 
 EntryName currentEntryName(ziputil::CZipReader const& reader) {
   EntryName name;
-  name.path = cleanEntryPath(decodeEntryName(reader.getCurrentFileRawName(), reader.isCurrentFileNameUTF8()));
+  // The name ends at a NUL byte, as the library's name of the entry does.
+  std::string raw = reader.getCurrentFileRawName();
+  std::size_t const end = raw.find('\0');
+  if (end != std::string::npos) raw.resize(end);
+  name.path = cleanEntryPath(decodeEntryName(raw, reader.isCurrentFileNameUTF8()));
   name.isDirectory = reader.isCurrentFileDirectory();
   return name;
 }

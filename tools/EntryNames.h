@@ -31,8 +31,9 @@ std::string decodeEntryName(std::string const& raw, bool flaggedUTF8);
 /// go, an empty result becomes "_". Dot segments stay: callers check them.
 std::string cleanEntryPath(std::string const& decoded);
 
-/// The current entry of `reader`: its cleaned path (UTF-8) and whether it is
-/// a folder entry.
+/// The current entry of `reader`: its cleaned path (UTF-8: the stored name up
+/// to its first NUL byte, as the library names the entry, decoded and cleaned)
+/// and whether it is a folder entry.
 struct EntryName {
   std::string path;
   bool isDirectory = false;

@@ -24,7 +24,8 @@ CEntryReader::CEntryReader(tal::CURI const& archiveURI, std::string const& passw
                            std::function<std::string()> askPassword)
     : m_uri(archiveURI), m_password(password), m_askPassword(std::move(askPassword)) {
   tal::P<tal::IFileSystem> fileSystem(tal::newObj<tal::CLocalFileSystem>());
-  ziputil::checkArchiveLayout(fileSystem.get(), archiveURI);
+  for (ziputil::EntryLayoutProblem& problem : ziputil::checkArchiveEntries(fileSystem.get(), archiveURI))
+    m_problems[static_cast<long long>(problem.number)] = std::move(problem.what);
   open();
 }
 
@@ -44,7 +45,14 @@ bool CEntryReader::nextFile() {
 
 void CEntryReader::close() { m_checked->close(); }
 
+std::string const* CEntryReader::currentProblem() const {
+  auto const found = m_problems.find(m_position);
+  return found == m_problems.end() ? nullptr : &found->second;
+}
+
 void CEntryReader::copyCurrent(std::function<void(unsigned char const*, std::size_t)> const& sink) {
+  if (std::string const* problem = currentProblem())
+    throw tal::CError(tal::String::fromUTF8(*problem), tal::String(), -1, tal::uriProps(m_uri), nullptr);
   if (m_password.empty() && m_askPassword && m_checked->isCurrentFileEncrypted()) {
     std::function<std::string()> const ask = std::move(m_askPassword);
     m_askPassword = nullptr; // once per run

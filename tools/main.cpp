@@ -97,12 +97,12 @@ Command const kCommands[] = {
      "ARCHIVE and moved over it once complete. ARCHIVE cannot be \"-\". -v names each entry\n"
      "deleted; -q leaves out the count.\n"},
     {"test", "test [-q|-v] [--password-file FILE|--password P] ARCHIVE",
-     "Checks the archive's layout first, and refuses it with one error line when its parts do not\n"
-     "fit together: entries that share or overlap their data (how a small archive inflates to\n"
-     "gigabytes), or a local header that disagrees with its central header (other tools would show\n"
-     "other names or contents). Then reads every entry and checks its size, the end of its data and\n"
-     "its CRC-32; names each bad entry and why (wrong or missing password, unsupported compression\n"
-     "method, damaged data).\n"},
+     "Checks the archive's layout first: an entry whose record shares or overlaps another's data\n"
+     "(how a small archive inflates to gigabytes), or whose local header disagrees with its central\n"
+     "header (other tools would show other names or contents), is bad and not read; damage of the\n"
+     "archive as a whole refuses it with one error line. Then reads every other entry and checks its\n"
+     "size, the end of its data and its CRC-32; names each bad entry and why (its layout, wrong or\n"
+     "missing password, unsupported compression method, damaged data).\n"},
 };
 
 void printUsage(FILE* out) {

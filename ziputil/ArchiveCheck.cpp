@@ -11,4 +11,12 @@ void checkArchiveLayout(tal::IFileSystem* fileSystem, tal::CURI const& archiveUR
   stream->close();
 }
 
+std::vector<EntryLayoutProblem> checkArchiveEntries(tal::IFileSystem* fileSystem, tal::CURI const& archiveURI) {
+  tal::P<tal::IInOutStream> stream =
+      fileSystem->openStream(archiveURI, tal::IFileSystem::AccessRead, tal::IFileSystem::OpenNoFlags);
+  std::vector<EntryLayoutProblem> problems = findEntryLayoutProblems(*stream, archiveURI);
+  stream->close();
+  return problems;
+}
+
 } // namespace ziputil

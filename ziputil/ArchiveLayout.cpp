@@ -143,7 +143,7 @@ bool isLayoutError(tal::CError const& error) {
   return false;
 }
 
-ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri) {
+ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri, bool commentMayBeCutShort) {
   ArchiveLayout layout;
   long long const length = stream.getLength();
   if (length < 0)
@@ -196,7 +196,7 @@ ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri) {
     if (little(window, w + 4, 2) != 0 || little(window, w + 6, 2) != 0 ||
         little(window, w + 8, 2) != little(window, w + 10, 2))
       damaged(uri, centralPos, "the end-of-central-directory record describes a split archive");
-    if (centralPos + kEndSize + static_cast<long long>(little(window, w + 20, 2)) > length)
+    if (!commentMayBeCutShort && centralPos + kEndSize + static_cast<long long>(little(window, w + 20, 2)) > length)
       damaged(uri, centralPos + kEndSize, "the archive comment is cut short");
     declaredCount = little(window, w + 10, 2);
     centralSize = little(window, w + 12, 4);
@@ -212,6 +212,22 @@ ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri) {
   layout.endRecordStart = centralPos;
   layout.declaredCount = declaredCount;
   return layout;
+}
+
+std::string readArchiveComment(tal::IInStream& stream, tal::CURI const& uri) {
+  long long const length = stream.getLength();
+  if (length < 0)
+    throw tal::CError(tal::String("Cannot seek from end: stream length is unknown."), tal::String(), -1,
+                      tal::uriProps(uri), nullptr);
+  long long const windowStart = length - std::min(length, kSearchBack + kEndSize);
+  std::string const window = readRange(stream, windowStart, length - windowStart);
+  long long const found = findLast(window, kEndSignature);
+  if (found < 0 || found + kEndSize > static_cast<long long>(window.size()))
+    throw tal::CError(tal::String("Not a ZIP archive: no end-of-central-directory record."), tal::String(), -1,
+                      tal::uriProps(uri), nullptr);
+  std::size_t const commentStart = static_cast<std::size_t>(found + kEndSize);
+  std::size_t const declared = little(window, static_cast<std::size_t>(found) + 20, 2);
+  return window.substr(commentStart, std::min(declared, window.size() - commentStart));
 }
 
 void readArchiveDirectory(tal::IInStream& stream, tal::CURI const& uri, ArchiveLayout& layout, std::string& tail,
@@ -255,9 +271,9 @@ void readArchiveDirectory(tal::IInStream& stream, tal::CURI const& uri, ArchiveL
 }
 
 ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
-                                std::vector<CentralEntry>* entries) {
+                                std::vector<CentralEntry>* entries, bool commentMayBeCutShort) {
   tail.clear();
-  ArchiveLayout layout = readArchiveEnd(stream, uri);
+  ArchiveLayout layout = readArchiveEnd(stream, uri, commentMayBeCutShort);
   readArchiveDirectory(stream, uri, layout, tail, entries);
   return layout;
 }
@@ -267,41 +283,57 @@ namespace {
 constexpr unsigned long kLocalSignature = 0x04034b50;
 constexpr unsigned long kDescriptorSignature = 0x08074b50;
 
+/// What is wrong with one entry's record: where, and in words for a message
+/// about the archive ("the local header of entry 3 is cut short") and about
+/// the entry itself ("its local header is cut short").
+struct RecordProblem {
+  long long offset = -1;
+  std::string archiveText;
+  std::string entryText;
+};
+
 /// Checks the local header of entry `number` against its central header;
-/// returns where the entry's record ends.
-long long checkLocalRecord(tal::IInStream& stream, tal::CURI const& uri, CentralEntry const& entry,
-                           unsigned long long number) {
+/// returns where the entry's record ends, or -1 with `problem` filled in.
+long long checkLocalRecord(tal::IInStream& stream, CentralEntry const& entry, unsigned long long number,
+                           RecordProblem& problem) {
   long long const at = entry.localOffset;
+  auto fail = [&](std::string archiveText, std::string entryText) {
+    problem.offset = at;
+    problem.archiveText = std::move(archiveText);
+    problem.entryText = std::move(entryText);
+    return -1LL;
+  };
   std::string header = readRange(stream, at, kLocalSize);
   if (header.size() >= 4 && little(header, 0, 4) != kLocalSignature)
-    damaged(uri, at, format("entry %llu has no local header", number));
+    return fail(format("entry %llu has no local header", number), "it has no local header");
   if (static_cast<long long>(header.size()) < kLocalSize)
-    damaged(uri, at, format("the local header of entry %llu is cut short", number));
+    return fail(format("the local header of entry %llu is cut short", number), "its local header is cut short");
   std::size_t const nameLength = little(header, 26, 2);
   std::size_t const extraLength = little(header, 28, 2);
   std::string const names = readRange(stream, at + kLocalSize, static_cast<long long>(nameLength + extraLength));
   if (names.size() < nameLength + extraLength)
-    damaged(uri, at, format("the local header of entry %llu is cut short", number));
+    return fail(format("the local header of entry %llu is cut short", number), "its local header is cut short");
   auto disagree = [&](char const* field) {
-    damaged(uri, at,
-            format("the local header of entry %llu disagrees with its central header on the ", number) + field);
+    return fail(format("the local header of entry %llu disagrees with its central header on the ", number) + field,
+                std::string("its local header disagrees with its central header on the ") + field);
   };
-  if (names.compare(0, nameLength, entry.name) != 0) disagree("name");
-  if (little(header, 8, 2) != entry.method) disagree("compression method");
+  if (names.compare(0, nameLength, entry.name) != 0) return disagree("name");
+  if (little(header, 8, 2) != entry.method) return disagree("compression method");
   unsigned const flags = static_cast<unsigned>(little(header, 6, 2));
   bool const streamed = (flags & 8) != 0;
   if (!streamed) {
     unsigned long long compressed = little(header, 18, 4);
     unsigned long long uncompressed = little(header, 22, 4);
     if (!applyZip64(names, nameLength, extraLength, {&uncompressed, &compressed}))
-      disagree("sizes (its Zip64 field lacks them)");
-    if (little(header, 14, 4) != entry.crc) disagree("CRC-32");
-    if (compressed != entry.compressedSize) disagree("compressed size");
-    if (uncompressed != entry.uncompressedSize) disagree("uncompressed size");
+      return disagree("sizes (its Zip64 field lacks them)");
+    if (little(header, 14, 4) != entry.crc) return disagree("CRC-32");
+    if (compressed != entry.compressedSize) return disagree("compressed size");
+    if (uncompressed != entry.uncompressedSize) return disagree("uncompressed size");
   }
   long long end = at + kLocalSize + static_cast<long long>(nameLength + extraLength);
   if (entry.compressedSize > static_cast<unsigned long long>(std::numeric_limits<long long>::max() - end))
-    damaged(uri, at, format("the data of entry %llu runs into the central directory", number));
+    return fail(format("the data of entry %llu runs into the central directory", number),
+                "its data runs into the central directory");
   end += static_cast<long long>(entry.compressedSize);
   if (streamed) { // a data descriptor follows: optional signature, CRC-32, two sizes of 4 or 8 bytes
     std::size_t zip64At = 0, zip64Size = 0;
@@ -313,21 +345,33 @@ long long checkLocalRecord(tal::IInStream& stream, tal::CURI const& uri, Central
   return end;
 }
 
+/// One entry's record in the file: [start, end), and its place in central-directory order (from 1).
+struct Record {
+  long long start;
+  long long end;
+  unsigned long long number;
+};
+
+/// The archive's layout and its central entries, for checking the local records; a comment cut short is
+/// accepted, as readers accept it.
+ArchiveLayout readForRecords(tal::IInStream& stream, tal::CURI const& uri, std::vector<CentralEntry>& entries) {
+  std::string tail;
+  return readArchiveLayout(stream, uri, tail, &entries, true);
+}
+
 } // namespace
 
 void checkArchiveRecords(tal::IInStream& stream, tal::CURI const& uri) {
-  std::string tail;
   std::vector<CentralEntry> entries;
-  ArchiveLayout const layout = readArchiveLayout(stream, uri, tail, &entries);
-  struct Record {
-    long long start;
-    long long end;
-    unsigned long long number;
-  };
+  ArchiveLayout const layout = readForRecords(stream, uri, entries);
   std::vector<Record> records;
   records.reserve(entries.size());
-  for (std::size_t i = 0; i < entries.size(); ++i)
-    records.push_back({entries[i].localOffset, checkLocalRecord(stream, uri, entries[i], i + 1), i + 1});
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    RecordProblem problem;
+    long long const end = checkLocalRecord(stream, entries[i], i + 1, problem);
+    if (end < 0) damaged(uri, problem.offset, problem.archiveText);
+    records.push_back({entries[i].localOffset, end, i + 1});
+  }
   std::sort(records.begin(), records.end(), [](Record const& a, Record const& b) { return a.start < b.start; });
   for (std::size_t i = 0; i < records.size(); ++i) {
     if (i + 1 < records.size() && records[i].end > records[i + 1].start) {
@@ -339,6 +383,44 @@ void checkArchiveRecords(tal::IInStream& stream, tal::CURI const& uri) {
       damaged(uri, records[i].start,
               format("the record of entry %llu runs into the central directory", records[i].number));
   }
+}
+
+std::vector<EntryLayoutProblem> findEntryLayoutProblems(tal::IInStream& stream, tal::CURI const& uri) {
+  std::vector<CentralEntry> entries;
+  ArchiveLayout const layout = readForRecords(stream, uri, entries);
+  std::vector<EntryLayoutProblem> problems(entries.size()); // by central-directory order; empty text: none
+  std::vector<Record> records;
+  records.reserve(entries.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    RecordProblem problem;
+    long long const end = checkLocalRecord(stream, entries[i], i + 1, problem);
+    if (end < 0) {
+      problems[i] = {i + 1, entries[i].name, problem.offset, problem.entryText};
+      continue;
+    }
+    records.push_back({entries[i].localOffset, end, i + 1});
+  }
+  // Sorted by start, a record overlaps a later one exactly when it ends after the next one starts, and an
+  // earlier one exactly when the furthest end before it lies after its start.
+  std::stable_sort(records.begin(), records.end(), [](Record const& a, Record const& b) { return a.start < b.start; });
+  auto refuse = [&](Record const& record, std::string what) {
+    EntryLayoutProblem& problem = problems[record.number - 1];
+    if (!problem.what.empty()) return; // the first problem found is the one told
+    problem = {record.number, entries[record.number - 1].name, record.start, std::move(what)};
+  };
+  std::size_t furthest = 0; // of the records before i, the one that ends last
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    if (i > 0 && records[furthest].end > records[i].start)
+      refuse(records[i], format("its record overlaps that of entry %llu", records[furthest].number));
+    if (i + 1 < records.size() && records[i].end > records[i + 1].start)
+      refuse(records[i], format("its record overlaps that of entry %llu", records[i + 1].number));
+    if (records[i].end > layout.centralStart) refuse(records[i], "its record runs into the central directory");
+    if (i == 0 || records[i].end > records[furthest].end) furthest = i;
+  }
+  problems.erase(std::remove_if(problems.begin(), problems.end(),
+                                [](EntryLayoutProblem const& problem) { return problem.what.empty(); }),
+                 problems.end());
+  return problems;
 }
 
 } // namespace ziputil

@@ -4,6 +4,7 @@
 
 #include "tal/Error.h"
 #include "tal/Stream.h"
+#include "ziputil/ArchiveCheck.h"
 
 #include <string>
 #include <vector>
@@ -62,19 +63,27 @@ struct CentralEntry {
 /// wrong>." with {"uri": uri's text, "offset": where the problem lies, in decimal}.
 /// A file without any end record is not an archive: "Not a ZIP archive: no
 /// end-of-central-directory record." {"uri"}; an empty file gives an empty layout.
+/// With `commentMayBeCutShort`, an archive comment whose stored length runs
+/// past the end of the file is accepted (readers take what is there).
 ArchiveLayout readArchiveLayout(tal::IInStream& stream, tal::CURI const& uri, std::string& tail,
-                                std::vector<CentralEntry>* entries = nullptr);
+                                std::vector<CentralEntry>* entries = nullptr, bool commentMayBeCutShort = false);
 /// readArchiveLayout's first half: finds and checks the end records, reading
 /// no more than the file's last 65,535 bytes and a Zip64 end record. Every
 /// field of the layout is set but entryCount, which stays 0. Throws as
 /// readArchiveLayout does.
-ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri);
+ArchiveLayout readArchiveEnd(tal::IInStream& stream, tal::CURI const& uri, bool commentMayBeCutShort = false);
 /// readArchiveLayout's second half, for a layout from readArchiveEnd: reads
 /// the bytes from centralStart to the end of the file into `tail`, checks
 /// every central header and sets layout.entryCount. Throws as
 /// readArchiveLayout does.
 void readArchiveDirectory(tal::IInStream& stream, tal::CURI const& uri, ArchiveLayout& layout, std::string& tail,
                           std::vector<CentralEntry>* entries = nullptr);
+
+/// The archive comment: the bytes after the end-of-central-directory record,
+/// as many as its comment length says or, when that runs past the end of the
+/// file, as many as there are. Throws as readArchiveEnd does for a file
+/// without an end record, and the stream's own errors.
+std::string readArchiveComment(tal::IInStream& stream, tal::CURI const& uri);
 
 /// Whether `error` is one that readArchiveLayout or checkArchiveRecords make
 /// themselves (damage, no end record, a stream without a length) rather than
@@ -88,7 +97,14 @@ bool isLayoutError(tal::CError const& error);
 /// records (local header, data and data descriptor), sorted by offset, must
 /// neither overlap nor run into the central directory. Throws as
 /// readArchiveLayout does; entries are numbered from 1 in central-directory
-/// order in the messages.
+/// order in the messages. An archive comment cut short is accepted.
 void checkArchiveRecords(tal::IInStream& stream, tal::CURI const& uri);
+
+/// checkArchiveRecords for each entry on its own: the archive's end records
+/// and central directory are checked as there (and throw as there); the
+/// entries whose local record is damaged, disagrees with the central header,
+/// overlaps another entry's record or runs into the central directory are
+/// returned, in central-directory order, each with the first problem found.
+std::vector<EntryLayoutProblem> findEntryLayoutProblems(tal::IInStream& stream, tal::CURI const& uri);
 
 } // namespace ziputil

@@ -1,5 +1,6 @@
 #include "ziputil/CZipReader.h"
 
+#include "ziputil/ArchiveLayout.h"
 #include "ziputil/CentralDirectory.h"
 #include "ziputil/MiniZipAdapter.h"
 #include "ziputil/MiniZipFailure.h"
@@ -494,7 +495,11 @@ std::string CZipReader::getArchiveComment() const {
   int result = unzGetGlobalInfo64(m_zipStuff->handle, &global);
   if (result != UNZ_OK) throwFailure(result, "unzGetGlobalInfo64 failed");
   std::string comment(static_cast<std::size_t>(global.size_comment) + 1, '\0');
+  tal::P<tal::CError> const before = m_zipStuff->io.getLastError();
   result = unzGetGlobalComment(m_zipStuff->handle, &comment[0], static_cast<uLong>(comment.size()));
+  // A comment whose stored length runs past the end of the file: what is there, as other readers take it.
+  if (result == UNZ_ERRNO && m_zipStuff->io.getLastError() == before && m_zipStuff->io.getOpenStream())
+    return readArchiveComment(*m_zipStuff->io.getOpenStream(), m_archiveURI);
   if (result < 0) throwFailure(result, "unzGetGlobalComment failed");
   comment.resize(static_cast<std::size_t>(result));
   return comment;

@@ -81,6 +81,15 @@ void expectVerifyError(tal::CFileSystemError const& e, std::string const& messag
 }
 
 /// The error of a damaged archive found by the layout check.
+/// checkArchiveEntries' answer, as "<number> <name> @<offset>: <what>" lines.
+std::vector<std::string> entryProblems(tal::IFileSystem* fs, tal::CURI const& uri) {
+  std::vector<std::string> lines;
+  for (ziputil::EntryLayoutProblem const& problem : ziputil::checkArchiveEntries(fs, uri))
+    lines.push_back(std::to_string(problem.number) + " " + problem.name + " @" + std::to_string(problem.offset) +
+                    ": " + problem.what);
+  return lines;
+}
+
 void expectDamaged(tal::CError const& e, std::string const& what, long long offset, tal::CURI const& uri) {
   EXPECT_EQ(typeid(e), typeid(tal::CError));
   EXPECT_EQ(utf8(e.getMessage()), "Damaged archive: " + what + ".");
@@ -335,6 +344,10 @@ open(sys.argv[1], "wb").write(data)
   } catch (tal::CError const& e) {
     expectDamaged(e, "the records of entries 1 and 2 overlap", 0, uri);
   }
+  // Entry by entry, every one of them is refused: none can be told from the others.
+  EXPECT_EQ(entryProblems(fs.get(), uri), (std::vector<std::string>{"1 k @0: its record overlaps that of entry 2",
+                                                                     "2 k @0: its record overlaps that of entry 1",
+                                                                     "3 k @0: its record overlaps that of entry 1"}));
 }
 
 TEST_F(ReaderSafetyTest, LayoutCheckFindsLocalHeadersThatDisagree) {
@@ -342,15 +355,18 @@ TEST_F(ReaderSafetyTest, LayoutCheckFindsLocalHeadersThatDisagree) {
     char const* what;
     char const* edit; // on `data`, with `second` the offset of the second entry's local header
     std::string message;
+    std::string entryMessage; // checkArchiveEntries' words for the entry
   };
   std::string const disagrees = "the local header of entry 2 disagrees with its central header on the ";
+  std::string const itsDisagrees = "its local header disagrees with its central header on the ";
   Case const cases[] = {
-      {"name", "data[second + 30] = ord('X')", disagrees + "name"},
-      {"method", "put(data, second + 8, '<H', 0)", disagrees + "compression method"},
-      {"crc", "put(data, second + 14, '<I', 1)", disagrees + "CRC-32"},
-      {"compressed", "put(data, second + 18, '<I', 1)", disagrees + "compressed size"},
-      {"uncompressed", "put(data, second + 22, '<I', 1)", disagrees + "uncompressed size"},
-      {"signature", "data[second] = ord('X')", "entry 2 has no local header"},
+      {"name", "data[second + 30] = ord('X')", disagrees + "name", itsDisagrees + "name"},
+      {"method", "put(data, second + 8, '<H', 0)", disagrees + "compression method", itsDisagrees + "compression method"},
+      {"crc", "put(data, second + 14, '<I', 1)", disagrees + "CRC-32", itsDisagrees + "CRC-32"},
+      {"compressed", "put(data, second + 18, '<I', 1)", disagrees + "compressed size", itsDisagrees + "compressed size"},
+      {"uncompressed", "put(data, second + 22, '<I', 1)", disagrees + "uncompressed size",
+       itsDisagrees + "uncompressed size"},
+      {"signature", "data[second] = ord('X')", "entry 2 has no local header", "it has no local header"},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.what);
@@ -373,6 +389,8 @@ print(second, end="")
     } catch (tal::CError const& e) {
       expectDamaged(e, c.message, std::stoll(offset), uri);
     }
+    // Entry by entry, only the second is refused.
+    EXPECT_EQ(entryProblems(fs.get(), uri), std::vector<std::string>{"2 second.txt @" + offset + ": " + c.entryMessage});
   }
 }
 
@@ -391,6 +409,68 @@ open(sys.argv[1], "wb").write(data)
   } catch (tal::CError const& e) {
     expectDamaged(e, "the record of entry 1 runs into the central directory", 0, uri);
   }
+  EXPECT_EQ(entryProblems(fs.get(), uri), std::vector<std::string>{"1 a.txt @0: its record runs into the central directory"});
+}
+
+TEST_F(ReaderSafetyTest, EntryCheckRefusesOnlyTheDamagedEntries) {
+  // Five entries: the second's local header names another file; the third's data, as both its headers say,
+  // runs into the fourth's local header. The first and the last are whole and stay out of it.
+  tal::CURI const uri = build("mixed.zip", R"(
+with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_STORED) as z:
+    for name in ("a.txt", "b.txt", "c.txt", "d.txt", "e.txt"):
+        z.writestr(name, name.encode() * 20)
+data = bytearray(open(sys.argv[1], "rb").read())
+data[local(data, 1) + 30] = ord("X")
+put(data, local(data, 2) + 18, "<I", 120)
+put(data, central(data, 2) + 20, "<I", 120)
+open(sys.argv[1], "wb").write(data)
+print(local(data, 1), local(data, 2), local(data, 3))
+)");
+  std::vector<std::string> const problems = entryProblems(fs.get(), uri);
+  ASSERT_EQ(problems.size(), 3u);
+  auto withoutOffset = [](std::string const& line) {
+    return line.substr(0, line.find(" @")) + line.substr(line.find(": "));
+  };
+  EXPECT_EQ(withoutOffset(problems[0]), "2 b.txt: its local header disagrees with its central header on the name");
+  EXPECT_EQ(withoutOffset(problems[1]), "3 c.txt: its record overlaps that of entry 4");
+  EXPECT_EQ(withoutOffset(problems[2]), "4 d.txt: its record overlaps that of entry 3");
+  // The offsets: each entry's local header (entries of 30 + 5 + 100 bytes).
+  EXPECT_EQ(problems[0].substr(problems[0].find(" @")), " @135: its local header disagrees with its central header on the name");
+  EXPECT_EQ(problems[1].substr(problems[1].find(" @"), 5), " @270");
+  EXPECT_EQ(problems[2].substr(problems[2].find(" @"), 5), " @405");
+}
+
+TEST_F(ReaderSafetyTest, AnArchiveCommentCutShortIsReadAsFarAsItGoes) {
+  // Its stored length runs past the end of the file: readers take what is there, as Info-ZIP unzip and Python do.
+  tal::CURI const uri = build("comment.zip", R"(
+with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
+    z.writestr("a.txt", b"alpha")
+    z.writestr("b.txt", b"bravo")
+    z.comment = b"the whole comment"
+data = open(sys.argv[1], "rb").read()
+open(sys.argv[1], "wb").write(data[:-5])
+)");
+  EXPECT_NO_THROW(ziputil::checkArchiveLayout(fs.get(), uri));
+  EXPECT_EQ(entryProblems(fs.get(), uri), std::vector<std::string>());
+  auto reader = open(uri, true);
+  EXPECT_EQ(reader->getArchiveComment(), "the whole co");
+  std::vector<std::string> read;
+  while (reader->nextFile()) {
+    auto in = reader->openCurrentFileStream();
+    read.push_back(readAll(*in));
+    in->close();
+  }
+  EXPECT_EQ(read, (std::vector<std::string>{"alpha", "bravo"}));
+  reader->close();
+  // An archive to add to is held to the whole of it: the writer refuses it untouched.
+  std::string const before = testsupport::readFile(dir.file("comment.zip"));
+  try {
+    tal::newObj<ziputil::CZipWriter>(fs.get(), uri, tal::String(), ziputil::CZipWriter::CompNormal);
+    FAIL() << "the writer took it";
+  } catch (tal::CError const& e) {
+    EXPECT_EQ(utf8(e.getMessage()), "Damaged archive: the archive comment is cut short.");
+  }
+  EXPECT_EQ(testsupport::readFile(dir.file("comment.zip")), before);
 }
 
 TEST_F(ReaderSafetyTest, LayoutCheckPassesZip64AndEmptyArchives) {
@@ -401,17 +481,24 @@ with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
     z.writestr("after.txt", b"after")
 )");
   EXPECT_NO_THROW(ziputil::checkArchiveLayout(fs.get(), uri));
+  EXPECT_EQ(entryProblems(fs.get(), uri), std::vector<std::string>());
   testsupport::writeFile(dir.file("empty-file.zip"), "");
+  EXPECT_EQ(entryProblems(fs.get(), dir.uri("empty-file.zip")), std::vector<std::string>());
   EXPECT_NO_THROW(ziputil::checkArchiveLayout(fs.get(), dir.uri("empty-file.zip")));
   ziputil::createEmptyArchive(fs.get(), dir.uri("no-entries.zip"));
   EXPECT_NO_THROW(ziputil::checkArchiveLayout(fs.get(), dir.uri("no-entries.zip")));
   testsupport::writeFile(dir.file("text.zip"), "just text");
-  try {
-    ziputil::checkArchiveLayout(fs.get(), dir.uri("text.zip"));
-    FAIL();
-  } catch (tal::CError const& e) {
-    EXPECT_EQ(utf8(e.getMessage()), "Not a ZIP archive: no end-of-central-directory record.");
-    EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", dir.uri("text.zip").toString(true)}}));
+  for (bool const perEntry : {false, true}) { // the archive as a whole: the same error either way
+    try {
+      if (perEntry)
+        ziputil::checkArchiveEntries(fs.get(), dir.uri("text.zip"));
+      else
+        ziputil::checkArchiveLayout(fs.get(), dir.uri("text.zip"));
+      FAIL();
+    } catch (tal::CError const& e) {
+      EXPECT_EQ(utf8(e.getMessage()), "Not a ZIP archive: no end-of-central-directory record.");
+      EXPECT_EQ(e.getProps(), (tal::CProps{{"uri", dir.uri("text.zip").toString(true)}}));
+    }
   }
   // Files shorter than a signature, one of them its first three bytes.
   for (std::string const& tiny : {std::string("P"), std::string("PK\x05"), std::string("\x06")}) {
