@@ -118,7 +118,7 @@ set(_zip_patched "${CMAKE_CURRENT_BINARY_DIR}/minizip/zip.c")
 configure_file("${_minizip_work}/unzip.c" "${_unzip_patched}" COPYONLY)
 configure_file("${_minizip_work}/zip.c" "${_zip_patched}" COPYONLY)
 # Reading through ISA-L (ZIPUTIL_WITH_ISAL, on by default on x86-64): a further
-# copy of unzip.c (series.isal on top of series) calls ziputil/InflateIsal.h's
+# copy of unzip.c (series.isal on top of series) calls ziputil/codecs/InflateIsal.h's
 # inflate and CRC-32 in place of zlib's, and hands that decoder a way to read an
 # entry's compressed data again from its start (decrypted), with which zlib
 # answers for damaged data exactly as it would have alone. Without ISA-L
@@ -154,8 +154,8 @@ add_library(minizip STATIC "${_minizip_dir}/ioapi.c" "${_unzip_source}" "${_zip_
 set_target_properties(minizip PROPERTIES POSITION_INDEPENDENT_CODE ON C_VISIBILITY_PRESET hidden)
 target_include_directories(minizip SYSTEM PUBLIC "$<BUILD_INTERFACE:${_minizip_dir}>")
 target_include_directories(minizip PRIVATE "${_minizip_dir}")
-# The patched zip.c includes ziputil/MiniZipExtras.h (which includes minizip's headers as
-# ziputil/minizip/<name>.h), the ISA-L copy of unzip.c ziputil/InflateIsal.h; the decoder itself is linked in
+# The patched zip.c includes ziputil/bridge/MiniZipExtras.h (which includes minizip's headers as
+# ziputil/minizip/<name>.h), the ISA-L copy of unzip.c ziputil/codecs/InflateIsal.h; the decoder itself is linked in
 # ziputil/CMakeLists.txt.
 target_include_directories(minizip PRIVATE "${PROJECT_SOURCE_DIR}" "${ZIPUTIL_GENERATED_INCLUDE_DIR}")
 target_compile_options(minizip PRIVATE -w)

@@ -320,7 +320,7 @@ public:
 
 private:
   /// The open archive: minizip's handle, the bridge it writes through, and
-  /// what undoing the writer's changes needs (WriterState.h).
+  /// what undoing the writer's changes needs (writing/WriterState.h).
   struct ArchiveState;
 
   void open(Options const& options);

@@ -12,7 +12,7 @@
 #include "tal/MemoryFileSystem.h"
 
 #ifdef ZIPUTIL_INFLATE_ISAL
-#include "ziputil/InflateIsal.h"
+#include "ziputil/codecs/InflateIsal.h"
 #endif
 
 #include <gtest/gtest.h>

@@ -1,9 +1,10 @@
 #include "ziputil/CZipReader.h"
 
-#include "ziputil/ArchiveLayout.h"
-#include "ziputil/CentralDirectory.h"
+#include "ziputil/format/ArchiveLayout.h"
+#include "ziputil/format/CentralDirectory.h"
+#include "ziputil/names/NameRules.h"
 #include "ziputil/MiniZipAdapter.h"
-#include "ziputil/MiniZipFailure.h"
+#include "ziputil/bridge/MiniZipFailure.h"
 
 #include <wx/strconv.h>
 
@@ -20,16 +21,6 @@ namespace {
 constexpr int kNameBufferLength = 65537;
 
 tal::String fromUtf8(const char* text) { return tal::String(wxString::FromUTF8(text)); }
-
-/// What compareFileNames (and so the name index) compares of a stored name: its
-/// cleaned path, decoded as UTF-8, as UTF-8 text. False when decoding or
-/// cleaning throws (the names are then compared as bytes).
-bool comparisonKey(const char* name, std::string& key) noexcept {
-  bool cleaned = false;
-  if (!nameComparisonKey(name, key, cleaned)) return false;
-  if (!cleaned) key.assign(name);
-  return true;
-}
 
 /// Holds a mutex that outlives the scope (the reader's own) for the scope's
 /// run: what tal::CMutexLock does, without counting a reference to it, for the
@@ -84,25 +75,11 @@ struct CZipReader::NameIndex {
 // ---- ZipStuff: entry names ---------------------------------------------------
 
 tal::CURI CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String const& pathInArchive) {
-  if (textNeedsNoCleaning(pathInArchive))
-    return tal::CURI(tal::String(), pathInArchive, nullptr, nullptr, nullptr, -1, nullptr, nullptr);
-  wxString path(pathInArchive);
-  path.Replace(L"\\", L"/");
-  while (path.StartsWith(L"/")) path.erase(0, 1);
-  while (path.EndsWith(L"/")) path.RemoveLast();
-  path.Replace(L":", L"");
-  path.Trim(true);
-  path.Trim(false);
-  if (path.empty()) path = L"_";
-  return tal::CURI(tal::String(), tal::String(path), nullptr, nullptr, nullptr, -1, nullptr, nullptr);
+  return cleanedEntryURI(pathInArchive);
 }
 
 int CZipReader::ZipStuff::compareFileNames(void*, const char* name1, const char* name2) {
-  // The keys are UTF-8, whose byte order is the order of the code points the cleaned paths hold.
-  std::string key1, key2;
-  if (!comparisonKey(name1, key1) || !comparisonKey(name2, key2)) return std::strcmp(name1, name2);
-  int const order = key1.compare(key2);
-  return order == 0 ? 0 : order < 0 ? -1 : 1;
+  return compareStoredNames(name1, name2);
 }
 
 // ---- CZipReader ----------------------------------------------------------------
@@ -172,7 +149,7 @@ void CZipReader::buildIndex() {
     unz64_file_pos position;
     err = unzGetFilePos64(handle, &position);
     if (err != UNZ_OK) break;
-    if (comparisonKey(name.data(), key))
+    if (storedNameKey(name.data(), key))
       index->byKey.emplace(key, position); // the first entry of a name wins, as in the linear locate
     else
       index->byRawName.emplace(name.data(), position);
@@ -186,7 +163,7 @@ void CZipReader::buildIndex() {
 bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) const {
   found = nullptr;
   std::string key;
-  if (!comparisonKey(name.c_str(), key)) return false; // compared as bytes with every entry: the linear locate
+  if (!storedNameKey(name.c_str(), key)) return false; // compared as bytes with every entry: the linear locate
   auto const byKey = m_index->byKey.find(key);
   if (byKey != m_index->byKey.end()) found = &byKey->second;
   auto const byRaw = m_index->byRawName.find(std::string(name.c_str()));
@@ -200,7 +177,7 @@ bool CZipReader::lookUp(std::string const& name, unz64_file_pos const*& found) c
 /// whose storage the common case reuses from one entry to the next.
 static void setURIOfStoredName(tal::CURI& uri, tal::String& spare, std::string_view name) {
   if (!nameNeedsNoCleaning(name)) {
-    uri = CZipReader::ZipStuff::pathInArchiveToSafeURI(fromUtf8(std::string(name).c_str()));
+    uri = cleanedEntryURI(fromUtf8(std::string(name).c_str()));
     return;
   }
   // The common name, printable ASCII: no decoding and cleaning to do; each

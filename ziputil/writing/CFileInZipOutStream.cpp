@@ -1,7 +1,7 @@
 #include "ziputil/CZipWriter.h"
 
-#include "ziputil/MiniZipFailure.h"
-#include "ziputil/WriterState.h"
+#include "ziputil/bridge/MiniZipFailure.h"
+#include "ziputil/writing/WriterState.h"
 
 #include <zip.h>
 

@@ -1,7 +1,7 @@
 #include "ziputil/CZipReader.h"
 
-#include "ziputil/MiniZipExtras.h"
-#include "ziputil/MiniZipFailure.h"
+#include "ziputil/bridge/MiniZipExtras.h"
+#include "ziputil/bridge/MiniZipFailure.h"
 
 #include <zlib.h>
 

@@ -1,6 +1,6 @@
 #include "ziputil/MiniZipAdapter.h"
 
-#include "ziputil/MiniZipExtras.h"
+#include "ziputil/bridge/MiniZipExtras.h"
 
 #include <zlib.h>
 

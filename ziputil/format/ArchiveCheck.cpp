@@ -1,6 +1,6 @@
 #include "ziputil/ArchiveCheck.h"
 
-#include "ziputil/ArchiveLayout.h"
+#include "ziputil/format/ArchiveLayout.h"
 
 namespace ziputil {
 

@@ -1,4 +1,4 @@
-#include "ziputil/ArchiveLayout.h"
+#include "ziputil/format/ArchiveLayout.h"
 
 #include <algorithm>
 #include <cstdio>

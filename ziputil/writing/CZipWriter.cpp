@@ -1,11 +1,11 @@
 #include "ziputil/CZipWriter.h"
 
-#include "ziputil/ArchiveLayout.h"
+#include "ziputil/format/ArchiveLayout.h"
 #include "ziputil/CZipReader.h"
-#include "ziputil/MiniZipExtras.h"
-#include "ziputil/MiniZipFailure.h"
-#include "ziputil/SiblingFiles.h"
-#include "ziputil/WriterState.h"
+#include "ziputil/bridge/MiniZipExtras.h"
+#include "ziputil/bridge/MiniZipFailure.h"
+#include "ziputil/writing/SiblingFiles.h"
+#include "ziputil/writing/WriterState.h"
 
 #include <wx/strconv.h>
 #include <zip.h>

@@ -1,4 +1,4 @@
-#include "ziputil/MiniZipFailure.h"
+#include "ziputil/bridge/MiniZipFailure.h"
 
 namespace ziputil {
 

@@ -3,7 +3,7 @@
 #include "tal/Error.h"
 #include "tal/LocalFileSystem.h"
 #include "ziputil/Names.h"
-#include "ziputil/SiblingFiles.h"
+#include "ziputil/writing/SiblingFiles.h"
 
 #include <algorithm>
 #include <ctime>

@@ -52,8 +52,8 @@ public:
   /// Where minizip's unzGoToFilePos64 finds the entry.
   unz64_file_pos position(std::size_t ordinal) const;
 
-  /// The ordinal of the first entry whose comparison key (see the reader's
-  /// compareFileNames) is `key`, or of the first entry without a key whose
+  /// The ordinal of the first entry whose comparison key (storedNameKey,
+  /// names/NameRules.h) is `key`, or of the first entry without a key whose
   /// stored name (up to its first zero byte) is `rawName`; -1 when none. The
   /// index is built at the first call.
   long long find(std::string_view key, std::string_view rawName);
@@ -76,23 +76,5 @@ private:
   /// Whether an entry's key is in m_cleanedKeys rather than its stored name.
   std::vector<bool> m_ownKey;
 };
-
-/// What the reader's compareFileNames compares of a stored name (a C string):
-/// its cleaned path as UTF-8. `cleaned` is false when the name needs no
-/// cleaning (the key is the name itself, `key` untouched). False when decoding
-/// or cleaning fails (the name is then compared as bytes).
-bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept;
-/// The same for a name's bytes, which hold no zero byte.
-bool nameComparisonKey(std::string_view name, std::string& key, bool& cleaned) noexcept;
-
-/// Whether cleaning leaves the stored name (a C string) as it is: printable
-/// ASCII without backslash or colon, not empty, neither starting nor ending
-/// with a slash or a blank.
-bool nameNeedsNoCleaning(char const* name) noexcept;
-/// The same for a name's bytes; a zero byte among them needs the full way.
-bool nameNeedsNoCleaning(std::string_view name) noexcept;
-/// The same rule for decoded text: whether
-/// CZipReader::ZipStuff::pathInArchiveToSafeURI leaves `text` as it is.
-bool textNeedsNoCleaning(tal::String const& text) noexcept;
 
 } // namespace ziputil

@@ -1,5 +1,5 @@
 // Raw inflate through ISA-L with zlib's observable results; see InflateIsal.h.
-#include "ziputil/InflateIsal.h"
+#include "ziputil/codecs/InflateIsal.h"
 
 #include <isa-l/crc.h>
 #include <isa-l/igzip_lib.h>

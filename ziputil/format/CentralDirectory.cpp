@@ -1,7 +1,7 @@
-#include "ziputil/CentralDirectory.h"
+#include "ziputil/format/CentralDirectory.h"
 
-#include "ziputil/ArchiveLayout.h"
-#include "ziputil/CZipReader.h"
+#include "ziputil/format/ArchiveLayout.h"
+#include "ziputil/names/NameRules.h"
 
 #include "tal/Error.h"
 
@@ -116,58 +116,9 @@ bool parseHeader(std::string const& bytes, std::uint64_t at, unz_file_info64& in
 
 namespace {
 
-/// The rule for stored names and decoded text alike, on code units of any width:
-/// printable ASCII but backslash and colon (control and non-ASCII units, a zero
-/// too, take the full way), not empty, no slash or blank at either end.
-template <class Unit> bool needsNoCleaning(Unit const* text, std::size_t length) noexcept {
-  static auto const plain = [] {
-    std::array<bool, 128> table{};
-    for (int c = 0x20; c <= 0x7e; ++c) table[static_cast<std::size_t>(c)] = c != '\\' && c != ':';
-    return table;
-  }();
-  using Code = std::make_unsigned_t<Unit>;
-  if (length == 0) return false;
-  Code const first = static_cast<Code>(text[0]), last = static_cast<Code>(text[length - 1]);
-  if (first == '/' || first == ' ' || last == '/' || last == ' ') return false;
-  for (std::size_t i = 0; i < length; ++i) {
-    Code const c = static_cast<Code>(text[i]);
-    if (c >= 128 || !plain[c]) return false;
-  }
-  return true;
-}
-
-} // namespace
-
-bool nameNeedsNoCleaning(std::string_view name) noexcept { return needsNoCleaning(name.data(), name.size()); }
-
-bool textNeedsNoCleaning(tal::String const& text) noexcept { return needsNoCleaning(text.wx_str(), text.length()); }
-
-bool nameNeedsNoCleaning(char const* name) noexcept { return nameNeedsNoCleaning(std::string_view(name)); }
-
-namespace {
-
 std::size_t hashOf(std::string_view key) { return std::hash<std::string_view>()(key); }
 
 } // namespace
-
-bool nameComparisonKey(std::string_view name, std::string& key, bool& cleaned) noexcept {
-  try {
-    cleaned = !nameNeedsNoCleaning(name);
-    if (!cleaned) return true;
-    std::string const text(name); // a C string for wxWidgets' decoding
-    wxMBConvUTF8 converter;
-    key = CZipReader::ZipStuff::pathInArchiveToSafeURI(tal::String(wxString(text.c_str(), converter)))
-              .getPath()
-              .toUTF8();
-    return true;
-  } catch (std::exception&) {
-    return false;
-  }
-}
-
-bool nameComparisonKey(char const* name, std::string& key, bool& cleaned) noexcept {
-  return nameComparisonKey(std::string_view(name), key, cleaned);
-}
 
 std::unique_ptr<CentralDirectory> CentralDirectory::load(tal::IInStream& stream, tal::CURI const& uri,
                                                          unzFile handle, tal::P<tal::CError>& readFailure) {

@@ -1,4 +1,4 @@
-#include "ziputil/SiblingFiles.h"
+#include "ziputil/writing/SiblingFiles.h"
 
 #include <atomic>
 #include <cstdio>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "ziputil/CZipWriter.h"
-#include "ziputil/MiniZipExtras.h"
+#include "ziputil/bridge/MiniZipExtras.h"
 
 #include <string>
 
