@@ -110,6 +110,7 @@ public:
   std::size_t addAll(CZipWriter& writer, std::vector<Source> const& sources);
 
 private:
+  struct InOrder; ///< the calling thread's writing of the entries, in order
   Settings m_settings;
 };
 
