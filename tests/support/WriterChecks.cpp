@@ -2,6 +2,7 @@
 
 #include "TempDir.h"
 #include "ZipFixtures.h"
+#include "tal/Object.h"
 
 #include <gtest/gtest.h>
 
@@ -29,6 +30,35 @@ void expectSameError(tal::CError const& actual, tal::CError const& expected) {
   EXPECT_EQ(propsText(actual.getProps()), propsText(expected.getProps()));
   EXPECT_TRUE(actual.getProps() == expected.getProps());
   EXPECT_EQ(actual.getCause().get(), nullptr);
+}
+
+void expectThrowsSame(std::function<void()> const& call, tal::CError const& expected) {
+  try {
+    call();
+    ADD_FAILURE() << "succeeded; expected: " << expected.getMessage().toUTF8();
+  } catch (tal::CError const& e) {
+    expectSameError(e, expected);
+  }
+}
+
+namespace {
+DestructorReports* reports = nullptr;
+void recordReport(char const* className, std::exception& e, bool) {
+  reports->classes += className;
+  reports->classes += ";";
+  reports->messages += e.what();
+  reports->messages += ";";
+}
+} // namespace
+
+DestructorReports destructorReportsOf(std::function<void()> const& call) {
+  DestructorReports seen;
+  reports = &seen;
+  auto const previous = tal::setDestructorExceptionHandler(&recordReport);
+  call();
+  tal::setDestructorExceptionHandler(previous);
+  reports = nullptr;
+  return seen;
 }
 
 bool isCopyOf(std::string const& text, std::string const& archive) {

@@ -5,6 +5,7 @@
 
 #include "tal/Error.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,16 @@ namespace testsupport {
 /// Expects `actual` to be `expected` exactly: the same class, code, message,
 /// context and properties, and no cause.
 void expectSameError(tal::CError const& actual, tal::CError const& expected);
+/// Expects `call` to throw a tal::CError that is `expected` exactly, as above.
+void expectThrowsSame(std::function<void()> const& call, tal::CError const& expected);
+
+/// What tal's destructor exception handler was told while `call` ran: "<class>;"
+/// per report in `classes`, "<what()>;" in `messages`. The handler in place
+/// before is put back afterwards.
+struct DestructorReports {
+  std::string classes, messages;
+};
+DestructorReports destructorReportsOf(std::function<void()> const& call);
 
 /// Whether `text` is the URI text of a copy a CZipWriter makes beside the archive whose URI text is
 /// `archive` when replacing it atomically: the archive's text and ".tmp-" and 16 lowercase hex digits.

@@ -29,6 +29,7 @@
 using testsupport::CFaultyFileSystem;
 using testsupport::entryURI;
 using testsupport::expectSameError;
+using testsupport::expectThrowsSame;
 using testsupport::utf8;
 using ziputil::CZipWriter;
 
@@ -104,12 +105,7 @@ void expectWriterClosed(CZipWriter& writer, tal::CURI const& archive) {
 void expectGaveUp(CZipWriter& writer, tal::CURI const& archive, tal::CError const& failure) {
   testsupport::expectIOError([&] { writer.beginAddFile(entryURI("late"), tal::CTimeFields()); },
                              tal::CIOError::StreamClosed, "ZIP file already closed", archive);
-  try {
-    writer.close();
-    ADD_FAILURE() << "close after giving up succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, failure);
-  }
+  expectThrowsSame([&] { writer.close(); }, failure);
   EXPECT_NO_THROW(writer.close());
   EXPECT_NO_THROW(writer.discard());
 }
@@ -515,16 +511,6 @@ TEST_F(HeadersTest, SevenZipTestsWithoutWarnings) {
 
 // ---- rollback -----------------------------------------------------------------
 
-namespace destructorReport {
-std::string classes, messages;
-void handler(char const* className, std::exception& e, bool) {
-  classes += className;
-  classes += ";";
-  messages += e.what();
-  messages += ";";
-}
-} // namespace destructorReport
-
 /// An archive of two entries in memory, a faulty file system over it, and a
 /// recording of every file the writer opened (its copy, when replacing atomically).
 class RollbackTest : public ::testing::TestWithParam<bool> {
@@ -615,12 +601,8 @@ protected:
 TEST_P(RollbackTest, FailedBeginAddFile) {
   auto writer = writerWithOneEntry(faulty.get());
   armNext(CFaultyFileSystem::Write); // the new local header
-  try {
-    writer->beginAddFile(entryURI("d"), tal::CTimeFields());
-    ADD_FAILURE() << "beginAddFile succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write)); // unchanged: no property added
-  }
+  expectThrowsSame([&] { writer->beginAddFile(entryURI("d"), tal::CTimeFields()); },
+                   injected(CFaultyFileSystem::Write)); // unchanged: no property added
   expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
 
@@ -630,24 +612,15 @@ TEST_P(RollbackTest, FailedEntryWrite) {
   out->write("first", 5, nullptr);
   std::string const data = noise(100000, 4); // deflate hands minizip more than its 64 KiB buffer holds
   armNext(CFaultyFileSystem::Write);
-  try {
-    out->write(data.data(), static_cast<int>(data.size()), nullptr);
-    ADD_FAILURE() << "the write succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write));
-  }
+  expectThrowsSame([&] { out->write(data.data(), static_cast<int>(data.size()), nullptr); },
+                   injected(CFaultyFileSystem::Write));
   if (atomic()) {
     expectArchiveClosedOnWrite(*out, uri << entryURI("d"));
   } else {
     // The stream stays open, where it was; its close takes the entry back and reports the failure.
     EXPECT_EQ(out->getPosition(), 5);
     EXPECT_EQ(out->getLength(), 5);
-    try {
-      out->close();
-      ADD_FAILURE() << "the spoiled entry's close succeeded";
-    } catch (tal::CError const& e) {
-      expectSameError(e, injected(CFaultyFileSystem::Write));
-    }
+    expectThrowsSame([&] { out->close(); }, injected(CFaultyFileSystem::Write));
     expectStreamClosed(*out);
   }
   expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
@@ -658,12 +631,7 @@ TEST_P(RollbackTest, FailedEntryClose) {
   auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
   out->write("small", 5, nullptr);
   armNext(CFaultyFileSystem::Write); // deflate's output, written when the entry is finished
-  try {
-    out->close();
-    ADD_FAILURE() << "the entry's close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write));
-  }
+  expectThrowsSame([&] { out->close(); }, injected(CFaultyFileSystem::Write));
   expectStreamClosed(*out);
   expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
@@ -677,12 +645,7 @@ TEST_P(RollbackTest, FailedWriterClose) {
     auto writer = writerWithOneEntry(faulty.get());
     testsupport::addEntry(*writer, "d", "dee");
     armNext(op); // the central directory's first write; the archive stream's close
-    try {
-      writer->close();
-      ADD_FAILURE() << "close succeeded";
-    } catch (tal::CError const& e) {
-      expectSameError(e, injected(op));
-    }
+    expectThrowsSame([&] { writer->close(); }, injected(op));
     expectPutBack();
     expectWriterClosed(*writer, uri);
   }
@@ -693,12 +656,7 @@ TEST_P(RollbackTest, FailedWriterCloseWithAnEntryOpen) {
   auto out = writer->beginAddFile(entryURI("d"), tal::CTimeFields());
   out->write("open entry", 10, nullptr);
   armNext(CFaultyFileSystem::Write);
-  try {
-    writer->close();
-    ADD_FAILURE() << "close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write));
-  }
+  expectThrowsSame([&] { writer->close(); }, injected(CFaultyFileSystem::Write));
   expectPutBack();
   expectArchiveClosedOnWrite(*out, uri << entryURI("d"));
   expectWriterClosed(*writer, uri);
@@ -708,14 +666,10 @@ TEST_P(RollbackTest, FailedCloseInTheDestructor) {
   auto writer = writerWithOneEntry(faulty.get());
   testsupport::addEntry(*writer, "d", "dee");
   armNext(CFaultyFileSystem::Write);
-  destructorReport::classes.clear();
-  destructorReport::messages.clear();
-  auto const previous = tal::setDestructorExceptionHandler(&destructorReport::handler);
-  EXPECT_NO_THROW(writer = nullptr);
-  tal::setDestructorExceptionHandler(previous);
+  auto const reports = testsupport::destructorReportsOf([&] { EXPECT_NO_THROW(writer = nullptr); });
   expectPutBack();
-  EXPECT_EQ(destructorReport::classes, "ziputil::CZipWriter;");
-  EXPECT_EQ(destructorReport::messages, utf8(injected(CFaultyFileSystem::Write).getMessage()) + ";");
+  EXPECT_EQ(reports.classes, "ziputil::CZipWriter;");
+  EXPECT_EQ(reports.messages, utf8(injected(CFaultyFileSystem::Write).getMessage()) + ";");
 }
 
 TEST_P(RollbackTest, FailedRollbackAddsItsErrorToTheFirstFailure) {
@@ -727,12 +681,7 @@ TEST_P(RollbackTest, FailedRollbackAddsItsErrorToTheFirstFailure) {
   auto writer = writerWithOneEntry(broken.get());
   testsupport::addEntry(*writer, "d", "dee");
   armNext(CFaultyFileSystem::Write); // the central directory
-  try {
-    writer->close();
-    ADD_FAILURE() << "close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, withRollbackError(injected(CFaultyFileSystem::Write), rollbackMessage));
-  }
+  expectThrowsSame([&] { writer->close(); }, withRollbackError(injected(CFaultyFileSystem::Write), rollbackMessage));
   EXPECT_EQ(broken->failures(), 1);
   expectWriterClosed(*writer, uri);
   if (atomic()) {
@@ -749,11 +698,8 @@ TEST_P(RollbackTest, AnEntryFailureAfterWhichTheWriterIsDestroyedKeepsWhatItMust
   auto writer = writerWithOneEntry(faulty.get());
   armNext(CFaultyFileSystem::Write);
   EXPECT_THROW(writer->beginAddFile(entryURI("d"), tal::CTimeFields()), testsupport::CInjectedError);
-  destructorReport::classes.clear();
-  auto const previous = tal::setDestructorExceptionHandler(&destructorReport::handler);
-  writer = nullptr;
-  tal::setDestructorExceptionHandler(previous);
-  EXPECT_EQ(destructorReport::classes, ""); // the failure reached its caller: the destructor has nothing to report
+  auto const reports = testsupport::destructorReportsOf([&] { writer = nullptr; });
+  EXPECT_EQ(reports.classes, ""); // the failure reached its caller: the destructor has nothing to report
   if (atomic())
     expectPutBack();
   else
@@ -857,12 +803,7 @@ TEST_P(InPlaceFailureTest, AfterAFailedBeginAddFileAFailedCloseThrowsTheFileSyst
   armNext(CFaultyFileSystem::Write);
   EXPECT_THROW(writer->beginAddFile(entryURI("d"), tal::CTimeFields()), testsupport::CInjectedError);
   armNext(CFaultyFileSystem::Write); // the central directory
-  try {
-    writer->close();
-    ADD_FAILURE() << "close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write)); // the second fault, not the first
-  }
+  expectThrowsSame([&] { writer->close(); }, injected(CFaultyFileSystem::Write)); // the second fault, not the first
   expectPutBack();
   expectWriterClosed(*writer, uri);
 }
@@ -877,12 +818,7 @@ TEST_P(InPlaceFailureTest, WritesAfterAFailedWriteGoOnButTheEntryIsNotKept) {
   out->write("more", 4, nullptr); // minizip takes it: the position moves on
   EXPECT_EQ(out->getPosition(), 4);
   armedN = firstFault;
-  try {
-    out->close();
-    ADD_FAILURE() << "the spoiled entry's close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, injected(CFaultyFileSystem::Write)); // the first failure
-  }
+  expectThrowsSame([&] { out->close(); }, injected(CFaultyFileSystem::Write)); // the first failure
   expectAfterEntryFailure(*writer, injected(CFaultyFileSystem::Write));
 }
 
@@ -897,12 +833,7 @@ TEST_P(InPlaceFailureTest, ClosingTheWriterLeavesOutAnOpenEntryWhoseWriteFailed)
   tal::CIOError const cause(tal::CIOError::WriteFailed,
                             tal::String("Cannot close file in ZIP archive - archive has already been closed"),
                             tal::uriProps(uri << entryURI("d")), nullptr);
-  try {
-    out->close();
-    ADD_FAILURE() << "the entry's close succeeded";
-  } catch (tal::CError const& e) {
-    expectSameError(e, tal::CFileSystemError(tal::CFileSystemError::Unspecified, cause));
-  }
+  expectThrowsSame([&] { out->close(); }, tal::CFileSystemError(tal::CFileSystemError::Unspecified, cause));
 }
 
 TEST_P(InPlaceFailureTest, AnEntryThatCannotBeTakenBackPutsTheWholeFileBack) {

@@ -2,6 +2,7 @@
 
 #include "support/FaultyFileSystem.h"
 #include "support/TempDir.h"
+#include "support/WriterChecks.h"
 #include "support/ZipFixtures.h"
 #include "support/ZipWriteFixtures.h"
 #include "tal/LocalFileSystem.h"
@@ -54,16 +55,6 @@ TEST_F(WriterTest, SecondCloseIsQuietAndBeginAfterCloseIsStreamClosedFirst) {
   writer->close(); // still quiet
 }
 
-namespace destructorReport {
-std::string classes, messages;
-void handler(char const* className, std::exception& e, bool) {
-  classes += className;
-  classes += ";";
-  messages += e.what();
-  messages += ";";
-}
-} // namespace destructorReport
-
 TEST_F(WriterTest, DestructorReportsAFailedCloseAndDoesNotThrow) {
   tal::P<tal::CMemoryFileSystem> memory = tal::newObj<tal::CMemoryFileSystem>();
   tal::P<testsupport::CFaultyFileSystem> faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
@@ -72,14 +63,10 @@ TEST_F(WriterTest, DestructorReportsAFailedCloseAndDoesNotThrow) {
   addEntry(*writer, "a", "a");
   faulty->reset();
   faulty->failNth(testsupport::CFaultyFileSystem::Close, 1); // the archive stream's close at zipClose
-  destructorReport::classes.clear();
-  destructorReport::messages.clear();
-  auto previous = tal::setDestructorExceptionHandler(&destructorReport::handler);
-  EXPECT_NO_THROW(writer = nullptr);
-  tal::setDestructorExceptionHandler(previous);
+  auto const reports = testsupport::destructorReportsOf([&] { EXPECT_NO_THROW(writer = nullptr); });
   EXPECT_TRUE(faulty->fired());
-  EXPECT_EQ(destructorReport::classes, "ziputil::CZipWriter;");
-  EXPECT_EQ(destructorReport::messages,
+  EXPECT_EQ(reports.classes, "ziputil::CZipWriter;");
+  EXPECT_EQ(reports.messages,
             utf8(testsupport::CFaultyFileSystem::injectedError(testsupport::CFaultyFileSystem::Close, 1, archive)
                      .getMessage()) +
                 ";");
