@@ -3,6 +3,7 @@
 #include "EntryNames.h"
 #include "EntryReader.h"
 #include "ExtractFolder.h"
+#include "Fd.h"
 #include "LocalPaths.h"
 #include "Password.h"
 #include "Progress.h"
@@ -18,7 +19,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fnmatch.h>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -155,25 +155,6 @@ tal::CTimeFields localTimeFields(long long seconds) {
                           local.tm_sec, 0.0, 0, false);
 }
 
-/// A file opened for adding; closed when dropped. Opening does not wait (a
-/// pipe without writer would block it).
-class CInputFile {
-public:
-  explicit CInputFile(std::string const& path)
-      : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW)) {}
-  /// Takes over `fd`.
-  explicit CInputFile(int fd) : m_fd(fd) {}
-  ~CInputFile() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  CInputFile(CInputFile const&) = delete;
-  CInputFile& operator=(CInputFile const&) = delete;
-  int fd() const { return m_fd; }
-
-private:
-  int m_fd;
-};
-
 void copyFileContents(int fd, tal::IOutStream& out, std::string const& path) {
   std::vector<unsigned char> buffer(kChunk);
   for (;;) {
@@ -189,6 +170,18 @@ void skipping(SourceItem const& item, std::string const& why) {
   std::fprintf(stderr, "ziputil: skipping %s: %s\n", escapeForTerminal(item.localPath).c_str(), why.c_str());
 }
 
+/// The codes of the errors a source of a parallel add throws.
+enum SourceFailure : long long {
+  SourceSkipped = 1,    ///< cannot be opened, or not a regular file: named and left out
+  SourceReadFailed = 2, ///< opened, but reading failed: the whole add fails
+};
+
+/// strerror's text for `error`, safe in any thread.
+std::string errorText(int error) {
+  char buffer[256];
+  return ::strerror_r(error, buffer, sizeof buffer); // the GNU form: returns the text
+}
+
 /// The target of the symbolic link at `path`; false when it cannot be read.
 bool readLinkTarget(std::string const& path, std::string& target) {
   std::vector<char> buffer(256);
@@ -201,6 +194,37 @@ bool readLinkTarget(std::string const& path, std::string& target) {
     }
     buffer.resize(buffer.size() * 2);
   }
+}
+
+/// An item to add, opened: the file and its length, or the link's target
+/// (nothing for a folder).
+struct OpenedItem {
+  CFd file;
+  long long length = 0;
+  std::string linkTarget;
+};
+
+/// Opens `item` to add it; "", or why it is skipped. Safe in any thread.
+std::string openItem(SourceItem const& item, OpenedItem& opened) {
+  if (item.kind == SourceItem::SymbolicLink) {
+    if (!readLinkTarget(item.localPath, opened.linkTarget)) {
+      int const failure = errno;
+      return "cannot read the link: " + errorText(failure);
+    }
+  } else if (item.kind == SourceItem::File) {
+    // Never through a symbolic link put in place of the file since it was
+    // listed; without waiting (a pipe without writer would block the open).
+    opened.file.reset(::open(item.localPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (opened.file.get() < 0) {
+      int const failure = errno;
+      return "cannot read it: " + errorText(failure);
+    }
+    struct stat st;
+    if (::fstat(opened.file.get(), &st) != 0 || !S_ISREG(st.st_mode)) // a device or pipe may never end
+      return "not a regular file";
+    opened.length = static_cast<long long>(st.st_size);
+  }
+  return std::string();
 }
 
 /// The entry options for `item`: its mode, whether it is a link, and how its
@@ -218,33 +242,18 @@ ziputil::CZipWriter::EntryOptions entryOptionsFor(Options const& options, Source
 /// input is opened or read before its entry begins, so a skipped file leaves
 /// no entry).
 bool addItem(Options const& options, ziputil::CZipWriter& writer, SourceItem const& item) {
-  std::unique_ptr<CInputFile> input;
-  std::string linkTarget;
-  if (item.kind == SourceItem::SymbolicLink) {
-    if (!readLinkTarget(item.localPath, linkTarget)) {
-      int const failure = errno;
-      skipping(item, std::string("cannot read the link: ") + std::strerror(failure));
-      return false;
-    }
-  } else if (item.kind == SourceItem::File) {
-    // Never through a symbolic link put in place of the file since it was listed.
-    input = std::make_unique<CInputFile>(item.localPath);
-    if (input->fd() < 0) {
-      int const failure = errno;
-      skipping(item, std::string("cannot read it: ") + std::strerror(failure));
-      return false;
-    }
-    struct stat st;
-    if (::fstat(input->fd(), &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
-      skipping(item, "not a regular file");
-      return false;
-    }
+  OpenedItem opened;
+  std::string const skipped = openItem(item, opened);
+  if (!skipped.empty()) {
+    skipping(item, skipped);
+    return false;
   }
   tal::P<tal::IOutStream> out = writer.beginAddFile(entryURIFromPath(textFromBytes(item.entryName)),
                                                     localTimeFields(item.modifiedTime),
                                                     entryOptionsFor(options, item));
-  if (input) copyFileContents(input->fd(), *out, item.localPath);
-  if (!linkTarget.empty()) out->write(linkTarget.data(), static_cast<int>(linkTarget.size()), nullptr);
+  if (opened.file.get() >= 0) copyFileContents(opened.file.get(), *out, item.localPath);
+  if (!opened.linkTarget.empty())
+    out->write(opened.linkTarget.data(), static_cast<int>(opened.linkTarget.size()), nullptr);
   out->close();
   return true;
 }
@@ -669,18 +678,6 @@ int writeEntriesInTurn(Options const& options, ziputil::CZipWriter& writer, std:
   return skipped ? 1 : 0;
 }
 
-/// The codes of the errors a source of a parallel add throws.
-enum SourceFailure : long long {
-  SourceSkipped = 1,    ///< cannot be opened, or not a regular file: named and left out
-  SourceReadFailed = 2, ///< opened, but reading failed: the whole add fails
-};
-
-/// strerror's text for `error`, safe in any thread.
-std::string errorText(int error) {
-  char buffer[256];
-  return ::strerror_r(error, buffer, sizeof buffer); // the GNU form: returns the text
-}
-
 [[noreturn]] void throwSourceFailure(SourceFailure code, std::string const& message) {
   throw tal::CError(textFromBytes(message), "ziputil", code, tal::CProps(), nullptr);
 }
@@ -691,7 +688,7 @@ class CSourceInStream : public tal::CBase, public virtual tal::IInStream {
 public:
   /// Takes over `fd` (the file at `path`, `length` bytes long).
   CSourceInStream(int fd, std::string path, long long length)
-      : m_input(std::make_unique<CInputFile>(fd)), m_path(std::move(path)), m_length(length) {}
+      : m_input(fd), m_path(std::move(path)), m_length(length) {}
   /// The bytes `data`.
   explicit CSourceInStream(std::string data)
       : m_data(std::move(data)), m_length(static_cast<long long>(m_data.size())) {}
@@ -703,7 +700,7 @@ public:
   int readLax(void* buffer, int size) override {
     checkOpen();
     if (size <= 0) return 0;
-    if (!m_input) {
+    if (m_input.get() < 0) {
       std::size_t const have = m_data.size() - static_cast<std::size_t>(m_position);
       std::size_t const n = std::min(have, static_cast<std::size_t>(size));
       std::memcpy(buffer, m_data.data() + m_position, n);
@@ -713,7 +710,7 @@ public:
     int got = 0;
     auto* out = static_cast<unsigned char*>(buffer);
     while (got < size) {
-      ssize_t const n = ::read(m_input->fd(), out + got, static_cast<std::size_t>(size - got));
+      ssize_t const n = ::read(m_input.get(), out + got, static_cast<std::size_t>(size - got));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
         int const failure = errno;
@@ -740,14 +737,14 @@ public:
   }
   void close() override {
     m_closed = true;
-    m_input.reset();
+    m_input.close();
   }
 
 private:
   void checkOpen() const {
     if (m_closed) throw tal::CIOError(tal::CIOError::StreamClosed, tal::String(), tal::CProps(), nullptr);
   }
-  std::unique_ptr<CInputFile> m_input;
+  CFd m_input;
   std::string m_path;
   std::string m_data;
   long long m_length = 0;
@@ -758,27 +755,12 @@ private:
 /// Opens the bytes of `item` as addItem reads them; throws a SourceSkipped
 /// error with the reason when it cannot be read.
 tal::P<tal::IInStream> openSource(SourceItem const& item) {
-  if (item.kind == SourceItem::SymbolicLink) {
-    std::string target;
-    if (!readLinkTarget(item.localPath, target)) {
-      int const failure = errno;
-      throwSourceFailure(SourceSkipped, "cannot read the link: " + errorText(failure));
-    }
-    return tal::newObj<CSourceInStream>(target);
-  }
-  if (item.kind == SourceItem::Directory) return tal::newObj<CSourceInStream>(std::string());
-  // Never through a symbolic link put in place of the file since it was listed.
-  int const fd = ::open(item.localPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-  if (fd < 0) {
-    int const failure = errno;
-    throwSourceFailure(SourceSkipped, "cannot read it: " + errorText(failure));
-  }
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) { // a device or pipe may never end
-    ::close(fd);
-    throwSourceFailure(SourceSkipped, "not a regular file");
-  }
-  return tal::newObj<CSourceInStream>(fd, item.localPath, static_cast<long long>(st.st_size));
+  OpenedItem opened;
+  std::string const skipped = openItem(item, opened);
+  if (!skipped.empty()) throwSourceFailure(SourceSkipped, skipped);
+  if (opened.file.get() >= 0)
+    return tal::newObj<CSourceInStream>(opened.file.release(), item.localPath, opened.length);
+  return tal::newObj<CSourceInStream>(opened.linkTarget); // a link's target; nothing for a folder
 }
 
 /// The entries `items` written through `writer` by a CParallelDeflater
@@ -852,7 +834,7 @@ int addToStandardOutput(Options const& options, std::vector<std::string> const& 
   std::vector<SourceItem> const items = planEntries(options, collectAll(paths, std::string()), nullptr).items;
   tal::CURI uri;
   int const fd = anonymousTemporaryFile(uri);
-  CInputFile const closer(fd); // closed when done
+  CFd const closer(fd); // closed when done
   rememberShownName(uri, "the archive for standard output");
   tal::P<tal::IFileSystem> fileSystem = localFileSystem();
   ziputil::createEmptyArchive(fileSystem.get(), uri);

@@ -1,6 +1,7 @@
 #include "ExtractFolder.h"
 
 #include "EntryNames.h"
+#include "Fd.h"
 #include "LocalPaths.h"
 
 #include <algorithm>
@@ -21,29 +22,6 @@ namespace {
 std::runtime_error systemError(std::string const& what, std::string const& path, int error) {
   return std::runtime_error(what + " " + path + ": " + std::strerror(error));
 }
-
-/// A descriptor closed when dropped.
-class CFd {
-public:
-  explicit CFd(int fd) : m_fd(fd) {}
-  ~CFd() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  CFd(CFd const&) = delete;
-  CFd& operator=(CFd const&) = delete;
-  int get() const { return m_fd; }
-  /// Gives the descriptor up without closing it.
-  void release() { m_fd = -1; }
-  /// Closes now; the close's errno, or 0.
-  int close() {
-    int const fd = m_fd;
-    m_fd = -1;
-    return fd >= 0 && ::close(fd) != 0 ? errno : 0;
-  }
-
-private:
-  int m_fd;
-};
 
 // The temporary file being written, removed when a signal ends the program.
 volatile sig_atomic_t g_temporaryFolder = -1;
@@ -209,9 +187,7 @@ int CExtractFolder::openTarget(std::vector<std::string> const& segments, bool al
   path = localPath(segments, segments.size());
   refusal = checkTarget(folder.get(), segments.back(), path, allowLink, replacing);
   if (!refusal.empty()) return -1;
-  int const fd = folder.get();
-  folder.release();
-  return fd;
+  return folder.release();
 }
 
 std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, Metadata const& metadata,
