@@ -68,6 +68,16 @@ bool selected(Options const& options, EntryName const& entry, std::vector<bool>&
   return any;
 }
 
+bool reportUnmatched(Options const& options, std::vector<bool> const& matched) {
+  bool all = true;
+  for (std::size_t i = 0; i < options.patterns.size(); ++i) {
+    if (matched[i]) continue;
+    std::fprintf(stderr, "ziputil: no entry matches \"%s\"\n", escapeForTerminal(options.patterns[i]).c_str());
+    all = false;
+  }
+  return all;
+}
+
 ziputil::CZipWriter::Options writerOptionsFor(bool atomic) {
   ziputil::CZipWriter::Options writerOptions;
   writerOptions.atomicReplace = atomic;

@@ -46,6 +46,11 @@ bool timeFromFields(tal::CTimeFields const& fields, time_t& time);
 /// selected entry; `matched` has one element per pattern.
 bool selected(Options const& options, EntryName const& entry, std::vector<bool>& matched);
 
+/// Names on standard error, one line each, the options.patterns that matched
+/// no entry (those whose element of `matched` is false, see selected); false
+/// when there was one.
+bool reportUnmatched(Options const& options, std::vector<bool> const& matched);
+
 /// The writer's options for an archive the program writes: entries recorded
 /// as made by Unix (modes and links kept, UTF-8 names read as such by other
 /// tools), encryption whose password other tools accept, the archive's comment

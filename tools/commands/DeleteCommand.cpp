@@ -23,12 +23,7 @@ int deleteFromArchive(Options const& options, std::string const& archive) {
     }
     reader->close();
   }
-  bool ok = true;
-  for (std::size_t i = 0; i < options.patterns.size(); ++i) {
-    if (matched[i]) continue;
-    std::fprintf(stderr, "ziputil: no entry matches \"%s\"\n", escapeForTerminal(options.patterns[i]).c_str());
-    ok = false;
-  }
+  bool const ok = reportUnmatched(options, matched);
   if (doomed.empty()) {
     if (!options.quiet)
       std::fprintf(stderr, "ziputil: nothing to delete: %s is left as it was\n",

@@ -92,11 +92,7 @@ int extractArchive(Options const& options, std::string const& archive) {
   progress.clear();
   ok = target.finish() && ok; // folders last: writing into them changed their times
   entries.close();
-  for (std::size_t i = 0; i < options.patterns.size(); ++i) {
-    if (matched[i]) continue;
-    std::fprintf(stderr, "ziputil: no entry matches \"%s\"\n", escapeForTerminal(options.patterns[i]).c_str());
-    ok = false;
-  }
+  ok = reportUnmatched(options, matched) && ok;
   return ok ? 0 : 1;
 }
 
