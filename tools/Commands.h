@@ -1,6 +1,7 @@
 // The ziputil program's commands. Each returns the process exit status
 // (0 success, 1 failure) and reports problems on standard error; library
 // errors other than per-entry ones propagate to the caller as exceptions.
+// Each command is defined in commands/, in a file named after it.
 #pragma once
 
 #include "ExtractFolder.h"

@@ -1,6 +1,7 @@
 #include "ExtractFolder.h"
 
 #include "EntryNames.h"
+#include "Fd.h"
 #include "LocalPaths.h"
 
 #include <algorithm>
@@ -21,29 +22,6 @@ namespace {
 std::runtime_error systemError(std::string const& what, std::string const& path, int error) {
   return std::runtime_error(what + " " + path + ": " + std::strerror(error));
 }
-
-/// A descriptor closed when dropped.
-class CFd {
-public:
-  explicit CFd(int fd) : m_fd(fd) {}
-  ~CFd() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  CFd(CFd const&) = delete;
-  CFd& operator=(CFd const&) = delete;
-  int get() const { return m_fd; }
-  /// Gives the descriptor up without closing it.
-  void release() { m_fd = -1; }
-  /// Closes now; the close's errno, or 0.
-  int close() {
-    int const fd = m_fd;
-    m_fd = -1;
-    return fd >= 0 && ::close(fd) != 0 ? errno : 0;
-  }
-
-private:
-  int m_fd;
-};
 
 // The temporary file being written, removed when a signal ends the program.
 volatile sig_atomic_t g_temporaryFolder = -1;
@@ -165,21 +143,39 @@ std::string CExtractFolder::makeFolder(std::vector<std::string> const& segments,
   return refusal;
 }
 
-int CExtractFolder::createTemporary(int folder, std::string& name) {
+bool CExtractFolder::makeTemporary(int folder, std::string& name, std::function<bool(char const*)> const& make) {
   for (int attempt = 0; attempt < 100; ++attempt) {
     char text[32];
     std::snprintf(text, sizeof text, ".ziputil-%012llx",
                   static_cast<unsigned long long>(m_random() & 0xffffffffffffULL));
     name = text;
     setTemporary(folder, name); // before it exists: a signal meanwhile removes nothing of anyone else's
-    int const fd = ::openat(folder, text, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd >= 0) return fd;
+    if (make(text)) return true;
     int const error = errno;
     clearTemporary();
-    if (error != EEXIST) return -1;
+    if (error != EEXIST) {
+      errno = error;
+      return false;
+    }
   }
   errno = EEXIST;
-  return -1;
+  return false;
+}
+
+void CExtractFolder::placeTemporary(int folder, std::string const& temporary, std::string const& leaf,
+                                    std::string const& path, std::function<struct stat()> const& finish) {
+  struct stat written {};
+  try {
+    written = finish();
+    if (::renameat(folder, temporary.c_str(), folder, leaf.c_str()) != 0)
+      throw systemError("cannot create", path, errno);
+  } catch (...) {
+    ::unlinkat(folder, temporary.c_str(), 0);
+    clearTemporary();
+    throw;
+  }
+  clearTemporary();
+  m_written[{written.st_dev, written.st_ino}] = path;
 }
 
 std::string CExtractFolder::checkTarget(int folder, std::string const& leaf, std::string const& path,
@@ -209,9 +205,7 @@ int CExtractFolder::openTarget(std::vector<std::string> const& segments, bool al
   path = localPath(segments, segments.size());
   refusal = checkTarget(folder.get(), segments.back(), path, allowLink, replacing);
   if (!refusal.empty()) return -1;
-  int const fd = folder.get();
-  folder.release();
-  return fd;
+  return folder.release();
 }
 
 std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, Metadata const& metadata,
@@ -220,13 +214,16 @@ std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, 
   bool replacing = false;
   CFd folder(openTarget(segments, false, path, replacing, refusal));
   if (folder.get() < 0) return refusal;
-  std::string const& leaf = segments.back();
 
   std::string temporary;
-  CFd file(createTemporary(folder.get(), temporary));
-  if (file.get() < 0) throw systemError("cannot create a temporary file for", path, errno);
-  struct stat written;
-  try {
+  CFd file;
+  auto const create = [&](char const* name) {
+    file.reset(::openat(folder.get(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return file.get() >= 0;
+  };
+  if (!makeTemporary(folder.get(), temporary, create))
+    throw systemError("cannot create a temporary file for", path, errno);
+  placeTemporary(folder.get(), temporary, segments.back(), path, [&]() {
     fill([&](unsigned char const* data, std::size_t size) { writeAll(file.get(), data, size, path); });
     mode_t const mode = metadata.mode >= 0 ? static_cast<mode_t>(metadata.mode) & 0777 : m_fileMode;
     if (::fchmod(file.get(), mode) != 0) throw systemError("cannot set the permissions of", path, errno);
@@ -235,18 +232,11 @@ std::string CExtractFolder::writeFile(std::vector<std::string> const& segments, 
       if (::futimens(file.get(), times) != 0) throw systemError("cannot set the time of", path, errno);
     }
     if (replacing && ::fsync(file.get()) != 0) throw systemError("cannot write", path, errno); // old or new, never neither
+    struct stat written;
     if (::fstat(file.get(), &written) != 0) throw systemError("cannot read", path, errno);
     if (int const error = file.close()) throw systemError("cannot write", path, error);
-    if (::renameat(folder.get(), temporary.c_str(), folder.get(), leaf.c_str()) != 0)
-      throw systemError("cannot create", path, errno);
-  } catch (...) {
-    file.close();
-    ::unlinkat(folder.get(), temporary.c_str(), 0);
-    clearTemporary();
-    throw;
-  }
-  clearTemporary();
-  m_written[{written.st_dev, written.st_ino}] = path;
+    return written;
+  });
   return std::string();
 }
 
@@ -285,38 +275,22 @@ std::string CExtractFolder::writeLink(std::vector<std::string> const& segments, 
   bool replacing = false;
   CFd folder(openTarget(segments, true, path, replacing, refusal));
   if (folder.get() < 0) return refusal;
-  std::string const& leaf = segments.back();
 
   std::string temporary;
-  for (int attempt = 0;; ++attempt) {
-    char text[32];
-    std::snprintf(text, sizeof text, ".ziputil-%012llx",
-                  static_cast<unsigned long long>(m_random() & 0xffffffffffffULL));
-    temporary = text;
-    setTemporary(folder.get(), temporary);
-    if (::symlinkat(target.c_str(), folder.get(), text) == 0) break;
-    int const error = errno;
-    clearTemporary();
-    if (error != EEXIST || attempt == 100) throw systemError("cannot create the symbolic link", path, error);
-  }
-  struct stat written;
-  try {
+  auto const create = [&](char const* name) { return ::symlinkat(target.c_str(), folder.get(), name) == 0; };
+  if (!makeTemporary(folder.get(), temporary, create))
+    throw systemError("cannot create the symbolic link", path, errno);
+  placeTemporary(folder.get(), temporary, segments.back(), path, [&]() {
     if (metadata.hasTime) {
       struct timespec const times[2] = {{metadata.time, 0}, {metadata.time, 0}};
       if (::utimensat(folder.get(), temporary.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
         throw systemError("cannot set the time of", path, errno);
     }
+    struct stat written;
     if (::fstatat(folder.get(), temporary.c_str(), &written, AT_SYMLINK_NOFOLLOW) != 0)
       throw systemError("cannot read", path, errno);
-    if (::renameat(folder.get(), temporary.c_str(), folder.get(), leaf.c_str()) != 0)
-      throw systemError("cannot create", path, errno);
-  } catch (...) {
-    ::unlinkat(folder.get(), temporary.c_str(), 0);
-    clearTemporary();
-    throw;
-  }
-  clearTemporary();
-  m_written[{written.st_dev, written.st_ino}] = path;
+    return written;
+  });
   return std::string();
 }
 

@@ -1,6 +1,7 @@
 // The folder an extract run writes into, and how entries land in it safely.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <ctime>
 
@@ -102,7 +103,19 @@ private:
   /// Opens the folders of segments[0, count) below the root, creating the
   /// missing ones; -1 with `refusal` set when one is not a folder.
   int openFolders(std::vector<std::string> const& segments, std::size_t count, std::string& refusal);
-  int createTemporary(int folder, std::string& name);
+  /// Makes a file or symbolic link in `folder` under a new temporary name
+  /// (".ziputil-" and 12 random hex digits, another while one is taken):
+  /// `make` gets the name and returns whether it made it (errno set when
+  /// not). The name goes to `name` and is removed should a signal end the
+  /// program before placeTemporary is done with it. False, errno set, when
+  /// nothing could be made.
+  bool makeTemporary(int folder, std::string& name, std::function<bool(char const*)> const& make);
+  /// Finishes the temporary `temporary` in `folder` with `finish` (which
+  /// returns its status), renames it over the target `leaf` (whose local
+  /// path is `path`) and records the target as written by this run. When
+  /// anything fails, the temporary is removed and the error passes through.
+  void placeTemporary(int folder, std::string const& temporary, std::string const& leaf, std::string const& path,
+                      std::function<struct stat()> const& finish);
   /// Checks the existing target `leaf` in `folder`: "" when it may be
   /// replaced or does not exist (`replacing` set accordingly), else a refusal.
   std::string checkTarget(int folder, std::string const& leaf, std::string const& path, bool allowLink,
