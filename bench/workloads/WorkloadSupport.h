@@ -1,0 +1,112 @@
+// What several workloads share: the size of their read and write pieces,
+// their checks, ziputil over the local and the memory file system, stock
+// minizip's handles and entry settings, the Python peer's rows, and the zlib
+// limit's inflate.
+#pragma once
+
+#include "Harness.h"
+#include "Workloads.h"
+#include "ZipData.h"
+
+#include "tal/MemoryFileSystem.h"
+
+#include <unzip.h>
+#include <zip.h>
+#include <zlib.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+/// The size of the pieces the workloads read and write, and of their buffers.
+constexpr std::size_t kChunk = 64 * 1024;
+
+/// Keeps the compiler from dropping or hoisting the computation of `value`.
+template <class T> inline void keep(T const& value) { asm volatile("" : : "r,m"(value) : "memory"); }
+
+/// Throws std::runtime_error(`what`) unless `ok`.
+inline void expect(bool ok, std::string const& what) {
+  if (!ok) throw std::runtime_error(what);
+}
+
+/// `n` with a comma between thousands ("100,000").
+std::string withCommas(std::size_t n);
+
+/// The size of the file at `path` as a detail ("1.20 MB written"); empty when
+/// there is no such file.
+std::string fileSizeOf(std::string const& path);
+
+// ---- ziputil ---------------------------------------------------------------
+
+/// The URI of the local file at `path`.
+tal::CURI fileURI(std::string const& path);
+/// The relative URI of the entry `name` in an archive.
+tal::CURI entryURI(std::string const& name);
+/// The time the write workloads give their entries: 2024-05-01 12:00:00.
+tal::CTimeFields entryTime();
+
+/// ziputil over one of the two file systems, holding an archive.
+struct ZiputilSite {
+  /// The row's name: "ziputil-local" or "ziputil-mem".
+  char const* name;
+  tal::P<tal::IFileSystem> fs;
+  /// Set for the memory file system (the same object as `fs`), null for the local one.
+  tal::P<tal::CMemoryFileSystem> memory;
+  tal::CURI archive;
+};
+
+/// The two sites reading the archive at `path` (whose bytes are `bytes`): the
+/// local file system on `path`, and a memory file system holding a copy of
+/// `bytes`.
+std::vector<ZiputilSite> readSites(std::string const& path, std::string const& bytes);
+
+/// The two sites writing a new archive: at `path` on the local disk, and in a
+/// memory file system.
+std::vector<ZiputilSite> writeSites(std::string const& path);
+
+/// To run before each write of `site` (whose local archive is at `path`): the
+/// old output removed or, in memory, a fresh file system.
+std::function<void()> clearSite(std::shared_ptr<ZiputilSite> const& site, std::string const& path);
+
+/// The size of what `site` (whose local archive is at `path`) wrote, as a detail.
+std::function<std::string()> siteSize(std::shared_ptr<ZiputilSite> const& site, std::string const& path);
+
+// ---- stock minizip ---------------------------------------------------------
+
+struct UnzCloser {
+  void operator()(void* unz) const { unzClose(unz); }
+};
+/// A stock minizip reader, closed with unzClose.
+using UnzHandle = std::unique_ptr<void, UnzCloser>;
+
+/// Opens the archive at `path` with stock minizip; throws when it cannot.
+UnzHandle openUnz(std::string const& path);
+
+/// Opens an entry `name` in `zip` the way the library's writer does: deflated
+/// at `level`, raw deflate stream, UTF-8 name flag, Zip64 extra fields, dated
+/// 2024-05-01 12:00. Throws when minizip refuses.
+void openStockEntry(zipFile zip, std::string const& name, int level);
+
+// ---- Python ----------------------------------------------------------------
+
+/// True when the Python peer is running and `ctx` wants the zipfile rows.
+bool wantPython(Context& ctx);
+
+/// The zipfile row: each run sends the JSON members `json` (with "n" added) to
+/// the Python peer. Only when wantPython(ctx).
+Impl pythonImpl(Context& ctx, std::string json);
+
+// ---- zlib ------------------------------------------------------------------
+
+/// The zlib limit's work on one entry: inflates `compressed` through `z` (just
+/// initialised or reset) in kChunk pieces with the CRC-32 of the output, which
+/// must be the entry's; returns the bytes inflated.
+std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEntry const& entry);
+
+} // namespace bench
