@@ -3,11 +3,7 @@
 // there (missing), against a hash table and a scan of the central directory
 // bytes in memory.
 #include "WorkloadSupport.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
 
-#include "tal/MemoryFileSystem.h"
 #include "ziputil/CZipReader.h"
 
 #include <cstring>

@@ -2,9 +2,6 @@
 // end, close; against finding the name in the central directory bytes, in
 // memory or just read from the file.
 #include "WorkloadSupport.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
 
 #include "ziputil/CZipReader.h"
 

@@ -1,11 +1,8 @@
 // The readmany workload: read every entry of an archive of many small
 // entries (written by stock minizip), against inflating each entry's
 // compressed bytes in memory.
-#include "WorkloadSupport.h"
 #include "SmallEntries.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
+#include "WorkloadSupport.h"
 
 #include "ziputil/CZipReader.h"
 

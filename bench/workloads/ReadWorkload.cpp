@@ -2,9 +2,6 @@
 // inflating its compressed bytes in memory with zlib (and with ISA-L in a
 // build that reads with it).
 #include "WorkloadSupport.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
 
 #include "ziputil/CZipReader.h"
 

@@ -1,10 +1,7 @@
 // The small workload: write many small entries into a new archive, against
 // deflating each in memory.
-#include "WorkloadSupport.h"
 #include "SmallEntries.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
+#include "WorkloadSupport.h"
 
 #include "ziputil/CZipWriter.h"
 

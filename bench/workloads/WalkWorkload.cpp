@@ -2,9 +2,6 @@
 // size, close; against listing the central directory bytes, in memory, just
 // read from the file, or read header by header through stdio.
 #include "WorkloadSupport.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
 
 #include "tal/LocalFileSystem.h"
 #include "ziputil/CZipReader.h"

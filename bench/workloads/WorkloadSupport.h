@@ -1,12 +1,15 @@
 // What several workloads share: the size of their read and write pieces,
 // their checks, ziputil over the local and the memory file system, stock
-// minizip's handles and entry settings, the Python peer's rows, and the zlib
-// limit's inflate.
+// minizip's handles and entry settings, libzip (in a build with it), the
+// Python peer's rows, and the zlib limit's inflate.
 #pragma once
 
 #include "Harness.h"
 #include "Workloads.h"
 #include "ZipData.h"
+#if ZIPUTIL_BENCH_LIBZIP
+#include "LibzipPeer.h"
+#endif
 
 #include "tal/MemoryFileSystem.h"
 

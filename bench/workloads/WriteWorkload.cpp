@@ -2,9 +2,6 @@
 // 64 KiB pieces into a new archive, against deflating the same bytes in
 // memory.
 #include "WorkloadSupport.h"
-#if ZIPUTIL_BENCH_LIBZIP
-#include "LibzipPeer.h"
-#endif
 
 #include "ziputil/CZipWriter.h"
 
