@@ -5,7 +5,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <stdexcept>
 
 namespace bench {
@@ -53,10 +52,7 @@ Workload makeAdd(Context& ctx) {
       }
       return run.times;
     };
-    std::string const path = dir + "/" + out;
-    impl.prepare = [path] { std::remove(path.c_str()); };
-    impl.detail = [path] { return fileSizeOf(path); };
-    return impl;
+    return writesFile(impl, dir + "/" + out);
   };
   if (!ctx.tool.empty() && ctx.wants("ziputil-add"))
     w.impls.push_back(program("ziputil-add", {ctx.tool, "add", "--level", "6", "a-ziputil.zip", "tree"}, "a-ziputil.zip"));

@@ -35,6 +35,22 @@ tal::CURI entryURI(std::string const& name) {
 
 tal::CTimeFields entryTime() { return tal::CTimeFields(2024, 5, 1, 12, 0, 0, 0.0, 0, false); }
 
+namespace {
+
+/// ziputil-local: the local file system, the archive at `path`.
+std::shared_ptr<ZiputilSite> localSite(std::string const& path) {
+  return std::make_shared<ZiputilSite>(
+      ZiputilSite{"ziputil-local", tal::newObj<tal::CLocalFileSystem>(), nullptr, fileURI(path)});
+}
+
+/// ziputil-mem: a new memory file system, the archive at `uri` in it.
+std::shared_ptr<ZiputilSite> memorySite(char const* uri) {
+  auto memory = tal::newObj<tal::CMemoryFileSystem>();
+  return std::make_shared<ZiputilSite>(ZiputilSite{"ziputil-mem", memory, memory, tal::CURI(tal::String(uri))});
+}
+
+} // namespace
+
 std::vector<ZiputilSite> readSites(std::string const& path, std::string const& bytes) {
   std::vector<ZiputilSite> sites;
   sites.push_back({"ziputil-local", tal::newObj<tal::CLocalFileSystem>(), nullptr, fileURI(path)});
@@ -45,30 +61,33 @@ std::vector<ZiputilSite> readSites(std::string const& path, std::string const& b
   return sites;
 }
 
-std::vector<ZiputilSite> writeSites(std::string const& path) {
-  std::vector<ZiputilSite> sites;
-  sites.push_back({"ziputil-local", tal::newObj<tal::CLocalFileSystem>(), nullptr, fileURI(path)});
-  auto memory = tal::newObj<tal::CMemoryFileSystem>();
-  sites.push_back({"ziputil-mem", memory, memory, tal::CURI(tal::String("mem:/out.zip"))});
-  return sites;
-}
-
-std::function<void()> clearSite(std::shared_ptr<ZiputilSite> const& site, std::string const& path) {
-  return [site, path] {
-    if (site->memory) {
-      site->memory = tal::newObj<tal::CMemoryFileSystem>();
-      site->fs = site->memory;
-    } else {
-      std::remove(path.c_str());
-    }
-  };
-}
-
-std::function<std::string()> siteSize(std::shared_ptr<ZiputilSite> const& site, std::string const& path) {
-  return [site, path] {
-    if (!site->memory) return fileSizeOf(path);
-    return formatBytes(static_cast<double>(site->memory->getFile(site->archive).size())) + " written";
-  };
+void addZiputilWriters(Workload& w, Context const& ctx, std::string const& path, int level,
+                       std::function<void(ziputil::CZipWriter& writer)> const& addEntries) {
+  std::vector<std::shared_ptr<ZiputilSite>> sites;
+  if (ctx.wants("ziputil-local")) sites.push_back(localSite(path));
+  if (ctx.wants("ziputil-mem")) sites.push_back(memorySite("mem:/out.zip"));
+  for (auto const& s : sites) {
+    Impl impl = inProcess(s->name, [s, level, addEntries](long) {
+      ziputil::createEmptyArchive(s->fs.get(), s->archive);
+      auto writer = tal::newObj<ziputil::CZipWriter>(s->fs.get(), s->archive, tal::String(),
+                                                     static_cast<ziputil::CZipWriter::CompLevel>(level));
+      addEntries(*writer);
+      writer->close();
+    });
+    impl.prepare = [s, path] {
+      if (s->memory) {
+        s->memory = tal::newObj<tal::CMemoryFileSystem>();
+        s->fs = s->memory;
+      } else {
+        std::remove(path.c_str());
+      }
+    };
+    impl.detail = [s, path] {
+      if (!s->memory) return fileSizeOf(path);
+      return formatBytes(static_cast<double>(s->memory->getFile(s->archive).size())) + " written";
+    };
+    w.impls.push_back(impl);
+  }
 }
 
 // ---- stock minizip ---------------------------------------------------------
@@ -99,6 +118,14 @@ void openStockEntry(zipFile zip, std::string const& name, int level) {
   expect(result == ZIP_OK, "minizip cannot open entry " + name);
 }
 
+// ---- rows ------------------------------------------------------------------
+
+Impl writesFile(Impl impl, std::string const& path) {
+  impl.prepare = [path] { std::remove(path.c_str()); };
+  impl.detail = [path] { return fileSizeOf(path); };
+  return impl;
+}
+
 // ---- Python ----------------------------------------------------------------
 
 bool wantPython(Context& ctx) { return ctx.python && ctx.wants("zipfile"); }
@@ -111,7 +138,7 @@ Impl pythonImpl(Context& ctx, std::string json) {
   return impl;
 }
 
-// ---- zlib ------------------------------------------------------------------
+// ---- the limits ------------------------------------------------------------
 
 std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEntry const& entry) {
   z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
@@ -130,6 +157,32 @@ std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEn
   }
   expect(r == Z_STREAM_END && crc == entry.crc, "inflate failed");
   return total;
+}
+
+std::uint64_t deflateDiscarding(z_stream& z, int flush) {
+  static unsigned char buffer[kChunk];
+  std::uint64_t total = 0;
+  int r;
+  do {
+    z.next_out = buffer;
+    z.avail_out = kChunk;
+    r = deflate(&z, flush);
+    total += kChunk - z.avail_out;
+  } while (z.avail_out == 0 || (flush == Z_FINISH && r != Z_STREAM_END));
+  return total;
+}
+
+Impl deflateLimit(int level, std::function<std::uint64_t(z_stream& z)> deflateAll) {
+  auto compressed = std::make_shared<std::uint64_t>(0);
+  Impl impl = inProcess("limit-deflate", [level, deflateAll, compressed](long) {
+    z_stream z = {};
+    expect(deflateInit2(&z, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) == Z_OK, "deflateInit2 failed");
+    std::uint64_t const total = deflateAll(z);
+    deflateEnd(&z);
+    *compressed = total;
+  });
+  impl.detail = [compressed] { return formatBytes(static_cast<double>(*compressed)) + " deflated"; };
+  return impl;
 }
 
 } // namespace bench

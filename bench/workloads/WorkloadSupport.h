@@ -1,7 +1,7 @@
 // What several workloads share: the size of their read and write pieces,
 // their checks, ziputil over the local and the memory file system, stock
-// minizip's handles and entry settings, libzip (in a build with it), the
-// Python peer's rows, and the zlib limit's inflate.
+// minizip's handles and entry settings, libzip (in a build with it), the rows
+// that write a file, the Python peer's rows, and the zlib limits' pieces.
 #pragma once
 
 #include "Harness.h"
@@ -12,6 +12,7 @@
 #endif
 
 #include "tal/MemoryFileSystem.h"
+#include "ziputil/CZipWriter.h"
 
 #include <unzip.h>
 #include <zip.h>
@@ -69,16 +70,14 @@ struct ZiputilSite {
 /// `bytes`.
 std::vector<ZiputilSite> readSites(std::string const& path, std::string const& bytes);
 
-/// The two sites writing a new archive: at `path` on the local disk, and in a
-/// memory file system.
-std::vector<ZiputilSite> writeSites(std::string const& path);
-
-/// To run before each write of `site` (whose local archive is at `path`): the
-/// old output removed or, in memory, a fresh file system.
-std::function<void()> clearSite(std::shared_ptr<ZiputilSite> const& site, std::string const& path);
-
-/// The size of what `site` (whose local archive is at `path`) wrote, as a detail.
-std::function<std::string()> siteSize(std::shared_ptr<ZiputilSite> const& site, std::string const& path);
+/// Adds to `w` the ziputil rows `ctx` wants that write a new archive at
+/// `level`: ziputil-local on the local disk at `path`, then ziputil-mem in a
+/// memory file system. Each run makes an empty archive, opens a CZipWriter on
+/// it, hands the writer to `addEntries` and closes it. Before each run the
+/// old archive goes (in memory, with the whole file system); the row's detail
+/// is the size written.
+void addZiputilWriters(Workload& w, Context const& ctx, std::string const& path, int level,
+                       std::function<void(ziputil::CZipWriter& writer)> const& addEntries);
 
 // ---- stock minizip ---------------------------------------------------------
 
@@ -96,6 +95,12 @@ UnzHandle openUnz(std::string const& path);
 /// 2024-05-01 12:00. Throws when minizip refuses.
 void openStockEntry(zipFile zip, std::string const& name, int level);
 
+// ---- rows ------------------------------------------------------------------
+
+/// `impl`, a row whose runs write the file at `path`: the file is removed
+/// before each run, and its size is the row's detail.
+Impl writesFile(Impl impl, std::string const& path);
+
 // ---- Python ----------------------------------------------------------------
 
 /// True when the Python peer is running and `ctx` wants the zipfile rows.
@@ -105,11 +110,23 @@ bool wantPython(Context& ctx);
 /// the Python peer. Only when wantPython(ctx).
 Impl pythonImpl(Context& ctx, std::string json);
 
-// ---- zlib ------------------------------------------------------------------
+// ---- the limits ------------------------------------------------------------
 
 /// The zlib limit's work on one entry: inflates `compressed` through `z` (just
 /// initialised or reset) in kChunk pieces with the CRC-32 of the output, which
 /// must be the entry's; returns the bytes inflated.
 std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEntry const& entry);
+
+/// The zlib limits' deflate: deflates the input `z` holds with `flush` in
+/// kChunk pieces of output, thrown away, until the input is used up (and, with
+/// Z_FINISH, the stream has ended); returns the bytes of output.
+std::uint64_t deflateDiscarding(z_stream& z, int flush);
+
+/// The limit-deflate row: each run opens a raw deflate stream at `level`
+/// (window and memory as the writers use them), hands it to `deflateAll`,
+/// which deflates in memory what the workload writes, throws the output away
+/// and returns its size, and ends the stream; the row's detail is the last
+/// run's size.
+Impl deflateLimit(int level, std::function<std::uint64_t(z_stream& z)> deflateAll);
 
 } // namespace bench

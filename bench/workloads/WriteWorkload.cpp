@@ -6,7 +6,6 @@
 #include "ziputil/CZipWriter.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 
 namespace bench {
@@ -24,24 +23,12 @@ Workload makeWrite(Context& ctx, int level) {
   w.bytesPerOp = static_cast<double>(size);
   std::string const* bytes = &data;
 
-  for (auto& site : writeSites(ctx.dir + "/w-ziputil.zip")) {
-    if (!ctx.wants(site.name)) continue;
-    auto s = std::make_shared<ZiputilSite>(site);
-    std::string const out = ctx.dir + "/w-ziputil.zip";
-    Impl impl = inProcess(site.name, [s, bytes, name, level](long) {
-      ziputil::createEmptyArchive(s->fs.get(), s->archive);
-      auto writer = tal::newObj<ziputil::CZipWriter>(s->fs.get(), s->archive, tal::String(),
-                                                     static_cast<ziputil::CZipWriter::CompLevel>(level));
-      auto stream = writer->beginAddFile(entryURI(name), entryTime());
-      for (std::size_t done = 0; done < bytes->size(); done += kChunk)
-        stream->write(bytes->data() + done, static_cast<int>(std::min(kChunk, bytes->size() - done)), nullptr);
-      stream->close();
-      writer->close();
-    });
-    impl.prepare = clearSite(s, out);
-    impl.detail = siteSize(s, out);
-    w.impls.push_back(impl);
-  }
+  addZiputilWriters(w, ctx, ctx.dir + "/w-ziputil.zip", level, [bytes, name](ziputil::CZipWriter& writer) {
+    auto stream = writer.beginAddFile(entryURI(name), entryTime());
+    for (std::size_t done = 0; done < bytes->size(); done += kChunk)
+      stream->write(bytes->data() + done, static_cast<int>(std::min(kChunk, bytes->size() - done)), nullptr);
+    stream->close();
+  });
   if (ctx.wants("minizip")) {
     std::string const out = ctx.dir + "/w-minizip.zip";
     Impl impl = inProcess("minizip", [out, bytes, name, level](long) {
@@ -54,9 +41,7 @@ Workload makeWrite(Context& ctx, int level) {
                "zipWriteInFileInZip failed");
       expect(zipCloseFileInZip(zip) == ZIP_OK && zipClose(zip, nullptr) == ZIP_OK, "minizip cannot close " + out);
     });
-    impl.prepare = [out] { std::remove(out.c_str()); };
-    impl.detail = [out] { return fileSizeOf(out); };
-    w.impls.push_back(impl);
+    w.impls.push_back(writesFile(impl, out));
   }
 #if ZIPUTIL_BENCH_LIBZIP
   if (ctx.wants("libzip")) {
@@ -64,9 +49,7 @@ Workload makeWrite(Context& ctx, int level) {
     Impl impl = inProcess("libzip", [out, bytes, name, level](long) {
       libzip::write(out, {{name, bytes->data(), bytes->size()}}, level);
     });
-    impl.prepare = [out] { std::remove(out.c_str()); };
-    impl.detail = [out] { return fileSizeOf(out); };
-    w.impls.push_back(impl);
+    w.impls.push_back(writesFile(impl, out));
   }
 #endif
   if (wantPython(ctx)) {
@@ -74,16 +57,10 @@ Workload makeWrite(Context& ctx, int level) {
     Impl impl = pythonImpl(ctx, "\"op\":\"write\",\"data\":" + jsonString(ctx.writeDataPath()) + ",\"out\":" +
                                     jsonString(out) + ",\"name\":" + jsonString(name) +
                                     ",\"level\":" + std::to_string(level));
-    impl.prepare = [out] { std::remove(out.c_str()); };
-    impl.detail = [out] { return fileSizeOf(out); };
-    w.impls.push_back(impl);
+    w.impls.push_back(writesFile(impl, out));
   }
-  if (ctx.wants("limit-deflate")) {
-    auto compressed = std::make_shared<std::uint64_t>(0);
-    Impl impl = inProcess("limit-deflate", [bytes, level, compressed](long) {
-      z_stream z = {};
-      expect(deflateInit2(&z, level, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY) == Z_OK, "deflateInit2 failed");
-      static unsigned char buffer[kChunk];
+  if (ctx.wants("limit-deflate"))
+    w.impls.push_back(deflateLimit(level, [bytes](z_stream& z) {
       uLong crc = crc32(0, nullptr, 0);
       std::uint64_t total = 0;
       for (std::size_t done = 0; done < bytes->size();) {
@@ -93,22 +70,11 @@ Workload makeWrite(Context& ctx, int level) {
         done += piece;
         z.next_in = in;
         z.avail_in = static_cast<uInt>(piece);
-        int const flush = done == bytes->size() ? Z_FINISH : Z_NO_FLUSH;
-        int r;
-        do {
-          z.next_out = buffer;
-          z.avail_out = kChunk;
-          r = deflate(&z, flush);
-          total += kChunk - z.avail_out;
-        } while (z.avail_out == 0 || (flush == Z_FINISH && r != Z_STREAM_END));
+        total += deflateDiscarding(z, done == bytes->size() ? Z_FINISH : Z_NO_FLUSH);
       }
-      deflateEnd(&z);
       keep(crc);
-      *compressed = total;
-    });
-    impl.detail = [compressed] { return formatBytes(static_cast<double>(*compressed)) + " deflated"; };
-    w.impls.push_back(impl);
-  }
+      return total;
+    }));
   return w;
 }
 
