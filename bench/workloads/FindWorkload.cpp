@@ -26,11 +26,10 @@ Workload makeFind(Context& ctx, bool present) {
   std::string const& bytes = ctx.manyBytes();
   long const wanted = present ? 1 : 0;
 
-  for (auto& site : readSites(path, bytes)) {
-    if (!ctx.wants(site.name)) continue;
-    auto reader = tal::newObj<ziputil::CZipReader>(site.fs.get(), site.archive, tal::String());
+  for (auto const& site : readSites(ctx, path, bytes)) {
+    auto reader = tal::newObj<ziputil::CZipReader>(site->fs.get(), site->archive, tal::String());
     auto entry = std::make_shared<tal::CURI>(entryURI(name));
-    w.impls.push_back(inProcess(site.name, [reader, entry, wanted](long n) {
+    w.impls.push_back(inProcess(site->name, [reader, entry, wanted](long n) {
       long found = 0;
       for (long i = 0; i < n; ++i) found += reader->tryGoToFile(*entry) ? 1 : 0;
       expect(found == wanted * n, "tryGoToFile gave the wrong answer");

@@ -38,11 +38,9 @@ Workload makeOpen(Context& ctx) {
   std::string const& path = ctx.manyArchive();
   std::string const& bytes = ctx.manyBytes();
 
-  for (auto& site : readSites(path, bytes)) {
-    if (!ctx.wants(site.name)) continue;
-    auto s = std::make_shared<ZiputilSite>(site);
+  for (auto const& s : readSites(ctx, path, bytes)) {
     auto entry = std::make_shared<tal::CURI>(entryURI(name));
-    w.impls.push_back(inProcess(site.name, [s, entry](long n) {
+    w.impls.push_back(inProcess(s->name, [s, entry](long n) {
       for (long i = 0; i < n; ++i) {
         auto reader = tal::newObj<ziputil::CZipReader>(s->fs.get(), s->archive, tal::String());
         expect(reader->tryGoToFile(*entry), "tryGoToFile did not find the name");
@@ -66,27 +64,8 @@ Workload makeOpen(Context& ctx) {
   if (wantPython(ctx))
     w.impls.push_back(
         pythonImpl(ctx, "\"op\":\"open\",\"archive\":" + jsonString(path) + ",\"name\":" + jsonString(name)));
-  if (ctx.wants("limit-parse")) {
-    std::string const* file = &bytes;
-    w.impls.push_back(inProcess("limit-parse", [file, name](long n) {
-      for (long i = 0; i < n; ++i) {
-        CentralDirectory cd;
-        keep(file);
-        expect(findCentralDirectory(reinterpret_cast<unsigned char const*>(file->data()), file->size(), cd),
-               "no central directory");
-        findInCentralDirectory(cd, name);
-      }
-    }));
-  }
-  if (ctx.wants("limit-read"))
-    w.impls.push_back(inProcess("limit-read", [path, name](long n) {
-      for (long i = 0; i < n; ++i) {
-        std::string buffer;
-        CentralDirectory cd;
-        readCentralDirectory(path, buffer, cd);
-        findInCentralDirectory(cd, name);
-      }
-    }));
+  addCentralDirectoryLimits(w, ctx, path, bytes,
+                            [name](CentralDirectory const& cd) { findInCentralDirectory(cd, name); });
   return w;
 }
 

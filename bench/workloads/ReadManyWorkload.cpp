@@ -28,10 +28,8 @@ Workload makeReadMany(Context& ctx) {
   w.itemsPerOp = static_cast<double>(count);
   w.bytesPerOp = static_cast<double>(total);
 
-  for (auto& site : readSites(path, *bytes)) {
-    if (!ctx.wants(site.name)) continue;
-    auto s = std::make_shared<ZiputilSite>(site);
-    w.impls.push_back(inProcess(site.name, [s, total](long) {
+  for (auto const& s : readSites(ctx, path, *bytes)) {
+    w.impls.push_back(inProcess(s->name, [s, total](long) {
       auto reader = tal::newObj<ziputil::CZipReader>(s->fs.get(), s->archive, tal::String());
       static char buffer[kChunk];
       std::uint64_t read = 0;

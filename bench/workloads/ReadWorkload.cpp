@@ -36,10 +36,8 @@ Workload makeRead(Context& ctx) {
   w.notes.push_back("every row checks the CRC-32 (minizip at unzCloseCurrentFile, libzip and zipfile at the end)");
   w.bytesPerOp = static_cast<double>(size);
 
-  for (auto& site : readSites(path, *bytes)) {
-    if (!ctx.wants(site.name)) continue;
-    auto s = std::make_shared<ZiputilSite>(site);
-    w.impls.push_back(inProcess(site.name, [s, name, size](long) {
+  for (auto const& s : readSites(ctx, path, *bytes)) {
+    w.impls.push_back(inProcess(s->name, [s, name, size](long) {
       auto reader = tal::newObj<ziputil::CZipReader>(s->fs.get(), s->archive, tal::String());
       expect(reader->tryGoToFile(entryURI(name)), "no entry " + name);
       auto in = reader->openCurrentFileStream();

@@ -27,6 +27,23 @@ void listCentralDirectory(CentralDirectory const& cd, std::string& name, std::si
   expect(seen == count, "the parse missed entries");
 }
 
+/// One walk with a reader: opens the archive, takes every entry's name length
+/// (as `nameLength(reader)` gives it) and uncompressed size, closes; expects
+/// `count` entries.
+template <class NameLength>
+void walkWithReader(tal::IFileSystem* fs, tal::CURI const& archive, std::size_t count, NameLength nameLength) {
+  auto reader = tal::newObj<ziputil::CZipReader>(fs, archive, tal::String());
+  std::size_t seen = 0;
+  long long total = 0;
+  while (reader->nextFile()) {
+    total += static_cast<long long>(nameLength(*reader)) + reader->getCurrentFileUncompressedSize();
+    ++seen;
+  }
+  reader->close();
+  keep(total);
+  expect(seen == count, "the walk missed entries");
+}
+
 } // namespace
 
 Workload makeWalk(Context& ctx) {
@@ -48,23 +65,13 @@ Workload makeWalk(Context& ctx) {
   std::string const& path = ctx.manyArchive();
   std::string const& bytes = ctx.manyBytes();
 
-  for (auto& site : readSites(path, bytes)) {
-    if (!ctx.wants(site.name)) continue;
-    auto s = std::make_shared<ZiputilSite>(site);
-    w.impls.push_back(inProcess(site.name, [s, count](long n) {
-      for (long i = 0; i < n; ++i) {
-        auto reader = tal::newObj<ziputil::CZipReader>(s->fs.get(), s->archive, tal::String());
-        std::size_t seen = 0;
-        long long total = 0;
-        while (reader->nextFile()) {
-          std::string const name = reader->getCurrentFileRelativeURI().getPath().toUTF8();
-          total += static_cast<long long>(name.size()) + reader->getCurrentFileUncompressedSize();
-          ++seen;
-        }
-        reader->close();
-        keep(total);
-        expect(seen == count, "the walk missed entries");
-      }
+  for (auto const& s : readSites(ctx, path, bytes)) {
+    w.impls.push_back(inProcess(s->name, [s, count](long n) {
+      for (long i = 0; i < n; ++i)
+        walkWithReader(s->fs.get(), s->archive, count, [](ziputil::CZipReader& reader) {
+          std::string const name = reader.getCurrentFileRelativeURI().getPath().toUTF8();
+          return name.size();
+        });
     }));
   }
   if (ctx.wants("ziputil-raw")) {
@@ -72,19 +79,9 @@ Workload makeWalk(Context& ctx) {
     auto fs = tal::newObj<tal::CLocalFileSystem>();
     tal::CURI const archive = fileURI(path);
     w.impls.push_back(inProcess("ziputil-raw", [fs, archive, count](long n) {
-      for (long i = 0; i < n; ++i) {
-        auto reader = tal::newObj<ziputil::CZipReader>(fs.get(), archive, tal::String());
-        std::size_t seen = 0;
-        long long total = 0;
-        while (reader->nextFile()) {
-          total += static_cast<long long>(reader->getCurrentFileRawName().size()) +
-                   reader->getCurrentFileUncompressedSize();
-          ++seen;
-        }
-        reader->close();
-        keep(total);
-        expect(seen == count, "the walk missed entries");
-      }
+      for (long i = 0; i < n; ++i)
+        walkWithReader(fs.get(), archive, count,
+                       [](ziputil::CZipReader& reader) { return reader.getCurrentFileRawName().size(); });
     }));
   }
   if (ctx.wants("minizip"))
@@ -114,29 +111,10 @@ Workload makeWalk(Context& ctx) {
   if (wantPython(ctx))
     w.impls.push_back(
         pythonImpl(ctx, "\"op\":\"walk\",\"archive\":" + jsonString(path) + ",\"count\":" + std::to_string(count)));
-  if (ctx.wants("limit-parse")) {
-    std::string const* file = &bytes;
-    w.impls.push_back(inProcess("limit-parse", [file, count](long n) {
-      std::string name;
-      for (long i = 0; i < n; ++i) {
-        CentralDirectory cd;
-        keep(file);
-        expect(findCentralDirectory(reinterpret_cast<unsigned char const*>(file->data()), file->size(), cd),
-               "no central directory");
-        listCentralDirectory(cd, name, count);
-      }
-    }));
-  }
-  if (ctx.wants("limit-read"))
-    w.impls.push_back(inProcess("limit-read", [path, count](long n) {
-      std::string name;
-      for (long i = 0; i < n; ++i) {
-        std::string buffer;
-        CentralDirectory cd;
-        readCentralDirectory(path, buffer, cd);
-        listCentralDirectory(cd, name, count);
-      }
-    }));
+  // The names are copied into one string that each row keeps.
+  addCentralDirectoryLimits(w, ctx, path, bytes, [count, name = std::string()](CentralDirectory const& cd) mutable {
+    listCentralDirectory(cd, name, count);
+  });
   if (ctx.wants("limit-stdio"))
     w.impls.push_back(inProcess("limit-stdio", [path, count](long n) {
       for (long i = 0; i < n; ++i) {

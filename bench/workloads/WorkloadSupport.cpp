@@ -51,13 +51,14 @@ std::shared_ptr<ZiputilSite> memorySite(char const* uri) {
 
 } // namespace
 
-std::vector<ZiputilSite> readSites(std::string const& path, std::string const& bytes) {
-  std::vector<ZiputilSite> sites;
-  sites.push_back({"ziputil-local", tal::newObj<tal::CLocalFileSystem>(), nullptr, fileURI(path)});
-  auto memory = tal::newObj<tal::CMemoryFileSystem>();
-  tal::CURI const uri(tal::String("mem:/archive.zip"));
-  memory->setFile(uri, bytes);
-  sites.push_back({"ziputil-mem", memory, memory, uri});
+std::vector<std::shared_ptr<ZiputilSite>> readSites(Context const& ctx, std::string const& path,
+                                                    std::string const& bytes) {
+  std::vector<std::shared_ptr<ZiputilSite>> sites;
+  if (ctx.wants("ziputil-local")) sites.push_back(localSite(path));
+  if (ctx.wants("ziputil-mem")) {
+    sites.push_back(memorySite("mem:/archive.zip"));
+    sites.back()->memory->setFile(sites.back()->archive, bytes);
+  }
   return sites;
 }
 

@@ -1,7 +1,8 @@
 // What several workloads share: the size of their read and write pieces,
 // their checks, ziputil over the local and the memory file system, stock
 // minizip's handles and entry settings, libzip (in a build with it), the rows
-// that write a file, the Python peer's rows, and the zlib limits' pieces.
+// that write a file, the Python peer's rows, and the limits' pieces (zlib and
+// the central directory parse).
 #pragma once
 
 #include "Harness.h"
@@ -65,10 +66,11 @@ struct ZiputilSite {
   tal::CURI archive;
 };
 
-/// The two sites reading the archive at `path` (whose bytes are `bytes`): the
-/// local file system on `path`, and a memory file system holding a copy of
-/// `bytes`.
-std::vector<ZiputilSite> readSites(std::string const& path, std::string const& bytes);
+/// The sites `ctx` wants reading the archive at `path` (whose bytes are
+/// `bytes`), in this order: ziputil-local, the local file system on `path`;
+/// ziputil-mem, a memory file system holding a copy of `bytes`.
+std::vector<std::shared_ptr<ZiputilSite>> readSites(Context const& ctx, std::string const& path,
+                                                    std::string const& bytes);
 
 /// Adds to `w` the ziputil rows `ctx` wants that write a new archive at
 /// `level`: ziputil-local on the local disk at `path`, then ziputil-mem in a
@@ -116,6 +118,37 @@ Impl pythonImpl(Context& ctx, std::string json);
 /// initialised or reset) in kChunk pieces with the CRC-32 of the output, which
 /// must be the entry's; returns the bytes inflated.
 std::uint64_t inflateEntry(z_stream& z, std::string const& compressed, CentralEntry const& entry);
+
+/// Adds to `w` the rows limit-parse and limit-read that `ctx` wants: each
+/// operation finds the central directory of the archive, in its bytes `bytes`
+/// held in memory (limit-parse) or read from the file at `path` into a new
+/// buffer (limit-read: open, two preads, close), and hands it to `use(cd)`.
+/// Each row keeps its own copy of `use`; `bytes` must outlive the workload.
+template <class Use>
+void addCentralDirectoryLimits(Workload& w, Context const& ctx, std::string const& path, std::string const& bytes,
+                               Use use) {
+  if (ctx.wants("limit-parse")) {
+    std::string const* file = &bytes;
+    w.impls.push_back(inProcess("limit-parse", [file, use](long n) mutable {
+      for (long i = 0; i < n; ++i) {
+        CentralDirectory cd;
+        keep(file);
+        expect(findCentralDirectory(reinterpret_cast<unsigned char const*>(file->data()), file->size(), cd),
+               "no central directory");
+        use(cd);
+      }
+    }));
+  }
+  if (ctx.wants("limit-read"))
+    w.impls.push_back(inProcess("limit-read", [path, use](long n) mutable {
+      for (long i = 0; i < n; ++i) {
+        std::string buffer;
+        CentralDirectory cd;
+        readCentralDirectory(path, buffer, cd);
+        use(cd);
+      }
+    }));
+}
 
 /// The zlib limits' deflate: deflates the input `z` holds with `flush` in
 /// kChunk pieces of output, thrown away, until the input is used up (and, with
