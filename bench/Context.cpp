@@ -7,6 +7,22 @@
 
 namespace bench {
 
+namespace {
+
+/// The path of the file `name` in the work folder `dir`, made there by
+/// `make(path)` on the first call; `memo` holds the path from then on.
+template <class Make>
+std::string const& madeOnce(std::string& memo, std::string const& dir, char const* name, Make make) {
+  if (memo.empty()) {
+    std::string const path = dir + "/" + name;
+    make(path);
+    memo = path;
+  }
+  return memo;
+}
+
+} // namespace
+
 bool Context::wants(std::string const& impl) const {
   for (auto const& s : skip)
     if (impl == s || impl.rfind(s + "-", 0) == 0) return false;
@@ -18,12 +34,8 @@ std::size_t Context::scaled(double full, std::size_t least) const {
 }
 
 std::string const& Context::manyArchive() {
-  if (m_manyPath.empty()) {
-    std::string const path = dir + "/many.zip";
-    writeManyEntriesArchive(path, manyCount());
-    m_manyPath = path;
-  }
-  return m_manyPath;
+  return madeOnce(m_manyPath, dir, "many.zip",
+                  [this](std::string const& path) { writeManyEntriesArchive(path, manyCount()); });
 }
 
 std::string const& Context::manyBytes() {
@@ -37,12 +49,7 @@ std::string const& Context::writeData() {
 }
 
 std::string const& Context::writeDataPath() {
-  if (m_writeDataPath.empty()) {
-    std::string const path = dir + "/write.txt";
-    writeFile(path, writeData());
-    m_writeDataPath = path;
-  }
-  return m_writeDataPath;
+  return madeOnce(m_writeDataPath, dir, "write.txt", [this](std::string const& path) { writeFile(path, writeData()); });
 }
 
 } // namespace bench
