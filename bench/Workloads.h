@@ -53,7 +53,26 @@ struct WorkloadInfo {
 /// Every workload, in the order a full run takes them.
 std::vector<WorkloadInfo> allWorkloads();
 
-/// The parallel deflater's CPU time against one entry after another (DeflaterWorkload.cpp).
+// The workloads, one a file under workloads/ (allWorkloads() says what each
+// measures).
+
+/// find (`present`) or missing: lookups of a name in the many-entries archive.
+Workload makeFind(Context& ctx, bool present);
+/// open: open the many-entries archive, look up a name, close.
+Workload makeOpen(Context& ctx);
+/// walk: open the many-entries archive, list every name and size, close.
+Workload makeWalk(Context& ctx);
+/// read: read one big deflated entry.
+Workload makeRead(Context& ctx);
+/// write1, write6: write one big entry at `level`.
+Workload makeWrite(Context& ctx, int level);
+/// small: write many small entries.
+Workload makeSmall(Context& ctx);
+/// readmany: read every entry of an archive of many small entries.
+Workload makeReadMany(Context& ctx);
+/// add: the ziputil program's `add` of a folder against `zip -r`.
+Workload makeAdd(Context& ctx);
+/// deflater: the parallel deflater's CPU time against one entry after another.
 Workload makeDeflater(Context& ctx);
 
 } // namespace bench
