@@ -160,3 +160,13 @@ target_include_directories(minizip PRIVATE "${_minizip_dir}")
 target_include_directories(minizip PRIVATE "${PROJECT_SOURCE_DIR}" "${ZIPUTIL_GENERATED_INCLUDE_DIR}")
 target_compile_options(minizip PRIVATE -w)
 target_link_libraries(minizip PUBLIC ZLIB::ZLIB)
+
+# The methods the reader decodes itself beside stored and deflated (bzip2, LZMA
+# and xz, zstd; Deflate64 is the library's own), and WinZip AES encryption
+# (libcrypto's PBKDF2, AES and HMAC). All are linked privately into
+# libziputil.so: a consumer's link needs none of them.
+find_package(OpenSSL 3 REQUIRED COMPONENTS Crypto)
+find_package(BZip2 REQUIRED)
+find_package(LibLZMA 5.4 REQUIRED) # LZMA1 with a known size and an optional end marker came with 5.4
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd>=1.4)

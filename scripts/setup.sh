@@ -9,6 +9,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   zlib1g-dev libisal-dev libwxgtk3.2-dev gettext
+  libssl-dev libbz2-dev liblzma-dev libzstd-dev bzip2 xz-utils zstd
   googletest libgtest-dev libgmock-dev libzip-dev
   zip unzip libarchive-tools p7zip-full python3
   dpkg-dev file patch
