@@ -5,6 +5,7 @@
 #include "tal/Error.h"
 #include "tal/LocalFileSystem.h"
 #include "ziputil/ArchiveCheck.h"
+#include "ziputil/Methods.h"
 
 #include <cstring>
 #include <utility>
@@ -76,9 +77,12 @@ std::string CEntryReader::describeFailure(std::exception const& error) const {
       if (result == "-106") return "wrong password";
       if (result == "-102" && std::strcmp(error.what(), "unzOpenCurrentFile failed") == 0)
         return "the entry is encrypted: give its password with --password-file, ZIPUTIL_PASSWORD or --password";
-      if (result == "-107")
-        return "compression method " + std::to_string(m_checked->getCurrentFileMethod()) +
-               " is not supported (only stored and deflated entries can be read)";
+      if (result == "-107") {
+        int const method = m_checked->getCurrentFileRealMethod();
+        std::string const name = ziputil::compressionMethodName(method);
+        return "compression method " + std::to_string(method) + (name.empty() ? "" : " (" + name + ")") +
+               " is not supported";
+      }
     }
   }
   return error.what();

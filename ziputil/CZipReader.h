@@ -4,6 +4,7 @@
 #include "tal/Buffer.h"
 #include "tal/Stream.h"
 #include "ziputil/CMiniZipIO.h"
+#include "ziputil/Encryption.h"
 
 #include "ziputil/minizip/unzip.h"
 
@@ -15,6 +16,7 @@
 namespace ziputil {
 
 class CentralDirectory;
+class CEntryDecoding;
 
 /// Opens one ZIP archive through a tal::IFileSystem, walks its entries in
 /// central-directory order or jumps to a named one, describes the current
@@ -75,6 +77,15 @@ public:
     /// same error. Off by default: the entry stream then hands out what minizip
     /// decompresses, up to the stored size, unchecked.
     bool verifyEntries = false;
+    /// The largest dictionary or window an entry's method may ask for
+    /// (LZMA's and xz's dictionaries, zstd's window): an entry that asks for
+    /// more is refused when it is opened, before anything is allocated (see
+    /// openCurrentFileStream). 128 MiB (the default) takes everything xz -9e,
+    /// 7-Zip's ultra settings and zstd up to level 22 write. Reading one
+    /// entry then needs at most this plus a fixed amount per method: Deflate64
+    /// about 200 KiB, bzip2 3.8 MiB, LZMA up to 6 MiB of probabilities, xz
+    /// 1 MiB, zstd 256 KiB; stored and deflated entries need no dictionary.
+    unsigned long long maxDecoderWindow = 128ULL << 20;
   };
 
   /// Opens the archive (unzOpen2_64 through the bridge); does not position it.
@@ -109,6 +120,30 @@ public:
   /// (ZIPUTIL_UNZ_BADPASSWORD) for a wrong password and -107
   /// (ZIPUTIL_UNZ_BADMETHOD) for an entry compressed with another method than
   /// stored or deflated, which is never handed out as raw bytes. Takes no lock.
+  ///
+  /// Addition: entries of the methods Deflate64 (9), bzip2 (12), LZMA (14),
+  /// zstd (93, and the older 20) and xz (95), and WinZip AES entries (method
+  /// 99, AE-1 and AE-2, 128 to 256-bit keys, holding any of these methods or
+  /// stored or deflated data), with or without traditional encryption, are
+  /// decoded by the library (stored and deflated entries stay minizip's, as
+  /// above). Their streams behave as every entry stream, and:
+  /// - a WinZip AES entry without a password gives result -102
+  ///   (UNZ_PARAMERROR) and a wrong one -106 (ZIPUTIL_UNZ_BADPASSWORD), as
+  ///   traditional encryption does; its authentication code is always checked
+  ///   when its stored data has been read to its end, and the read that gets
+  ///   there throws CFileSystemError (Unspecified) from CIOError ReadFailed
+  ///   "ZIP entry's WinZip AES authentication code does not match: its
+  ///   encrypted data was changed or damaged" {"uri": the entry's URI text}
+  ///   when it does not match;
+  /// - data the method cannot decode throws the same error class with
+  ///   "ZIP entry cannot be read: <what the decoder found>", at the open
+  ///   (a dictionary or window above Options::maxDecoderWindow, a header that
+  ///   cannot be read) or at the read that meets it; every later read throws
+  ///   it again;
+  /// - Options::verifyEntries checks sizes, the CRC-32 (not for AE-2 entries,
+  ///   which store none) and that the compressed data ends where the method's
+  ///   data ends, with verifyEntries' messages.
+  /// Other methods (PPMd, ...) still give -107.
   tal::P<tal::IInStream> openCurrentFileStream();
 
   /// The current entry's cleaned relative URI; empty when not positioned.
@@ -127,6 +162,17 @@ public:
   /// Addition: the current entry's compression method as stored (0 stored,
   /// 8 deflated, anything else cannot be read); -1 when not positioned.
   int getCurrentFileMethod() const;
+  /// Addition: the method of the current entry's data: for a WinZip AES entry
+  /// (stored method 99) the method its extra field names, for others the
+  /// stored method; -1 when not positioned. Reads the extra field as
+  /// getCurrentFileExtraField does (and throws as it does); an AES entry
+  /// without a readable AES field gives 99.
+  int getCurrentFileRealMethod() const;
+  /// Addition: how the current entry is encrypted: None without general-purpose
+  /// bit 0; AES with the key size its extra field names for a WinZip AES
+  /// entry; Traditional otherwise. None when not positioned. Reads the extra
+  /// field of AES entries as getCurrentFileRealMethod does.
+  Encryption getCurrentFileEncryption() const;
   /// Addition: the current entry's name exactly as stored, as bytes (whatever
   /// its encoding; the relative URI always decodes it as UTF-8); empty when
   /// not positioned.
@@ -259,6 +305,10 @@ private:
   /// minizip's result.
   int catchUpMinizip() const;
   [[noreturn]] void throwFailure(int result, char const* message) const;
+  /// Throws the failure of opening the current entry with minizip's `result`.
+  [[noreturn]] void throwEntryOpenFailure(int result) const;
+  /// openCurrentFileStream for the entries the library decodes itself.
+  tal::P<tal::IInStream> openDecodedStream();
   /// The current entry's comment (`comment` true) or central extra field.
   std::string readEntryText(bool comment) const;
 
@@ -347,6 +397,14 @@ private:
   void detach();
   /// Makes the stream check the entry against its stored CRC-32 and size.
   void verifyAgainst(unsigned long crc, unsigned long long size);
+  /// Makes the stream read through `decoding` (the entry's stored bytes
+  /// decoded by the library), handing out at most `size` bytes; `checkCRC`
+  /// false for entries without a CRC-32 (AE-2).
+  void decodeWith(std::unique_ptr<CEntryDecoding> decoding, unsigned long long size, bool checkCRC);
+  /// readLax's reading through m_decoding, under the reader's mutex.
+  int readDecoded(unsigned char* buffer, int size);
+  /// Turns a decoder's failure into the stream's (sticky) error.
+  [[noreturn]] void throwDecodeFailure(std::exception const& failure);
   /// Under the reader's mutex, once a read has reached the entry's end.
   void verifyEnd(ZipStuff& stuff);
   [[noreturn]] void throwVerifyFailure(std::string const& message);
@@ -369,6 +427,10 @@ private:
 
   unsigned long m_crc = 0;
   tal::P<tal::CError> m_verifyError;
+  /// Set for the entries the library decodes itself (see openCurrentFileStream).
+  std::unique_ptr<CEntryDecoding> m_decoding;
+  unsigned long long m_decodedLimit = 0; ///< the stored size: no more is handed out
+  bool m_checkCRC = true;
 
   friend class CZipReader;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tal/String.h"
+#include "ziputil/Encryption.h"
 
 #include <string>
 
@@ -25,7 +26,9 @@ struct EntryInfo {
   long long size = 0;           ///< uncompressed bytes
   long long compressedSize = 0; ///< stored bytes (with an encryption header)
   unsigned long crc32 = 0;
-  int method = 0;               ///< 0 stored, 8 deflated, others as stored
+  int method = 0;               ///< 0 stored, 8 deflated, others as stored (99 for WinZip AES)
+  int realMethod = 0;           ///< the data's method: inside a WinZip AES entry, the one it names
+  Encryption encryption = Encryption::None;
   tal::CTimeFields modified;    ///< empty when the stored DOS date is invalid
   int unixMode = -1;            ///< st_mode when made by Unix, else -1
   unsigned long externalAttributes = 0;

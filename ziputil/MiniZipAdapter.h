@@ -65,5 +65,14 @@ int unzOpenCurrentFile(unzFile file);
 /// than stored or deflated gives ZIPUTIL_UNZ_BADMETHOD before anything else.
 int unzOpenCurrentFilePassword(unzFile file, const char* password);
 
+/// Addition: opens the current entry's stored data (minizip's raw mode),
+/// whatever its method, for a reader that decodes it itself. An entry with
+/// traditional encryption is decrypted on the way, its password checked
+/// first as unzOpenCurrentFilePassword checks it (ZIPUTIL_UNZ_BADPASSWORD;
+/// UNZ_PARAMERROR for a null password); the 12-byte encryption header is not
+/// handed out. Every other entry, a WinZip AES one (method 99) among them,
+/// gives its bytes as stored.
+int unzOpenCurrentFileStored(unzFile file, const char* password);
+
 } // namespace minizip
 } // namespace ziputil

@@ -272,15 +272,15 @@ class ListTest(CliTestCase):
         compressed = zipfile.ZipFile(archive).getinfo("data.txt").compress_size
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        rule = "------------ ------------ ----- ---------------- ---------- ----"
+        rule = "------------ ------------ ----- --------- --------- ---------------- ---------- ----"
         percent = "%d%%" % round(100 * (1000 - compressed) / 1000)
         self.assertEqual(result.stdout.decode().splitlines(), [
-            "        Size   Compressed Ratio Date       Time  Mode       Name", rule,
-            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent), rule,
-            "%12d %12d %5s %27s 1 entry" % (1000, compressed, percent, "")])
+            "        Size   Compressed Ratio Method    Encrypted Date       Time  Mode       Name", rule,
+            "%12d %12d %5s deflated  -         2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent),
+            rule, "%12d %12d %5s %47s 1 entry" % (1000, compressed, percent, "")])
         quiet = run("list", "--long", "-q", archive)
         self.assertEqual(quiet.stdout.decode().splitlines(), [
-            "%12d %12d %5s 2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent)])
+            "%12d %12d %5s deflated  -         2021-03-04 05:06 -rw------- data.txt" % (1000, compressed, percent)])
         raw = raw_zip(self.path("dos.zip"), [raw_entry("dos.txt", b"")])  # made on MS-DOS: no mode
         self.assertTrue(run("list", "-lq", raw).stdout.decode().endswith(" 1980-01-01 00:00            dos.txt\n"))
 
@@ -652,10 +652,8 @@ class ExtractSafetyTest(CliTestCase):
             "short.zip": raw_zip(self.path("short.zip"), [raw_entry("t.txt", b"abc" * 500, zipfile.ZIP_DEFLATED,
                                                                     size=2000)]),
         }
-        bz = self.path("bz.zip")
-        with zipfile.ZipFile(bz, "w", zipfile.ZIP_BZIP2) as z:
-            z.writestr("t.txt", b"bzip2 " * 1000)
-        cases["bz.zip"] = bz
+        cases["ppmd.zip"] = raw_zip(self.path("ppmd.zip"), [raw_entry("t.txt", b"not decoded " * 100, 98)])
+        cases["bad-bzip2.zip"] = raw_zip(self.path("bad-bzip2.zip"), [raw_entry("t.txt", b"not bzip2 data " * 90, 12)])
         self.write("src/t.txt", b"encrypted contents\n" * 100)
         encrypted = self.path("enc.zip")
         subprocess.run(["zip", "-q", "-P", "right", encrypted, "t.txt"], cwd=self.path("src"), check=True)
@@ -1534,9 +1532,10 @@ class ListFormsTest(CliTestCase):
         self.assertEqual(script, {
             "name": "d/run \"x\".sh", "rawName": "d/run \"x\".sh", "nameUTF8": False, "directory": False,
             "size": 1000, "compressedSize": infos[1].compress_size, "method": 8, "methodName": "deflated",
+            "realMethod": 8, "realMethodName": "deflated",
             "crc32": "%08x" % infos[1].CRC, "time": "2021-03-04T05:06:08", "versionMadeBy": infos[1].create_system << 8
             | infos[1].create_version, "system": 3, "externalAttributes": 0o100755 << 16, "mode": 0o100755,
-            "modeText": "-rwxr-xr-x", "link": False, "encrypted": False, "comment": "a comment\twith a tab",
+            "modeText": "-rwxr-xr-x", "link": False, "encrypted": False, "encryption": "none", "comment": "a comment\twith a tab",
             "extra": ""})
         self.assertEqual((objects[0]["name"], objects[0]["directory"], objects[0]["modeText"]),
                          ("d/", True, "drwxr-x---"))
@@ -1988,12 +1987,9 @@ class CheckedReadingTest(CliTestCase):
                                             b'stored size of 600 bytes\n')
 
     def test_unsupported_method_is_named(self):
-        archive = self.path("bz.zip")
-        with zipfile.ZipFile(archive, "w") as z:
-            z.writestr("ok.txt", b"fine", zipfile.ZIP_DEFLATED)
-            z.writestr("b.txt", b"bzip2 data " * 100, zipfile.ZIP_BZIP2)
-        message = b'ziputil: bad entry "b.txt": compression method 12 is not supported (only stored and deflated ' \
-                  b'entries can be read)\n'
+        archive = raw_zip(self.path("ppmd.zip"), [raw_entry("ok.txt", b"fine", zipfile.ZIP_DEFLATED),
+                                                  raw_entry("b.txt", b"PPMd data " * 100, 98)])
+        message = b'ziputil: bad entry "b.txt": compression method 98 (PPMd) is not supported\n'
         tested = run("test", archive)
         self.assertResult(tested, 1)
         self.assertEqual(tested.stderr, message)

@@ -227,7 +227,7 @@ TEST_F(RawCopyTest, CopiedEntriesKeepEveryFieldAndByteOfTheirStoredForm) {
   }
 }
 
-TEST_F(RawCopyTest, EntriesOfMethodsThisLibraryCannotReadAreCopiedAndDeleted) {
+TEST_F(RawCopyTest, EntriesOfOtherMethodsAreCopiedAndDeletedByteForByte) {
   testsupport::runPython(R"(
 import sys, zipfile
 text = b"".join(b"line %d of the text\n" % i for i in range(20000))

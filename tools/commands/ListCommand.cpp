@@ -5,6 +5,7 @@
 #include "LocalPaths.h"
 
 #include "ziputil/CZipReader.h"
+#include "ziputil/Encryption.h"
 
 #include <cstdio>
 #include <sys/stat.h>
@@ -75,7 +76,10 @@ std::string methodName(int method) {
   case 9: return "deflate64";
   case 12: return "bzip2";
   case 14: return "lzma";
+  case 20: return "zstd";
   case 93: return "zstd";
+  case 98: return "ppmd";
+  case 99: return "aes";
   case 95: return "xz";
   default: return "method " + std::to_string(method);
   }
@@ -150,6 +154,8 @@ void printJsonEntry(ziputil::CZipReader& reader) {
   json += ",\"compressedSize\":" + decimal(static_cast<unsigned long long>(reader.getCurrentFileCompressedSize()));
   json += ",\"method\":" + std::to_string(reader.getCurrentFileMethod());
   json += ",\"methodName\":" + jsonString(methodName(reader.getCurrentFileMethod()));
+  json += ",\"realMethod\":" + std::to_string(reader.getCurrentFileRealMethod());
+  json += ",\"realMethodName\":" + jsonString(methodName(reader.getCurrentFileRealMethod()));
   char crc[16];
   std::snprintf(crc, sizeof crc, "%08lx", reader.getCurrentFileCRC32());
   json += ",\"crc32\":\"" + std::string(crc) + "\"";
@@ -170,12 +176,23 @@ void printJsonEntry(ziputil::CZipReader& reader) {
   std::string target;
   if (link && currentLinkTarget(reader, target)) json += ",\"target\":" + jsonString(target);
   json += ",\"encrypted\":" + std::string(reader.isCurrentFileEncrypted() ? "true" : "false");
+  json += ",\"encryption\":" + jsonString(ziputil::encryptionName(reader.getCurrentFileEncryption()));
   json += ",\"comment\":" + jsonString(reader.getCurrentFileComment());
   json += ",\"extra\":\"" + hexBytes(reader.getCurrentFileExtraField()) + "\"}";
   std::printf("%s\n", json.c_str());
 }
 
-char const kListRule[] = "------------ ------------ ----- ---------------- ---------- ----";
+char const kListRule[] = "------------ ------------ ----- --------- --------- ---------------- ---------- ----";
+
+/// The long listing's method and encryption columns: the method of the data
+/// (inside AES too), and "-" or the encryption's name.
+std::string methodColumns(ziputil::CZipReader& reader) {
+  ziputil::Encryption const encryption = reader.getCurrentFileEncryption();
+  std::string const shown = encryption == ziputil::Encryption::None ? "-" : ziputil::encryptionName(encryption);
+  char text[32];
+  std::snprintf(text, sizeof text, "%-9s %-9s", methodName(reader.getCurrentFileRealMethod()).c_str(), shown.c_str());
+  return text;
+}
 
 } // namespace
 
@@ -183,7 +200,8 @@ int listArchive(Options const& options, std::string const& archive) {
   tal::P<ziputil::CZipReader> reader = openReader(options, archive);
   bool const longForm = options.longListing || options.verbose;
   bool const framed = longForm && !options.quiet && !options.json;
-  if (framed) std::printf("        Size   Compressed Ratio Date       Time  Mode       Name\n%s\n", kListRule);
+  if (framed)
+    std::printf("        Size   Compressed Ratio Method    Encrypted Date       Time  Mode       Name\n%s\n", kListRule);
   unsigned __int128 totalSize = 0, totalCompressed = 0;
   unsigned long long count = 0;
   while (reader->nextFile()) {
@@ -197,14 +215,15 @@ int listArchive(Options const& options, std::string const& archive) {
     totalSize += size;
     totalCompressed += compressed;
     if (longForm)
-      std::printf("%12s %12s %5s %s %s ", decimal(size).c_str(), decimal(compressed).c_str(),
-                  ratio(size, compressed).c_str(), formatTime(reader->getCurrentFileModifiedTimeFields()).c_str(),
+      std::printf("%12s %12s %5s %s %s %s ", decimal(size).c_str(), decimal(compressed).c_str(),
+                  ratio(size, compressed).c_str(), methodColumns(*reader).c_str(),
+                  formatTime(reader->getCurrentFileModifiedTimeFields()).c_str(),
                   modeText(reader->getCurrentFileUnixMode()).c_str());
     std::printf("%s\n", currentEntryName(*reader).shown().c_str());
   }
   reader->close();
   if (framed)
-    std::printf("%s\n%12s %12s %5s %27s %llu %s\n", kListRule, decimal(totalSize).c_str(),
+    std::printf("%s\n%12s %12s %5s %47s %llu %s\n", kListRule, decimal(totalSize).c_str(),
                 decimal(totalCompressed).c_str(), ratio(totalSize, totalCompressed).c_str(), "", count,
                 count == 1 ? "entry" : "entries");
   return 0;

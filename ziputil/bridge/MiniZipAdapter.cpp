@@ -116,6 +116,9 @@ bool passwordFits(const char* password, unsigned char const (&header)[12], unz_f
   return check == ((info.crc >> 24) & 0xFF) || check == ((info.dosDate >> 8) & 0xFF) || check == 0;
 }
 
+/// The stored method of a WinZip AES entry, whose encryption minizip knows nothing of.
+constexpr uLong kWinZipAesMethod = 99;
+
 bool supportedMethod(unz_file_info64 const& info) {
   return info.compression_method == 0 || info.compression_method == Z_DEFLATED;
 }
@@ -175,6 +178,20 @@ int unzOpenCurrentFilePassword(unzFile file, const char* password) {
   if (err != UNZ_OK) return err;
   if (!passwordFits(password, header, info)) return ZIPUTIL_UNZ_BADPASSWORD;
   return ::unzOpenCurrentFilePassword(file, password);
+}
+
+int unzOpenCurrentFileStored(unzFile file, const char* password) {
+  unz_file_info64 info;
+  int err = currentEntry(file, info);
+  if (err != UNZ_OK) return err;
+  if (!(info.flag & 1) || info.compression_method == kWinZipAesMethod)
+    return unzOpenCurrentFile2(file, nullptr, nullptr, 1);
+  if (password == nullptr) return UNZ_PARAMERROR;
+  unsigned char header[12];
+  err = readEncryptionHeader(file, header);
+  if (err != UNZ_OK) return err;
+  if (!passwordFits(password, header, info)) return ZIPUTIL_UNZ_BADPASSWORD;
+  return unzOpenCurrentFile3(file, nullptr, nullptr, 1, password);
 }
 
 } // namespace minizip

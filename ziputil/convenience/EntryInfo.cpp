@@ -22,6 +22,8 @@ EntryInfo describeCurrentEntry(CZipReader const& reader) {
   info.compressedSize = reader.getCurrentFileCompressedSize();
   info.crc32 = reader.getCurrentFileCRC32();
   info.method = reader.getCurrentFileMethod();
+  info.realMethod = reader.getCurrentFileRealMethod();
+  info.encryption = reader.getCurrentFileEncryption();
   info.modified = reader.getCurrentFileModifiedTimeFields();
   info.unixMode = reader.getCurrentFileUnixMode();
   info.externalAttributes = reader.getCurrentFileExternalAttributes();

@@ -2,9 +2,11 @@
 
 #include "ziputil/bridge/MiniZipExtras.h"
 #include "ziputil/bridge/MiniZipFailure.h"
+#include "ziputil/reading/EntryDecoding.h"
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace ziputil {
@@ -51,6 +53,7 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
   }
   if (m_verifyError) m_verifyError->throwClone();
   if (size <= 0) return 0;
+  if (m_decoding) return readDecoded(static_cast<unsigned char*>(buffer), size);
   int const result = unzReadCurrentFile(reader->m_zipStuff->handle, buffer, static_cast<unsigned>(size));
   if (result < 0) {
     tal::CProps props = tal::uriProps(m_uri);
@@ -66,6 +69,48 @@ int CZipReader::CFileInZipInStream::readLax(void* buffer, int size) {
   }
   if (result < size) m_length = m_position;
   return result;
+}
+
+int CZipReader::CFileInZipInStream::readDecoded(unsigned char* buffer, int size) {
+  int done = 0;
+  try {
+    unsigned long long const position = static_cast<unsigned long long>(m_position);
+    unsigned long long const room = m_decodedLimit > position ? m_decodedLimit - position : 0;
+    int const want = static_cast<int>(std::min<unsigned long long>(static_cast<unsigned long long>(size), room));
+    while (done < want) {
+      std::size_t const got = m_decoding->read(buffer + done, static_cast<std::size_t>(want - done));
+      if (got == 0) break;
+      done += static_cast<int>(got);
+    }
+    m_position += done;
+    bool const atEnd = done < size || static_cast<unsigned long long>(m_position) >= m_decodedLimit;
+    if (m_verify && !m_verified) {
+      m_crc = crc32(m_crc, buffer, static_cast<uInt>(done));
+      if (atEnd) verifyEnd(*m_reader->m_zipStuff);
+    } else if (atEnd) {
+      m_decoding->authenticate();
+    }
+  } catch (codecs::DecodeError const& failure) {
+    try {
+      m_decoding->rethrowBlamingChangedData(failure);
+    } catch (codecs::DecodeError const& blamed) {
+      throwDecodeFailure(blamed);
+    }
+  }
+  if (done < size) m_length = m_position;
+  return done;
+}
+
+void CZipReader::CFileInZipInStream::decodeWith(std::unique_ptr<CEntryDecoding> decoding, unsigned long long size,
+                                                bool checkCRC) {
+  m_decoding = std::move(decoding);
+  m_decodedLimit = size;
+  m_checkCRC = checkCRC;
+}
+
+void CZipReader::CFileInZipInStream::throwDecodeFailure(std::exception const& failure) {
+  if (dynamic_cast<CEntryDecoding::AuthenticationError const*>(&failure)) throwVerifyFailure(failure.what());
+  throwVerifyFailure(std::string("ZIP entry cannot be read: ") + failure.what());
 }
 
 void CZipReader::CFileInZipInStream::verifyAgainst(unsigned long crc, unsigned long long size) {
@@ -86,18 +131,27 @@ void CZipReader::CFileInZipInStream::verifyEnd(ZipStuff& stuff) {
   m_verified = true;
   char text[160];
   if (static_cast<unsigned long long>(m_position) < m_storedSize) {
+    if (m_decoding) m_decoding->authenticate(); // changed data is named as such first
     std::snprintf(text, sizeof text, "ZIP entry is shorter than its stored size: %lld of %llu bytes", m_position,
                   m_storedSize);
     throwVerifyFailure(text);
   }
-  unsigned char beyond = 0;
-  int const past = ziputil_unzReadPastEnd(stuff.handle, &beyond, 1);
-  if (past != 0) {
-    if (past == UNZ_ERRNO && stuff.io.getLastError()) stuff.io.getLastError()->throwClone(); // the file system failed
-    std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %llu bytes", m_storedSize);
-    throwVerifyFailure(text);
+  if (m_decoding) {
+    if (m_decoding->hasMore() || !m_decoding->storedDataEndsThere()) {
+      m_decoding->authenticate(); // changed data is named as such first
+      std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %llu bytes", m_storedSize);
+      throwVerifyFailure(text);
+    }
+  } else {
+    unsigned char beyond = 0;
+    int const past = ziputil_unzReadPastEnd(stuff.handle, &beyond, 1);
+    if (past != 0) {
+      if (past == UNZ_ERRNO && stuff.io.getLastError()) stuff.io.getLastError()->throwClone(); // the file system failed
+      std::snprintf(text, sizeof text, "ZIP entry's data does not end at its stored size of %llu bytes", m_storedSize);
+      throwVerifyFailure(text);
+    }
   }
-  if (m_crc != m_storedCRC) {
+  if (m_checkCRC && m_crc != m_storedCRC) {
     std::snprintf(text, sizeof text, "ZIP entry's CRC-32 does not match: computed %08lx, stored %08lx", m_crc,
                   m_storedCRC);
     throwVerifyFailure(text);

@@ -5,6 +5,8 @@
 #include "ziputil/names/NameRules.h"
 #include "ziputil/MiniZipAdapter.h"
 #include "ziputil/bridge/MiniZipFailure.h"
+#include "ziputil/codecs/WinZipAes.h"
+#include "ziputil/reading/EntryDecoding.h"
 
 #include <wx/strconv.h>
 
@@ -352,20 +354,112 @@ tal::P<tal::IInStream> CZipReader::openCurrentFileStream() {
                         tal::uriProps(m_archiveURI), nullptr);
   ZipStuff& stuff = *m_zipStuff;
   int result = catchUpMinizip(); // when minizip cannot be brought to the entry, that is the open's failure
+  if (result == UNZ_OK && CEntryDecoding::decodesMethod(static_cast<int>(stuff.fileInfo.compression_method)))
+    return openDecodedStream();
   if (result == UNZ_OK) {
     result = m_hasPassword ? minizip::unzOpenCurrentFilePassword(stuff.handle, m_password.toUTF8().c_str())
                            : minizip::unzOpenCurrentFile(stuff.handle);
   }
-  if (result != UNZ_OK) {
-    tal::CError const error(tal::String(m_hasPassword ? "unzOpenCurrentFilePassword failed" : "unzOpenCurrentFile failed"),
-                            tal::String(), -1, minizipFailureProps(m_archiveURI, result), nullptr);
-    throwMinizipFailure(stuff.io.getLastError(), result,
-                        tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
-  }
+  if (result != UNZ_OK) throwEntryOpenFailure(result);
   long long const size = getCurrentFileUncompressedSize();
   tal::CURI const entryURI = m_archiveURI << currentURI();
   tal::P<CFileInZipInStream> stream(tal::newObj<CFileInZipInStream>(this, entryURI, size));
   if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), stuff.fileInfo.uncompressed_size);
+  m_streamOpen = true;
+  return tal::P<tal::IInStream>(stream);
+}
+
+void CZipReader::throwEntryOpenFailure(int result) const {
+  tal::CError const error(tal::String(m_hasPassword ? "unzOpenCurrentFilePassword failed" : "unzOpenCurrentFile failed"),
+                          tal::String(), -1, minizipFailureProps(m_archiveURI, result), nullptr);
+  throwMinizipFailure(m_zipStuff->io.getLastError(), result,
+                      tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+}
+
+namespace {
+
+[[noreturn]] void throwEntryRefusal(tal::CURI const& entryURI, std::string const& message) {
+  tal::CIOError const error(tal::CIOError::ReadFailed, tal::String(message.c_str()), tal::uriProps(entryURI), nullptr);
+  throw tal::CFileSystemError(tal::CFileSystemError::Unspecified, error);
+}
+
+/// The reader's current entry's WinZip AES field: none when it is not an AES
+/// entry or has no such field; std::invalid_argument for a malformed one.
+std::optional<aes::AesField> currentAesField(CZipReader const& reader) {
+  if (reader.getCurrentFileMethod() != aes::kMethod) return std::nullopt;
+  return aes::findAesField(reader.getCurrentFileExtraField());
+}
+
+} // namespace
+
+tal::P<tal::IInStream> CZipReader::openDecodedStream() {
+  ZipStuff& stuff = *m_zipStuff;
+  unz_file_info64 const& info = stuff.fileInfo;
+  tal::CURI const entryURI = m_archiveURI << currentURI();
+  CEntryDecoding::Entry entry;
+  entry.method = static_cast<int>(info.compression_method);
+  entry.flags = static_cast<int>(info.flag);
+  entry.storedSize = info.compressed_size;
+  entry.uncompressedSize = info.uncompressed_size;
+  bool const encrypted = (info.flag & 1) != 0;
+  if (entry.method == aes::kMethod) {
+    try {
+      entry.aes = currentAesField(*this);
+    } catch (std::invalid_argument const& e) {
+      throwEntryRefusal(entryURI, std::string("ZIP entry cannot be read: ") + e.what());
+    }
+    if (!entry.aes)
+      throwEntryRefusal(entryURI, "ZIP entry cannot be read: its method is WinZip AES (99), but it has no AES extra field");
+    entry.method = entry.aes->method;
+    if (!codecs::canDecode(entry.method)) throwEntryOpenFailure(ZIPUTIL_UNZ_BADMETHOD);
+  }
+  if ((encrypted || entry.aes) && !m_hasPassword) throwEntryOpenFailure(UNZ_PARAMERROR);
+  std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
+  int const result = minizip::unzOpenCurrentFileStored(stuff.handle, m_hasPassword ? password.c_str() : nullptr);
+  if (result != UNZ_OK) throwEntryOpenFailure(result);
+  if (encrypted && !entry.aes) entry.storedSize = entry.storedSize >= 12 ? entry.storedSize - 12 : 0;
+
+  CEntryDecoding::RawRead raw = [this, entryURI](unsigned char* buffer, std::size_t size) -> std::size_t {
+    unsigned const piece = static_cast<unsigned>(std::min<std::size_t>(size, std::size_t(1) << 30));
+    int const got = unzReadCurrentFile(m_zipStuff->handle, buffer, piece);
+    if (got < 0) {
+      tal::CProps props = tal::uriProps(entryURI);
+      props["result"] = tal::toString(got);
+      tal::CIOError const error(tal::CIOError::ReadFailed, tal::String("unzReadCurrentFile failed"), props, nullptr);
+      throwMinizipFailure(m_zipStuff->io.getLastError(), got,
+                          tal::CFileSystemError(tal::CFileSystemError::Unspecified, error));
+    }
+    return static_cast<std::size_t>(got);
+  };
+  codecs::DecoderLimits limits;
+  limits.maxWindow = m_options.maxDecoderWindow;
+  auto decoding = std::make_unique<CEntryDecoding>(std::move(raw), entry, limits);
+  bool started = false;
+  try {
+    started = decoding->start(password);
+  } catch (codecs::DecodeError const& failure) {
+    std::string message;
+    try {
+      decoding->rethrowBlamingChangedData(failure);
+    } catch (CEntryDecoding::AuthenticationError const& e) {
+      message = e.what();
+    } catch (codecs::DecodeError const& e) {
+      message = std::string("ZIP entry cannot be read: ") + e.what();
+    }
+    unzCloseCurrentFile(stuff.handle);
+    throwEntryRefusal(entryURI, message);
+  } catch (...) {
+    unzCloseCurrentFile(stuff.handle);
+    throw;
+  }
+  if (!started) {
+    unzCloseCurrentFile(stuff.handle);
+    throwEntryOpenFailure(ZIPUTIL_UNZ_BADPASSWORD);
+  }
+  tal::P<CFileInZipInStream> stream(
+      tal::newObj<CFileInZipInStream>(this, entryURI, static_cast<long long>(info.uncompressed_size)));
+  stream->decodeWith(std::move(decoding), info.uncompressed_size, !(entry.aes && entry.aes->version == 2));
+  if (m_options.verifyEntries) stream->verifyAgainst(getCurrentFileCRC32(), info.uncompressed_size);
   m_streamOpen = true;
   return tal::P<tal::IInStream>(stream);
 }
@@ -402,6 +496,26 @@ unsigned long CZipReader::getCurrentFileCRC32() const {
 
 int CZipReader::getCurrentFileMethod() const {
   return hasEntryInfo() ? static_cast<int>(m_zipStuff->fileInfo.compression_method) : -1;
+}
+
+int CZipReader::getCurrentFileRealMethod() const {
+  if (!hasEntryInfo()) return -1;
+  try {
+    if (std::optional<aes::AesField> const field = currentAesField(*this)) return field->method;
+  } catch (std::invalid_argument const&) { // a damaged AES field: the method stays the stored one
+  }
+  return static_cast<int>(m_zipStuff->fileInfo.compression_method);
+}
+
+Encryption CZipReader::getCurrentFileEncryption() const {
+  if (!hasEntryInfo() || (m_zipStuff->fileInfo.flag & 1) == 0) return Encryption::None;
+  std::optional<aes::AesField> field;
+  try {
+    field = currentAesField(*this);
+  } catch (std::invalid_argument const&) { // a damaged AES field: what the flag says
+  }
+  if (!field) return Encryption::Traditional;
+  return field->strength == 1 ? Encryption::Aes128 : field->strength == 2 ? Encryption::Aes192 : Encryption::Aes256;
 }
 
 std::string CZipReader::getCurrentFileRawName() const {
