@@ -55,6 +55,15 @@ EVP_CIPHER const* ecbCipher(int strength) {
   }
 }
 
+/// `value` with its least significant byte first in memory.
+std::uint64_t littleEndian(std::uint64_t value) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  return __builtin_bswap64(value);
+#else
+  return value;
+#endif
+}
+
 /// data ^= keystream over `size` bytes, sixteen bytes a step where it can.
 void xorInto(unsigned char* data, unsigned char const* keystream, std::size_t size) {
   typedef unsigned long long Wide __attribute__((vector_size(16)));
@@ -154,10 +163,11 @@ private:
     std::size_t const blocks = std::min(kKeystreamBytes, wanted + kBlockBytes - 1) / kBlockBytes;
     unsigned char* block = m_keystream;
     for (std::size_t b = 0; b < blocks; ++b, block += kBlockBytes) {
-      // The counter goes first, least significant byte first.
+      // The counter, least significant byte first.
       if (++m_counterLow == 0) ++m_counterHigh;
-      for (int i = 0; i < 8; ++i) block[i] = static_cast<unsigned char>(m_counterLow >> (8 * i));
-      for (int i = 0; i < 8; ++i) block[8 + i] = static_cast<unsigned char>(m_counterHigh >> (8 * i));
+      std::uint64_t const low = littleEndian(m_counterLow), high = littleEndian(m_counterHigh);
+      std::memcpy(block, &low, sizeof low);
+      std::memcpy(block + sizeof low, &high, sizeof high);
     }
     int const bytes = static_cast<int>(blocks * kBlockBytes);
     int written = 0;
