@@ -50,7 +50,8 @@ std::string toHex(std::string const& text) {
 
 std::string fromHex(std::string const& hex) {
   std::string out;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
   return out;
 }
 
@@ -137,7 +138,8 @@ std::vector<StoredEntry> readAesEntries(std::string const& path) {
     }
     entry.salt = data.substr(0, salt);
     entry.verifier = data.substr(salt, aes::kVerifierBytes);
-    entry.ciphertext = data.substr(salt + aes::kVerifierBytes, data.size() - aes::overheadBytes(entry.central.strength));
+    std::size_t const overhead = aes::overheadBytes(entry.central.strength);
+    entry.ciphertext = data.substr(salt + aes::kVerifierBytes, data.size() - overhead);
     entry.code = data.substr(data.size() - aes::kAuthCodeBytes);
     entries.push_back(entry);
   }
@@ -320,7 +322,8 @@ TEST_F(WinZipAesTest, DerivationKeystreamAndCodeMatchPythonAndPlainAes) {
   std::string const plain = randomBytes(20000, 11);
   for (int strength = 1; strength <= 3; ++strength) {
     for (std::string const& password :
-         {std::string("secret"), std::string(), std::string("p\xc3\xa4ssw\xc3\xb6rd \xe2\x82\xac"), std::string(100, 'k')}) {
+         {std::string("secret"), std::string(), std::string("p\xc3\xa4ssw\xc3\xb6rd \xe2\x82\xac"),
+          std::string(100, 'k')}) {
       SCOPED_TRACE(std::to_string(strength) + " '" + password + "'");
       aes::CWinZipAesEncryptor encryptor(password, strength);
       std::string const header = encryptor.header();
@@ -398,7 +401,8 @@ TEST_F(WinZipAesTest, BsdtarEntriesWithTheirCrcDecryptAndAuthenticate) {
   ASSERT_EQ(testsupport::runCommand("cd " + shellQuote(dir.file("in")) +
                                         " && bsdtar --format zip --options zip:encryption=aes128,zip:compression=store"
                                         " --passphrase " +
-                                        shellQuote(password) + " -cf " + shellQuote(archive) + names + " </dev/null 2>&1",
+                                        shellQuote(password) + " -cf " + shellQuote(archive) + names +
+                                        " </dev/null 2>&1",
                                     &output),
             0)
       << output;
@@ -476,7 +480,8 @@ TEST(WinZipAesEncryptor, EachEncryptorDrawsItsOwnSalt) {
 
 TEST(WinZipAesEncryptor, RoundTripsWhereverTheDataIsSplit) {
   std::string const plain = randomBytes(40000, 31);
-  std::vector<std::size_t> const splits{0, 1, 15, 16, 17, 4095, 8191, 8192, 8193, 16383, 16384, 16385, 24577, 39999, 40000};
+  std::vector<std::size_t> const splits{0,     1,     15,    16,    17,    4095,  8191, 8192,
+                                        8193,  16383, 16384, 16385, 24577, 39999, 40000};
   for (int strength = 1; strength <= 3; ++strength) {
     SCOPED_TRACE(strength);
     for (std::size_t encryptSplit : {std::size_t(0), std::size_t(8193), std::size_t(16385)}) {
