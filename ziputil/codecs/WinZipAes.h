@@ -60,8 +60,9 @@ std::string makeAesField(AesField const& field);
 class CWinZipAesDecryptor {
 public:
   /// Derives the keys from `password` (UTF-8 bytes) and `salt`
-  /// (saltBytes(strength) bytes). Throws std::invalid_argument for a bad
-  /// strength, std::runtime_error when libcrypto fails.
+  /// (saltBytes(strength) bytes): 1000 PBKDF2 iterations per 20 derived
+  /// bytes, around a millisecond per entry. Throws std::invalid_argument for
+  /// a bad strength, std::runtime_error when libcrypto fails.
   CWinZipAesDecryptor(std::string_view password, int strength, unsigned char const* salt);
   ~CWinZipAesDecryptor();
   CWinZipAesDecryptor(CWinZipAesDecryptor const&) = delete;
