@@ -32,10 +32,12 @@ Command const kCommands[] = {
      "over a totals line (the entry count, both sizes and the ratio), which -q leaves out.\n"
      "--json prints one JSON object per line for each entry, for scripts, with every field the\n"
      "library reports: name (cleaned, \"/\" after a folder), rawName, nameUTF8, directory, size,\n"
-     "compressedSize, method, methodName, crc32 (8 hex digits), time (local, ISO 8601, or null),\n"
-     "versionMadeBy, system (3 for Unix), externalAttributes, mode (st_mode, or null), modeText,\n"
-     "link, target (a link's target, when it can be read), encrypted, comment, extra (the central\n"
-     "extra field in hex). Only a link's target is read from the archive's data: test checks it.\n"},
+     "compressedSize, method, methodName, realMethod, realMethodName (inside a WinZip AES entry,\n"
+     "its data's), crc32 (8 hex digits), time (local, ISO 8601, or null), versionMadeBy, system\n"
+     "(3 for Unix), externalAttributes, mode (st_mode, or null), modeText, link, target (a link's\n"
+     "target, when it can be read), encrypted, encryption (none, ZipCrypto, AES-128, AES-192,\n"
+     "AES-256), comment, extra (the central extra field in hex). Only a link's target is read from\n"
+     "the archive's data: test checks it.\n"},
     {"cat", "cat [-q|-v] [--password-file FILE|--password P] ARCHIVE ENTRY",
      "Writes the bytes of the first entry named ENTRY to standard output. ENTRY is matched against\n"
      "the paths as list prints them (without escapes); '#', '?', '%' and blanks are ordinary\n"

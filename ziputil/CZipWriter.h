@@ -3,6 +3,7 @@
 
 #include "tal/Stream.h"
 #include "ziputil/CMiniZipIO.h"
+#include "ziputil/Encryption.h"
 
 #include "ziputil/minizip/zip.h"
 
@@ -16,6 +17,7 @@ namespace ziputil {
 
 class CZipReader;
 class CParallelDeflater;
+class CEntryEncoding;
 
 /// Adds entries to an existing ZIP archive behind a tal::IFileSystem: the
 /// archive is opened for adding (its entries are kept, new ones go after
@@ -154,6 +156,22 @@ public:
     /// time, which Info-ZIP unzip, Python, 7-Zip and bsdtar check.
     bool interoperableEncryption = false;
 
+    /// Addition: the encryption of the entries when the writer has a
+    /// password. Traditional (the default; None means the same): PKWARE's
+    /// cipher, through minizip, as beginAddFile describes. Aes128, Aes192 or
+    /// Aes256: WinZip AES (AE-2: the entry's CRC-32 field holds 0, and a
+    /// 10-byte HMAC-SHA1 code after the data authenticates it), which 7-Zip,
+    /// WinZip, bsdtar and this library's reader read, Info-ZIP unzip 6.0 and
+    /// Python's zipfile do not. The writer then compresses (deflate, or zstd
+    /// with EntryOptions::Zstd) and encrypts each entry itself, with a salt
+    /// from the system's random source (getrandom), and minizip stores the
+    /// result raw: method 99 with the AES extra field (0x9901) in the local and
+    /// central headers, general-purpose bit 0 set. Folder entries (names
+    /// ending in "/") are not encrypted. interoperableEncryption does not apply
+    /// to AES entries. A failure of the random source or of libcrypto when an
+    /// entry begins throws CError with its message, and nothing is written.
+    Encryption encryption = Encryption::Traditional;
+
     /// Addition: old entries to leave out of the new archive, for deleting
     /// entries and for replacing an entry by a new one of the same name. When
     /// set, the writer works as with atomicReplace (whatever that says), but
@@ -255,9 +273,16 @@ public:
       WriterDefault, ///< deflated at the writer's level, as beginAddFile without options
       Stored,        ///< method 0: the bytes as they are
       Deflated,      ///< method 8 at `level`
+      /// Addition: method 93, zstd, at `level` (1 to 22; -1 for zstd's default,
+      /// 3): usually faster and smaller than deflate, read by 7-Zip, WinZip,
+      /// libzip and this library's reader, not by Info-ZIP unzip 6.0 or
+      /// Python's zipfile before 3.14. The writer compresses the data itself
+      /// and minizip stores it raw, with the data's CRC-32.
+      Zstd,
     };
     Method method = WriterDefault;
-    /// The deflate level (-1 to 9) when `method` is Deflated.
+    /// The deflate level (-1 to 9) when `method` is Deflated; zstd's (-1, 1
+    /// to 22) when it is Zstd.
     int level = -1;
     /// The Unix mode (st_mode: type and permission bits) recorded for the
     /// entry when the writer is madeByUnix; -1 for the default of its kind.
@@ -294,8 +319,9 @@ public:
   tal::P<tal::IOutStream> beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time);
   /// Addition: as beginAddFile above, with `options` for this entry (see
   /// EntryOptions). A folder entry is a name ending in "/" with no data.
-  /// Besides the errors above, a level outside -1..9 for Deflated throws
-  /// CInvalidArgError ("level is invalid", {"level"}).
+  /// Besides the errors above, a level outside -1..9 for Deflated, or
+  /// outside -1 and 1..22 for Zstd, throws CInvalidArgError ("level is
+  /// invalid", {"level"}).
   tal::P<tal::IOutStream> beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
                                        EntryOptions const& options);
 
@@ -342,7 +368,11 @@ private:
   tal::P<tal::IOutStream> beginEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
                                      EntryOptions const* options, RawClose const* raw = nullptr);
   int openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time, EntryOptions const* options,
-                RawClose const* raw = nullptr);
+                RawClose const* raw, CEntryEncoding const* encoding);
+  /// The encoding of an entry the writer compresses or encrypts itself (zstd,
+  /// WinZip AES), or null for minizip's own entries.
+  std::unique_ptr<CEntryEncoding> encodingFor(std::string const& name, EntryOptions const* options,
+                                              RawClose const* raw) const;
   /// The method and level beginAddFile uses for an entry with `options`.
   void entryMethod(EntryOptions const* options, int& method, int& level) const;
   tal::P<CFileInZipOutStream> beginRaw(RawEntry const& entry);
@@ -447,6 +477,13 @@ private:
 
   /// Marks the stream closed and lets the writer begin another entry; under the writer's mutex.
   void detach();
+  /// Runs `encode` on m_encoding with a sink that writes raw through minizip;
+  /// `result` is the first failing write's (ZIP_OK until then), after which
+  /// nothing more is written. An encoder's own failure spoils the entry as a
+  /// failed write does, and is thrown.
+  using RawSink = std::function<void(unsigned char const*, std::size_t)>;
+  void writeEncoded(CZipWriter& writer, std::function<void(CEntryEncoding&, RawSink const&)> const& encode,
+                    int& result);
 
   /// The counted reference that keeps the writer alive while the stream is
   /// open; changed only under the writer's mutex.
@@ -461,6 +498,9 @@ private:
   bool m_raw = false;
   unsigned long m_rawCRC = 0;
   unsigned long long m_rawSize = 0;
+  /// Set for an entry the writer encodes itself (see CZipWriter::encodingFor);
+  /// written raw, closed by zipCloseFileInZipRaw64.
+  std::unique_ptr<CEntryEncoding> m_encoding;
 
   friend class CZipWriter;
 };

@@ -1,5 +1,7 @@
 #include "ziputil/CZipWriter.h"
 
+#include "ziputil/writing/EntryEncoding.h"
+
 #include "ziputil/bridge/MiniZipFailure.h"
 #include "ziputil/writing/WriterState.h"
 
@@ -58,7 +60,14 @@ void CZipWriter::CFileInZipOutStream::write(void const* data, int size, tal::IWr
   static unsigned char const kNothing = 0;
   if (size == 0 && data == nullptr) data = &kNothing;
   tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
-  int const result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
+  int result = ZIP_OK;
+  if (m_encoding) {
+    writeEncoded(*writer, [&](CEntryEncoding& encoding, codecs::EncodedSink const& sink) {
+      encoding.write(static_cast<unsigned char const*>(data), static_cast<std::size_t>(size), sink);
+    }, result);
+  } else {
+    result = zipWriteInFileInZip(writer->m_state->handle, data, static_cast<unsigned>(size));
+  }
   if (!writer->succeeded(result, before)) {
     tal::P<tal::CError> const failure = writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result));
     // The stream stays open and its position as it was; the entry cannot be finished any more: its close
@@ -81,11 +90,39 @@ void CZipWriter::CFileInZipOutStream::close() {
   // An entry whose write failed is not finished: it is taken back, and its close reports that failure.
   if (tal::P<tal::CError> const failed = writer->m_state->entryFailure) writer->failEntry(failed);
   tal::P<tal::CError> const before = writer->m_state->bridge.getLastError();
-  int const result = m_raw ? zipCloseFileInZipRaw64(writer->m_state->handle, m_rawSize, m_rawCRC)
-                           : zipCloseFileInZip(writer->m_state->handle);
+  if (m_encoding) { // the encoder's last bytes, and AES's code
+    int result = ZIP_OK;
+    writeEncoded(*writer, [](CEntryEncoding& encoding, codecs::EncodedSink const& sink) { encoding.finish(sink); },
+                 result);
+    if (!writer->succeeded(result, before))
+      writer->failEntry(writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result)));
+  }
+  bool const raw = m_raw || m_encoding;
+  // written raw by CParallelDeflater: its size; encoded here: what the encoding counted (its CRC-32 also for
+  // CParallelDeflater's AES entries, which record none)
+  unsigned long long const size = m_raw ? m_rawSize : m_encoding ? m_encoding->size() : 0;
+  unsigned long const crc = m_encoding ? m_encoding->crcToRecord() : m_rawCRC;
+  int const result = raw ? zipCloseFileInZipRaw64(writer->m_state->handle, size, crc)
+                         : zipCloseFileInZip(writer->m_state->handle);
   if (!writer->succeeded(result, before))
     writer->failEntry(writer->failureOf(
-        result, before, writeError(m_raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result)));
+        result, before, writeError(raw ? "zipCloseFileInZipRaw64 failed" : "zipCloseFileInZip failed", &result)));
+}
+
+void CZipWriter::CFileInZipOutStream::writeEncoded(
+    CZipWriter& writer, std::function<void(CEntryEncoding&, RawSink const&)> const& encode, int& result) {
+  zipFile const handle = writer.m_state->handle;
+  auto const sink = [&](unsigned char const* out, std::size_t n) {
+    if (result == ZIP_OK) result = zipWriteInFileInZip(handle, out, static_cast<unsigned>(n));
+  };
+  try {
+    encode(*m_encoding, sink);
+  } catch (std::exception& e) { // the encoder failed (memory, say): the entry is spoiled as by a failed write
+    tal::P<tal::CError> const failure(tal::CStdExceptionError::exceptionToError(&e)->clone());
+    if (writer.m_allOrNothing) writer.rollBackAndThrow(failure);
+    if (!writer.m_state->entryFailure) writer.m_state->entryFailure = failure;
+    failure->throwClone();
+  }
 }
 
 void CZipWriter::CFileInZipOutStream::writeKeepBuffer(tal::TConstBufferSlice<unsigned char> const& slice,

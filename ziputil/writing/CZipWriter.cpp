@@ -4,6 +4,7 @@
 #include "ziputil/CZipReader.h"
 #include "ziputil/bridge/MiniZipExtras.h"
 #include "ziputil/bridge/MiniZipFailure.h"
+#include "ziputil/writing/EntryEncoding.h"
 #include "ziputil/writing/SiblingFiles.h"
 #include "ziputil/writing/WriterState.h"
 
@@ -33,6 +34,8 @@ zip_fileinfo fileInfoFor(tal::CTimeFields const& time) {
 
 /// Version made by Unix, format 3.0, as Info-ZIP writes it.
 constexpr uLong kMadeByUnix = 0x031E;
+/// zstd's method number.
+constexpr int kZstdMethod = 93;
 
 /// The DOS date and time minizip derives from `date` (zip.c's conversion).
 uLong dosDateOf(tm_zip const& date) {
@@ -321,8 +324,33 @@ void CZipWriter::entryMethod(EntryOptions const* options, int& method, int& leve
   }
 }
 
+std::unique_ptr<CEntryEncoding> CZipWriter::encodingFor(std::string const& name, EntryOptions const* options,
+                                                        RawClose const* raw) const {
+  bool const folder = !name.empty() && name.back() == '/';
+  int strength = 0;
+  if (m_hasPassword && !folder) {
+    switch (m_options.encryption) {
+    case Encryption::Aes128: strength = 1; break;
+    case Encryption::Aes192: strength = 2; break;
+    case Encryption::Aes256: strength = 3; break;
+    default: break;
+    }
+  }
+  bool const zstd = options && options->method == EntryOptions::Zstd;
+  if (strength == 0 && !zstd) return nullptr;
+  int method = kZstdMethod;
+  int level = zstd ? options->level : 0;
+  if (!zstd) entryMethod(options, method, level);
+  try {
+    // an entry written raw comes compressed already: it is only encrypted
+    return std::make_unique<CEntryEncoding>(method, level, strength, m_password.toUTF8(), raw != nullptr);
+  } catch (std::exception const& e) {
+    throw tal::CError(tal::String(e.what()), tal::String(), -1, tal::uriProps(m_archiveURI), nullptr);
+  }
+}
+
 int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time,
-                          EntryOptions const* options, RawClose const* raw) {
+                          EntryOptions const* options, RawClose const* raw, CEntryEncoding const* encoding) {
   std::string const name = relativeURIInArchive.toNormalized().getPath().toUTF8();
   zip_fileinfo info = fileInfoFor(time);
   std::string const password = m_hasPassword ? m_password.toUTF8() : std::string();
@@ -340,15 +368,26 @@ int CZipWriter::openEntry(tal::CURI const& relativeURIInArchive, tal::CTimeField
   }
   int flags = 0x800;
   uLong crcForCrypting = 0;
+  char const* comment = options ? options->comment.c_str() : "";
+  if (encoding) { // compressed and encrypted here: minizip stores the bytes raw
+    std::string const& extra = encoding->extraField();
+    uInt const extraSize = static_cast<uInt>(extra.size());
+    return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, extra.data(), extraSize, extra.data(),
+                                   extraSize, comment, encoding->storedMethod(), level, 1, -MAX_WBITS, DEF_MEM_LEVEL,
+                                   Z_DEFAULT_STRATEGY, nullptr, 0, versionMadeBy,
+                                   static_cast<uLong>(flags | encoding->flags()), 1);
+  }
   if (m_options.interoperableEncryption) {
     flags |= 8; // streamed: the check byte comes from the time, and a data descriptor follows the data
     crcForCrypting = (dosDateOf(info.tmz_date) & 0xFFFF) << 16;
   }
-  char const* comment = options ? options->comment.c_str() : "";
+  // with AES the entries that come here, folders, are not encrypted
+  bool const traditional = m_hasPassword && m_options.encryption != Encryption::Aes128 &&
+                           m_options.encryption != Encryption::Aes192 && m_options.encryption != Encryption::Aes256;
   return zipOpenNewFileInZip4_64(m_state->handle, name.c_str(), &info, nullptr, 0, nullptr, 0, comment, method, level,
                                  raw ? 1 : 0,
                                  -MAX_WBITS, DEF_MEM_LEVEL, Z_DEFAULT_STRATEGY,
-                                 m_hasPassword ? password.c_str() : nullptr, crcForCrypting, versionMadeBy, flags, 1);
+                                 traditional ? password.c_str() : nullptr, crcForCrypting, versionMadeBy, flags, 1);
 }
 
 tal::P<tal::IOutStream> CZipWriter::beginAddFile(tal::CURI const& relativeURIInArchive, tal::CTimeFields const& time) {
@@ -364,15 +403,20 @@ tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArc
                                                EntryOptions const* options, RawClose const* raw) {
   tal::CMutexLock lock(m_mutex);
   checkCanBegin(relativeURIInArchive);
-  if (options && options->method == EntryOptions::Deflated && (options->level < -1 || options->level > 9)) {
+  bool const badZstdLevel = options && options->method == EntryOptions::Zstd && options->level != -1 &&
+                            (options->level < 1 || options->level > 22);
+  if (badZstdLevel ||
+      (options && options->method == EntryOptions::Deflated && (options->level < -1 || options->level > 9))) {
     tal::CProps props;
     props["level"] = tal::toString(options->level);
     throw tal::CInvalidArgError(tal::String("CZipWriter::beginAddFile"), tal::String("level is invalid"), props);
   }
   tal::CURI const entryURI = m_archiveURI << relativeURIInArchive;
+  std::unique_ptr<CEntryEncoding> encoding =
+      encodingFor(relativeURIInArchive.toNormalized().getPath().toUTF8(), options, raw);
   markEntry();
   tal::P<tal::CError> const before = m_state->bridge.getLastError();
-  int const result = openEntry(relativeURIInArchive, time, options, raw);
+  int const result = openEntry(relativeURIInArchive, time, options, raw, encoding.get());
   if (!succeeded(result, before))
     failEntry(failureOf(result, before,
                         tal::CError(tal::String("zipOpenNewFileInZip4_64 failed"), tal::String(), -1,
@@ -383,6 +427,7 @@ tal::P<tal::IOutStream> CZipWriter::beginEntry(tal::CURI const& relativeURIInArc
     stream->m_rawCRC = raw->crc32;
     stream->m_rawSize = raw->uncompressedSize;
   }
+  stream->m_encoding = std::move(encoding);
   m_entryOpen = true;
   return tal::P<tal::IOutStream>(stream);
 }
