@@ -6,13 +6,17 @@ usage: make_seeds.py OUTDIR [--tool PATH-TO-ziputil]
 Each seed is a small archive showing the fuzzer one feature of the format:
 stored and deflated entries, empty entries and archives, comments, Zip64
 records, streamed entries (data descriptors), folder entries, many entries,
-odd names, methods the reader refuses, junk before the archive, and a few
-damaged ones. With --tool, the project's own program also adds archives it
-writes itself, among them encrypted ones (password "fuzz", the password the
-fuzzer tries). The output is the same on every run.
+odd names, methods the library decodes itself (xz and zstd built here;
+Deflate64, bzip2, LZMA and WinZip AES from 7-Zip when it is installed), a method
+it refuses, junk before the archive, and a few damaged ones. With --tool, the
+project's own program also adds archives it writes itself, among them
+encrypted ones, AES and traditional, and zstd ones (password "fuzz", the
+password the fuzzer tries). The output is the same on every run, but for the
+random salts of AES entries.
 """
 
 import io
+import lzma
 import os
 import shutil
 import struct
@@ -148,6 +152,48 @@ def seeds():
     return s
 
 
+def raw_method_entry(name, method, stored, data):
+    """A one-entry archive whose data `stored` is recorded with `method` (version needed 6.3)."""
+    import zlib
+    crc = zlib.crc32(data)
+    local = struct.pack("<IHHHHHIIIHH", 0x04034b50, 63, 0, method, 0x6000, 0x58a1, crc, len(stored), len(data),
+                        len(name), 0) + name + stored
+    central = struct.pack("<IHHHHHHIIIHHHHHII", 0x02014b50, 0x031e, 63, 0, method, 0x6000, 0x58a1, crc, len(stored),
+                          len(data), len(name), 0, 0, 0, 0, 0o100644 << 16, 0) + name
+    end = struct.pack("<IHHHHIIH", 0x06054b50, 0, 0, 1, 1, len(central), len(local), 0)
+    return local + central + end
+
+
+def method_seeds(out):
+    """Entries of the methods the library decodes itself: xz (Python's lzma), zstd (the zstd tool), and
+    Deflate64, bzip2, LZMA and WinZip AES entries from 7-Zip, when those tools are installed."""
+    seeds = {"xz": raw_method_entry(b"x.txt", 95, lzma.compress(TEXT[:2000], format=lzma.FORMAT_XZ), TEXT[:2000])}
+    if shutil.which("zstd"):
+        packed = subprocess.run(["zstd", "-q", "-c", "-3"], input=TEXT[:2000], capture_output=True, check=True).stdout
+        seeds["zstd"] = raw_method_entry(b"z.txt", 93, packed, TEXT[:2000])
+    for name, data in seeds.items():
+        with open(os.path.join(out, name), "wb") as f:
+            f.write(data)
+    if not shutil.which("7z"):
+        return
+    work = tempfile.mkdtemp(prefix="ziputil-seeds-")
+    try:
+        path = os.path.join(work, "t.txt")
+        with open(path, "wb") as f:
+            f.write(TEXT[:3000])
+        os.utime(path, (1714566600, 1714566600))
+        runs = {"7z-deflate64": ["-mm=Deflate64"], "7z-bzip2": ["-mm=BZip2"], "7z-lzma": ["-mm=LZMA"],
+                "7z-aes256-deflate": ["-pfuzz", "-mem=AES256", "-mm=Deflate"],
+                "7z-aes128-lzma": ["-pfuzz", "-mem=AES128", "-mm=LZMA"]}
+        for seed, options in runs.items():
+            target = os.path.join(work, seed + ".zip")
+            subprocess.run(["7z", "a", "-tzip", *options, target, "t.txt"], cwd=work, check=True,
+                           stdout=subprocess.DEVNULL)
+            shutil.copyfile(target, os.path.join(out, seed))
+    finally:
+        shutil.rmtree(work)
+
+
 def tool_seeds(tool, out):
     """Archives written by the project's own program: stored, deflated, encrypted, a folder tree."""
     work = tempfile.mkdtemp(prefix="ziputil-seeds-")
@@ -163,7 +209,10 @@ def tool_seeds(tool, out):
             "tool-stored": (["--level", "0"], ["a.txt", "b.bin"]),
             "tool-deflated": ([], ["a.txt", "tree"]),
             "tool-encrypted-stored": (["--password", "fuzz", "--level", "0"], ["a.txt"]),
-            "tool-encrypted-deflated": (["--password", "fuzz"], ["a.txt", "b.bin"]),
+            "tool-encrypted-deflated": (["--password", "fuzz"], ["a.txt", "b.bin"]),  # AES-256
+            "tool-zipcrypto": (["--password", "fuzz", "--encryption", "zipcrypto"], ["a.txt"]),
+            "tool-zstd": (["--method", "zstd"], ["a.txt", "tree"]),
+            "tool-aes128-zstd": (["--password", "fuzz", "--encryption", "aes128", "--method", "zstd"], ["a.txt"]),
         }
         for seed, (options, paths) in runs.items():
             target = os.path.join(work, seed + ".zip")
@@ -190,6 +239,7 @@ def main():
     for name, data in seeds().items():
         with open(os.path.join(out, name), "wb") as f:
             f.write(data)
+    method_seeds(out)
     if tool:
         tool_seeds(tool, out)
 

@@ -6,6 +6,8 @@
 
 #include "ExtractFolder.h"
 
+#include "ziputil/Encryption.h"
+
 #include <string>
 #include <vector>
 
@@ -18,6 +20,12 @@ struct Options {
   /// list: one JSON object per entry.
   bool json = false;
   int level = 6;
+  /// add: whether --level was given (zstd's default level is its own).
+  bool levelGiven = false;
+  /// add --method: "deflate" (the default), "store" or "zstd".
+  std::string method = "deflate";
+  /// add --encryption: how entries are encrypted when there is a password.
+  ziputil::Encryption encryption = ziputil::Encryption::Aes256;
   /// extract: where to (-d), which entries (operands, shell patterns), which not (-x).
   std::string folder = ".";
   std::vector<std::string> patterns;

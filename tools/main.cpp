@@ -68,14 +68,20 @@ Command const kCommands[] = {
      "their modification times (folders once everything below them is written). A symbolic link\n"
      "entry becomes a symbolic link when its target stays inside DIR: a target that is empty,\n"
      "absolute, climbs above DIR or has \"..\" after a name is refused by name.\n"},
-    {"add", "add [-q|-v] [--password-file FILE|--password P] [--level N] [-u] [-j N] [-@ FILE] ARCHIVE PATH...",
+    {"add",
+     "add [-q|-v] [--password-file FILE|--password P] [--encryption E] [--method M] [--level N] [-u] [-j N] "
+     "[-@ FILE] ARCHIVE PATH...",
      "Adds files, and folders recursively, creating ARCHIVE when it does not exist. Entry names are\n"
      "the paths as given without leading \"./\" and \"/\"; entry times are the files' modification\n"
      "times in local time. Entries are recorded as made by Unix with their modes; folders become\n"
      "entries ending in \"/\"; symbolic links are stored as links (their targets), never followed.\n"
-     "N is the deflate level, 1 to 9 (default 6); level 0 stores the bytes as they are.\n"
-     "With a password, entries are encrypted so that other tools accept the password (traditional\n"
-     "ZIP encryption, which is weak).\n"
+     "M (--method) is deflate (the default), store, or zstd: smaller and faster than deflate, read\n"
+     "by 7-Zip, WinZip and libzip but not by Info-ZIP unzip 6.0 or Python's zipfile before 3.14.\n"
+     "N is the deflate level, 1 to 9 (default 6; level 0 stores the bytes as they are), or zstd's,\n"
+     "1 to 22 (default 3).\n"
+     "With a password, entries are encrypted with AES-256 (WinZip's AES, which 7-Zip, WinZip and\n"
+     "bsdtar read). E (--encryption) chooses aes256, aes192, aes128, or zipcrypto: the traditional\n"
+     "ZIP encryption, weak, but the only one Info-ZIP unzip 6.0 and Python's zipfile read.\n"
      "-@ FILE (--files-from FILE) adds the paths that FILE lists, one a line (empty lines are passed\n"
      "over; FILE \"-\" is standard input), after the PATHs given; with it, PATH may be left out.\n"
      "The new archive is written beside ARCHIVE and moved over it once complete, so ARCHIVE is\n"
@@ -124,7 +130,9 @@ void printUsage(FILE* out) {
                "  -x, --exclude PATTERN...  extract: leave out the entries that match a PATTERN\n"
                "  -n, --never-overwrite     extract: keep existing files without a word\n"
                "  -o, --overwrite           extract: replace existing files\n"
-               "  --level N                 add: deflate level 1 to 9 (default 6); 0 stores\n"
+               "  --level N                 add: deflate level 1 to 9 (default 6), 0 stores; zstd 1 to 22\n"
+               "  --method M                add: deflate (default), store or zstd\n"
+               "  --encryption E            add: with a password, aes256 (default), aes192, aes128 or zipcrypto\n"
                "  -@, --files-from FILE     add: also the paths FILE lists, one a line (\"-\": standard input)\n"
                "  -u, --update              add: only files newer than their entries, and new files\n"
                "  -j, --jobs N              add: compress N files at once (default: one per processor)\n"
@@ -176,8 +184,18 @@ struct UsageError {
 };
 
 int parseLevel(std::string const& text) {
-  if (text.size() != 1 || text[0] < '0' || text[0] > '9') throw UsageError{"--level takes a number from 0 to 9"};
-  return text[0] - '0';
+  bool const digits = !text.empty() && text.size() <= 2 && text.find_first_not_of("0123456789") == std::string::npos;
+  int const level = digits ? std::stoi(text) : -1;
+  if (level < 0 || level > 22) throw UsageError{"--level takes a number from 0 to 9 (zstd: 1 to 22)"};
+  return level;
+}
+
+ziputil::Encryption parseEncryption(std::string const& text) {
+  if (text == "aes256") return ziputil::Encryption::Aes256;
+  if (text == "aes192") return ziputil::Encryption::Aes192;
+  if (text == "aes128") return ziputil::Encryption::Aes128;
+  if (text == "zipcrypto") return ziputil::Encryption::Traditional;
+  throw UsageError{"--encryption takes aes256, aes192, aes128 or zipcrypto"};
 }
 
 unsigned parseJobs(std::string const& text) {
@@ -250,6 +268,13 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
       options.jobs = parseJobs(value());
     } else if (arg == "--level" && std::strcmp(command.name, "add") == 0) {
       options.level = parseLevel(value());
+      options.levelGiven = true;
+    } else if (arg == "--method" && std::strcmp(command.name, "add") == 0) {
+      options.method = value();
+      if (options.method != "deflate" && options.method != "store" && options.method != "zstd")
+        throw UsageError{"--method takes deflate, store or zstd"};
+    } else if (arg == "--encryption" && std::strcmp(command.name, "add") == 0) {
+      options.encryption = parseEncryption(value());
     } else if (extract && (arg == "-d" || arg == "--folder")) {
       options.folder = value();
       if (options.folder.empty()) throw UsageError{arg + " needs a folder"};
@@ -268,6 +293,10 @@ std::vector<std::string> parseArguments(Command const& command, int argc, char**
     }
   }
   if (passwordGiven && !passwordFile.empty()) throw UsageError{"--password and --password-file exclude each other"};
+  if (options.levelGiven && options.method == "zstd" && options.level == 0)
+    throw UsageError{"--level takes a number from 1 to 22 for zstd"};
+  if (options.levelGiven && options.method != "zstd" && options.level > 9)
+    throw UsageError{"--level takes a number from 0 to 9 (zstd: 1 to 22)"};
   // Standard input serves one purpose at most.
   int readers = passwordFile == "-";
   for (std::string const& list : options.filesFrom) readers += list == "-";

@@ -95,8 +95,12 @@ public:
   ///
   /// Errors: before anything is written, an entry whose options name a level
   /// outside -1..9 throws beginAddFile's CInvalidArgError ("level is
-  /// invalid", {"level"}) and a closed writer beginAddFile's "ZIP file already
-  /// closed" CIOError; nothing is changed then. Any later failure stops the
+  /// invalid", {"level"}), an entry whose options ask for EntryOptions::Zstd
+  /// CInvalidArgError ("zstd entries are written by CZipWriter::beginAddFile,
+  /// not here", {"name"}: the entry's name) and a closed writer
+  /// beginAddFile's "ZIP file already closed" CIOError; nothing is changed
+  /// then. A writer with Options::encryption AES gets AES entries, encrypted
+  /// in the calling thread as they are written. Any later failure stops the
   /// workers, discards the writer (CZipWriter::discard: the archive is left as
   /// it was when the writer was opened, and the writer is closed) and throws
   /// that failure unchanged: a source's error as the source threw it (a

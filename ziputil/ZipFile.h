@@ -4,6 +4,7 @@
 #include "tal/Stream.h"
 #include "ziputil/CZipReader.h"
 #include "ziputil/CZipWriter.h"
+#include "ziputil/Encryption.h"
 #include "ziputil/EntryInfo.h"
 
 #include <exception>
@@ -26,6 +27,12 @@ struct ZipFileOptions {
   /// The password (UTF-8) for reading encrypted entries, or for encrypting
   /// every entry written; empty for none.
   std::string password;
+  /// How entries written with a password are encrypted: WinZip AES-256 by
+  /// default (7-Zip, WinZip, bsdtar and this library read it), or
+  /// Encryption::Traditional for readers that know only the traditional
+  /// cipher, which is weak (Info-ZIP unzip 6.0, Python's zipfile); see
+  /// CZipWriter::Options::encryption.
+  Encryption encryption = Encryption::Aes256;
   /// The deflate level of entries written (-1 to 9; 0 still deflates, as
   /// CZipWriter does: ask for EntryOptions::Stored to store).
   int level = 6;

@@ -435,7 +435,7 @@ class NamesTest(CliTestCase):
         self.assertEqual(result.stdout.decode().splitlines(), self.SHOWN)
         result = run("list", "--long", archive)
         self.assertResult(result, 0)
-        self.assertEqual([line[60:] for line in result.stdout.decode().splitlines()[2:-2]], self.SHOWN)
+        self.assertEqual([line[80:] for line in result.stdout.decode().splitlines()[2:-2]], self.SHOWN)
         for raw in (result.stdout, run("list", archive).stdout):
             self.assertFalse(any(b < 0x20 and b != 0x0a or b == 0x7f for b in raw), raw)
             self.assertNotIn("\u0085".encode(), raw)
@@ -997,12 +997,50 @@ class MetadataTest(CliTestCase):
         self.assertResult(run("extract", again, "-d", out2), 0)
         self.assertEqual(but_link_times(snapshot(os.path.join(out2, "tree"))), but_link_times(before))
 
-    def test_encrypted_archive_opens_in_other_tools(self):
+    def test_aes_by_default_opens_in_7z_and_bsdtar(self):
+        data = b"the secret contents\n" * 50
+        self.write("s/secret.txt", data)
+        archive = self.path("aes.zip")
+        self.assertResult(run("add", "--password", "right pw", archive, "s", cwd=self.dir), 0)
+        objects = [json.loads(line) for line in run("list", "--json", archive).stdout.decode().splitlines()]
+        self.assertEqual([(o["name"], o["method"], o["realMethod"], o["encryption"]) for o in objects],
+                         [("s/", 0, 0, "none"), ("s/secret.txt", 99, 8, "AES-256")])
+        tested = subprocess.run(["7z", "t", "-pright pw", archive], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        self.assertEqual(subprocess.run(["7z", "t", "-pwrong", archive], capture_output=True).returncode, 2)
+        extracted = subprocess.run(["bsdtar", "-xOf", archive, "--passphrase", "right pw", "s/secret.txt"],
+                                   capture_output=True)
+        self.assertEqual(extracted.stdout, data, extracted.stderr)
+        self.assertEqual(run("cat", "-P", "right pw", archive, "s/secret.txt").stdout, data)
+        for encryption, expected in (("aes128", "AES-128"), ("aes192", "AES-192")):
+            other = self.path(encryption + ".zip")
+            self.assertResult(run("add", "-P", "pw", "--encryption", encryption, other, "s", cwd=self.dir), 0)
+            self.assertEqual(json.loads(run("list", "--json", other).stdout.decode().splitlines()[1])["encryption"],
+                             expected)
+            self.assertEqual(subprocess.run(["7z", "t", "-ppw", other], capture_output=True).returncode, 0)
+        self.assertResult(run("add", "-P", "pw", "--encryption", "rot13", self.path("x.zip"), "s", cwd=self.dir), 2)
+
+    def test_zstd_entries_round_trip(self):
+        data = b"zstd compresses this line well\n" * 2000
+        self.write("z/a.txt", data)
+        archive = self.path("z.zip")
+        self.assertResult(run("add", "--method", "zstd", "--level", "19", archive, "z", cwd=self.dir), 0)
+        objects = [json.loads(line) for line in run("list", "--json", archive).stdout.decode().splitlines()]
+        self.assertEqual([(o["name"], o["method"]) for o in objects], [("z/", 0), ("z/a.txt", 93)])
+        self.assertLess(objects[1]["compressedSize"], len(data) // 20)
+        self.assertEqual(run("cat", archive, "z/a.txt").stdout, data)
+        self.assertResult(run("test", archive), 0)
+        for bad in (["--method", "zstd", "--level", "0"], ["--level", "12"], ["--method", "lzma"]):
+            self.assertResult(run("add", *bad, self.path("bad.zip"), "z", cwd=self.dir), 2)
+        self.assertFalse(os.path.exists(self.path("bad.zip")))
+
+    def test_zipcrypto_archive_opens_in_other_tools(self):
         data = b"the secret contents\n" * 50
         self.write("s/secret.txt", data)
         self.write("s/small.txt", b"x")
         archive = self.path("enc.zip")
-        self.assertResult(run("add", "--password", "right pw", archive, "s", cwd=self.dir), 0)
+        self.assertResult(run("add", "--password", "right pw", "--encryption", "zipcrypto", archive, "s",
+                              cwd=self.dir), 0)
         unzipped = subprocess.run(["unzip", "-p", "-P", "right pw", archive, "s/secret.txt"], capture_output=True)
         self.assertEqual(unzipped.returncode, 0, unzipped.stderr)
         self.assertEqual(unzipped.stdout, data)
@@ -1417,7 +1455,9 @@ class PasswordTest(CliTestCase):
         self.assertEqual(added.returncode, 0, added.stderr)
         with zipfile.ZipFile(made) as z:
             self.assertTrue(z.getinfo("src/plain.txt").flag_bits & 1)
-            self.assertEqual(z.read("src/plain.txt", pwd=b"right pw"), b"plain\n")
+        # AES-256, which Python cannot read: 7-Zip reads it with the password from the environment
+        extracted = subprocess.run(["7z", "x", "-so", "-pright pw", made, "src/plain.txt"], capture_output=True)
+        self.assertEqual(extracted.stdout, b"plain\n", extracted.stderr)
 
     def run_on_terminal(self, args, typed):
         """Runs with standard input on a pseudo-terminal; types `typed` once the prompt shows.
@@ -1554,7 +1594,7 @@ class ListFormsTest(CliTestCase):
         self.assertResult(run("add", "--password", "pw", archive, "t", cwd=self.dir), 0)
         objects = [json.loads(line) for line in run("list", "--json", archive).stdout.decode().splitlines()]
         self.assertEqual([(o["name"], o["method"], o["encrypted"], o["system"], o["link"]) for o in objects],
-                         [("t/", 0, True, 3, False), ("t/a b.txt", 8, True, 3, False), ("t/l", 8, True, 3, True)])
+                         [("t/", 0, False, 3, False), ("t/a b.txt", 99, True, 3, False), ("t/l", 99, True, 3, True)])
         self.assertNotIn("target", objects[2])  # encrypted and no password given
         with_password = run("list", "--json", "-P", "pw", archive).stdout.decode().splitlines()
         self.assertEqual(json.loads(with_password[2])["target"], "a b.txt")
@@ -1580,6 +1620,7 @@ OPTIONS = {
     "-o": ("extract", []), "--overwrite": ("extract", []), "--level": ("add", ["5", "LIST"]),
     "-@": ("add", ["LIST"]), "--files-from": ("add", ["LIST"]), "-u": ("add", ["LIST"]),
     "--update": ("add", ["LIST"]), "-j": ("add", ["2", "LIST"]), "--jobs": ("add", ["2", "LIST"]),
+    "--method": ("add", ["zstd", "LIST"]), "--encryption": ("add", ["zipcrypto", "LIST"]),
 }
 
 
@@ -2166,7 +2207,7 @@ class ReplaceTest(CliTestCase):
         self.write("secret.txt", b"secret words")
         self.write("plain.txt", b"plain v1")
         archive = self.path("enc.zip")
-        self.assertResult(run("add", "-P", "pw", archive, "secret.txt", cwd=self.dir), 0)
+        self.assertResult(run("add", "-P", "pw", "--encryption", "zipcrypto", archive, "secret.txt", cwd=self.dir), 0)
         self.assertResult(run("add", archive, "plain.txt", cwd=self.dir), 0)
         self.write("plain.txt", b"plain v2")
         self.assertResult(run("add", archive, "plain.txt", cwd=self.dir), 0)  # no password needed
@@ -2313,11 +2354,22 @@ class DeleteTest(CliTestCase):
         self.write("s.txt", b"secret")
         self.write("t.txt", b"other")
         archive = self.path("enc.zip")
-        self.assertResult(run("add", "-P", "pw", archive, "s.txt", "t.txt", cwd=self.dir), 0)
+        self.assertResult(run("add", "-P", "pw", archive, "s.txt", "t.txt", cwd=self.dir), 0)  # AES-256
+        with open(archive, "rb") as f:
+            original = f.read()
         self.assertResult(run("delete", archive, "t.txt"), 0)
         with zipfile.ZipFile(archive) as z:
             self.assertEqual(z.namelist(), ["s.txt"])
-            self.assertEqual(z.read("s.txt", pwd=b"pw"), b"secret")
+            info = z.getinfo("s.txt")
+        with open(archive, "rb") as f:
+            copied = f.read()
+        at = info.header_offset
+        n, e = struct.unpack_from("<HH", copied, at + 26)
+        self.assertIn(b"\x01\x99\x07\x00", copied[at + 30 + n:at + 30 + n + e])  # the AES field kept
+        data = copied[at + 30 + n + e:at + 30 + n + e + info.compress_size]
+        self.assertIn(data, original)  # the encrypted data byte for byte
+        extracted = subprocess.run(["7z", "x", "-so", "-ppw", archive, "s.txt"], capture_output=True)
+        self.assertEqual(extracted.stdout, b"secret", extracted.stderr)
 
     def test_errors(self):
         missing = run("delete", self.path("none.zip"), "a")
@@ -2444,13 +2496,18 @@ class ParallelAddTest(CliTestCase):
         for i in range(12):
             self.write("e/f%02d.txt" % i, ("entry %d\n" % i).encode() * 500)
         archive = self.path("e.zip")
-        self.assertResult(run("add", "-j", "4", "-P", "pw", archive, "e", cwd=self.dir), 0)
+        self.assertResult(run("add", "-j", "4", "-P", "pw", "--encryption", "zipcrypto", archive, "e", cwd=self.dir), 0)
         checked = subprocess.run(["unzip", "-t", "-P", "pw", archive], capture_output=True)
         self.assertEqual(checked.returncode, 0, checked.stdout)
         with zipfile.ZipFile(archive) as z:
             for i in range(12):
                 self.assertTrue(z.getinfo("e/f%02d.txt" % i).flag_bits & 1)
                 self.assertEqual(z.read("e/f%02d.txt" % i, pwd=b"pw"), ("entry %d\n" % i).encode() * 500)
+        aes = self.path("aes.zip")
+        self.assertResult(run("add", "-j", "4", "-P", "pw", aes, "e", cwd=self.dir), 0)
+        tested = subprocess.run(["7z", "t", "-ppw", aes], capture_output=True)
+        self.assertEqual(tested.returncode, 0, tested.stdout)
+        self.assertIn(b"Files: 12", tested.stdout)
 
 
 if __name__ == "__main__":

@@ -4,11 +4,13 @@
 #include "ziputil/CZipReader.h"
 #include "ziputil/CZipWriter.h"
 
+#include "support/FaultyFileSystem.h"
 #include "support/TempDir.h"
 #include "ziputil/Encryption.h"
 #include "support/ZipFixtures.h"
 #include "support/ZipWriteFixtures.h"
 #include "tal/LocalFileSystem.h"
+#include "tal/MemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
@@ -231,6 +233,103 @@ TEST_F(WriterMethodsTest, TheParallelDeflaterWritesAesEntries) {
   }
   std::string const tested = run("7z t -p" + shellQuote(kPassword) + " parallel.zip");
   EXPECT_NE(tested.find("Everything is Ok"), std::string::npos) << tested;
+}
+
+TEST_F(WriterMethodsTest, TheParallelDeflaterRefusesZstdEntriesBeforeWritingAnything) {
+  auto writer = newWriter("pz.zip", "", Encryption::Traditional);
+  testsupport::addEntry(*writer, "first.txt", "kept");
+  ziputil::CParallelDeflater::Source source;
+  source.relativeURIInArchive = testsupport::entryURI("z.txt");
+  source.options.method = CZipWriter::EntryOptions::Zstd;
+  source.open = [] { return tal::P<tal::IInStream>(); };
+  ziputil::CParallelDeflater deflater;
+  try {
+    deflater.addAll(*writer, {source});
+    FAIL();
+  } catch (tal::CInvalidArgError const& e) {
+    EXPECT_EQ(utf8(e.getMessage()), "Invalid argument passed to 'CParallelDeflater::addAll': zstd entries are "
+                                    "written by CZipWriter::beginAddFile, not here.");
+    EXPECT_EQ(e.getProps(), (tal::CProps{{"name", "z.txt"}}));
+  }
+  writer->close();
+  EXPECT_EQ(readBack("pz.zip", "").size(), 1u);
+}
+
+/// Every I/O call of adding an AES entry of zstd data to an archive in place
+/// fails in turn: the call that meets the fault throws the file system's own
+/// error unchanged, the entry is taken back (or, when the writer's close
+/// failed, the whole file put back), and the old entries read back intact.
+TEST_F(WriterMethodsTest, EveryCallOfAnAesZstdEntryFailsInTurn) {
+  auto memory = tal::newObj<tal::CMemoryFileSystem>();
+  auto faulty = tal::newObj<testsupport::CFaultyFileSystem>(memory.get());
+  tal::CURI const uri(tal::String("mem:/aes-faults.zip"));
+  {
+    auto writer = testsupport::newArchiveWriter(memory.get(), uri);
+    testsupport::addEntry(*writer, "a", std::string(20000, 'a'));
+    testsupport::addEntry(*writer, "b", std::string(20000, 'b'));
+    writer->close();
+  }
+  std::string const original = memory->getFile(uri);
+  std::string const data = textData(60000, 7);
+  int faults = 0;
+  for (auto op : {testsupport::CFaultyFileSystem::Write, testsupport::CFaultyFileSystem::Seek,
+                  testsupport::CFaultyFileSystem::Tell, testsupport::CFaultyFileSystem::Read}) {
+    for (long long n = 1;; ++n) {
+      ASSERT_LT(n, 1000);
+      memory->setFile(uri, original);
+      faulty->reset();
+      faulty->failNth(op, n);
+      bool threw = false;
+      try {
+        CZipWriter::Options options;
+        options.encryption = Encryption::Aes256;
+        auto writer = tal::newObj<CZipWriter>(faulty.get(), uri, tal::String(kPassword), CZipWriter::CompNormal,
+                                              options);
+        CZipWriter::EntryOptions entry;
+        entry.method = CZipWriter::EntryOptions::Zstd;
+        tal::P<tal::IOutStream> out;
+        bool writing = false;
+        try {
+          out = writer->beginAddFile(testsupport::entryURI("new"), tal::CTimeFields(2024, 1, 1, 0, 0, 0, 0.0, 0, false),
+                                     entry);
+          writing = true;
+          for (std::size_t at = 0; at < data.size(); at += 6000)
+            out->write(data.data() + at, static_cast<int>(std::min<std::size_t>(6000, data.size() - at)), nullptr);
+          writing = false;
+          out->close();
+        } catch (testsupport::CInjectedError const&) {
+          threw = true;
+          if (writing) { // the spoiled entry says so again
+            EXPECT_THROW(out->close(), testsupport::CInjectedError) << n;
+          }
+        }
+        writer->close();
+      } catch (testsupport::CInjectedError const&) {
+        threw = true;
+      }
+      bool const fired = faulty->fired();
+      faulty->failNth(op, 0);
+      EXPECT_EQ(threw, fired) << testsupport::CFaultyFileSystem::opName(op) << " " << n;
+      auto reader = tal::newObj<CZipReader>(memory.get(), uri, tal::String(kPassword));
+      std::map<std::string, std::string> found;
+      while (reader->nextFile()) {
+        auto in = reader->openCurrentFileStream();
+        std::string bytes(static_cast<std::size_t>(reader->getCurrentFileUncompressedSize()), '\0');
+        if (!bytes.empty()) in->read(&bytes[0], static_cast<int>(bytes.size()));
+        in->close();
+        found[utf8(reader->getCurrentFileRelativeURI().getPath())] = bytes;
+      }
+      EXPECT_EQ(found["a"], std::string(20000, 'a')) << n;
+      EXPECT_EQ(found["b"], std::string(20000, 'b')) << n;
+      if (!fired) {
+        EXPECT_EQ(found["new"], data);
+        break;
+      }
+      ++faults;
+      EXPECT_EQ(found.count("new"), 0u) << testsupport::CFaultyFileSystem::opName(op) << " " << n;
+    }
+  }
+  EXPECT_GT(faults, 10);
 }
 
 } // namespace

@@ -307,10 +307,30 @@ TEST_F(ZipFileTest, AnExceptionLeavingTheScopeGivesUpWhatWasWritten) {
   EXPECT_EQ(readFile(appended), old);
 }
 
-TEST_F(ZipFileTest, EncryptedEntriesOpenInOtherToolsWithThePassword) {
+TEST_F(ZipFileTest, EntriesWithAPasswordAreAes256ByDefault) {
+  std::string const archive = dir.file("aes.zip");
+  ZipFileOptions options;
+  options.password = "s3cret";
+  {
+    auto zip = CZipFile::open(archive, ZipFileMode::Create, options);
+    zip->add("hidden.txt", "hidden text");
+    zip->close();
+  }
+  ziputil::EntryInfo const info = CZipFile::open(archive)->info("hidden.txt");
+  EXPECT_EQ(info.encryption, ziputil::Encryption::Aes256);
+  EXPECT_EQ(info.method, 99);
+  EXPECT_EQ(info.realMethod, 8);
+  EXPECT_EQ(CZipFile::open(archive, ZipFileMode::Read, options)->read("hidden.txt"), "hidden text");
+  std::string output;
+  EXPECT_EQ(runCommand("7z x -so -ps3cret " + shellQuote(archive) + " hidden.txt 2>/dev/null", &output), 0);
+  EXPECT_EQ(output, "hidden text");
+}
+
+TEST_F(ZipFileTest, TraditionalEncryptionOpensInOtherToolsWithThePassword) {
   std::string const archive = dir.file("secret.zip");
   ZipFileOptions options;
   options.password = "s3cret";
+  options.encryption = ziputil::Encryption::Traditional;
   {
     auto zip = CZipFile::open(archive, ZipFileMode::Create, options);
     zip->add("hidden.txt", "hidden text");

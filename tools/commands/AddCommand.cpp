@@ -127,7 +127,7 @@ int addToStandardOutput(Options const& options, std::vector<std::string> const& 
   {
     tal::P<ziputil::CZipWriter> writer = tal::newObj<ziputil::CZipWriter>(
         fileSystem.get(), uri, textFromBytes(options.password),
-        static_cast<ziputil::CZipWriter::CompLevel>(options.level), writerOptionsFor(false));
+        static_cast<ziputil::CZipWriter::CompLevel>(options.level), writerOptionsFor(false, options));
     status = writeEntries(options, *writer, items, stderr);
   }
   std::vector<unsigned char> buffer(kChunk);
@@ -193,7 +193,7 @@ int addToArchive(Options const& options, std::string const& archive, std::vector
     // complete: whatever happens meanwhile, ARCHIVE is the old or the new one.
     // Old entries that new ones replace are left out of it; the others are
     // copied as they are stored.
-    ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true);
+    ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true, options);
     if (!plan.replaced.empty()) writerOptions.omitEntry = ziputil::CZipWriter::omitNamed(plan.replaced);
     writer = tal::newObj<ziputil::CZipWriter>(fileSystem.get(), uri, textFromBytes(options.password),
                                              static_cast<ziputil::CZipWriter::CompLevel>(options.level),

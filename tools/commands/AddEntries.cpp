@@ -110,8 +110,13 @@ ziputil::CZipWriter::EntryOptions entryOptionsFor(Options const& options, Source
   ziputil::CZipWriter::EntryOptions entry;
   entry.unixMode = static_cast<int>(item.mode & 0177777);
   entry.symbolicLink = item.kind == SourceItem::SymbolicLink;
-  if (options.level == 0 || item.kind == SourceItem::Directory)
+  if (item.kind == SourceItem::Directory || options.method == "store" ||
+      (options.method == "deflate" && options.level == 0)) {
     entry.method = ziputil::CZipWriter::EntryOptions::Stored;
+  } else if (options.method == "zstd") {
+    entry.method = ziputil::CZipWriter::EntryOptions::Zstd;
+    entry.level = options.levelGiven ? options.level : -1;
+  }
   return entry;
 }
 
@@ -295,7 +300,8 @@ int writeEntriesAtOnce(Options const& options, ziputil::CZipWriter& writer, std:
 
 int writeEntries(Options const& options, ziputil::CZipWriter& writer, std::vector<SourceItem> const& items,
                  FILE* messages) {
-  if (options.jobs == 1) return writeEntriesInTurn(options, writer, items, messages);
+  // CParallelDeflater deflates: zstd entries are written one after another
+  if (options.jobs == 1 || options.method == "zstd") return writeEntriesInTurn(options, writer, items, messages);
   return writeEntriesAtOnce(options, writer, items, messages);
 }
 

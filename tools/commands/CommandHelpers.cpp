@@ -78,11 +78,12 @@ bool reportUnmatched(Options const& options, std::vector<bool> const& matched) {
   return all;
 }
 
-ziputil::CZipWriter::Options writerOptionsFor(bool atomic) {
+ziputil::CZipWriter::Options writerOptionsFor(bool atomic, Options const& options) {
   ziputil::CZipWriter::Options writerOptions;
+  writerOptions.encryption = options.encryption; // with a password: AES-256 unless asked otherwise
   writerOptions.atomicReplace = atomic;
   writerOptions.madeByUnix = true;              // modes and links kept; UTF-8 names read as such
-  writerOptions.interoperableEncryption = true; // other tools accept the password
+  writerOptions.interoperableEncryption = true; // other tools accept a traditional password
   writerOptions.keepArchiveComment = true;
   return writerOptions;
 }

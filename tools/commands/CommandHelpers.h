@@ -56,6 +56,6 @@ bool reportUnmatched(Options const& options, std::vector<bool> const& matched);
 /// tools), encryption whose password other tools accept, the archive's comment
 /// kept; with `atomic`, the new archive is written beside the old one and
 /// moved over it once complete.
-ziputil::CZipWriter::Options writerOptionsFor(bool atomic);
+ziputil::CZipWriter::Options writerOptionsFor(bool atomic, Options const& options);
 
 } // namespace ziputil_tool

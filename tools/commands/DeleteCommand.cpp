@@ -32,7 +32,7 @@ int deleteFromArchive(Options const& options, std::string const& archive) {
   }
   // The new archive, every entry not deleted copied as it is stored, is built
   // beside the old one and moved over it once complete.
-  ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true);
+  ziputil::CZipWriter::Options writerOptions = writerOptionsFor(true, options);
   writerOptions.omitEntry = [&options](ziputil::CZipReader& reader) {
     std::vector<bool> ignored(options.patterns.size(), false);
     return selected(options, currentEntryName(reader), ignored);

@@ -62,6 +62,13 @@ struct CParallelDeflater::InOrder {
     for (Source const& source : sources) {
       writer.checkCanBegin(source.relativeURIInArchive);
       CZipWriter::EntryOptions const& options = source.options;
+      if (options.method == CZipWriter::EntryOptions::Zstd) { // the workers deflate: zstd would be mislabelled
+        tal::CProps props;
+        props["name"] = source.relativeURIInArchive.toNormalized().getPath();
+        throw tal::CInvalidArgError(tal::String("CParallelDeflater::addAll"),
+                                    tal::String("zstd entries are written by CZipWriter::beginAddFile, not here"),
+                                    props);
+      }
       if (options.method == CZipWriter::EntryOptions::Deflated && (options.level < -1 || options.level > 9)) {
         tal::CProps props;
         props["level"] = tal::toString(options.level);

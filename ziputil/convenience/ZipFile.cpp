@@ -107,6 +107,7 @@ void CZipFile::openWriter(ZipFileMode mode, ZipFileOptions const& options) {
   writerOptions.madeByUnix = true;
   writerOptions.allOrNothing = true; // a failed entry gives up everything this object wrote
   writerOptions.interoperableEncryption = !options.password.empty();
+  writerOptions.encryption = options.encryption;
   bool const adding = mode == ZipFileMode::Append && exists;
   if (adding) {
     writerOptions.atomicReplace = options.atomic;

@@ -336,7 +336,8 @@ std::unique_ptr<CEntryEncoding> CZipWriter::encodingFor(std::string const& name,
     default: break;
     }
   }
-  bool const zstd = options && options->method == EntryOptions::Zstd;
+  // data written raw comes deflated or stored by CParallelDeflater, which takes no zstd entries
+  bool const zstd = !raw && options && options->method == EntryOptions::Zstd;
   if (strength == 0 && !zstd) return nullptr;
   int method = kZstdMethod;
   int level = zstd ? options->level : 0;
