@@ -17,6 +17,9 @@ namespace ziputil {
 
 class CentralDirectory;
 class CEntryDecoding;
+namespace codecs {
+class DecodeError;
+}
 
 /// Opens one ZIP archive through a tal::IFileSystem, walks its entries in
 /// central-directory order or jumps to a named one, describes the current
@@ -404,7 +407,7 @@ private:
   /// readLax's reading through m_decoding, under the reader's mutex.
   int readDecoded(unsigned char* buffer, int size);
   /// Turns a decoder's failure into the stream's (sticky) error.
-  [[noreturn]] void throwDecodeFailure(std::exception const& failure);
+  [[noreturn]] void throwDecodeFailure(codecs::DecodeError const& failure);
   /// Under the reader's mutex, once a read has reached the entry's end.
   void verifyEnd(ZipStuff& stuff);
   [[noreturn]] void throwVerifyFailure(std::string const& message);

@@ -108,9 +108,8 @@ void CZipReader::CFileInZipInStream::decodeWith(std::unique_ptr<CEntryDecoding> 
   m_checkCRC = checkCRC;
 }
 
-void CZipReader::CFileInZipInStream::throwDecodeFailure(std::exception const& failure) {
-  if (dynamic_cast<CEntryDecoding::AuthenticationError const*>(&failure)) throwVerifyFailure(failure.what());
-  throwVerifyFailure(std::string("ZIP entry cannot be read: ") + failure.what());
+void CZipReader::CFileInZipInStream::throwDecodeFailure(codecs::DecodeError const& failure) {
+  throwVerifyFailure(CEntryDecoding::messageFor(failure));
 }
 
 void CZipReader::CFileInZipInStream::verifyAgainst(unsigned long crc, unsigned long long size) {

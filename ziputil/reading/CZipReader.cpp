@@ -441,10 +441,8 @@ tal::P<tal::IInStream> CZipReader::openDecodedStream() {
     std::string message;
     try {
       decoding->rethrowBlamingChangedData(failure);
-    } catch (CEntryDecoding::AuthenticationError const& e) {
-      message = e.what();
-    } catch (codecs::DecodeError const& e) {
-      message = std::string("ZIP entry cannot be read: ") + e.what();
+    } catch (codecs::DecodeError const& blamed) {
+      message = CEntryDecoding::messageFor(blamed);
     }
     unzCloseCurrentFile(stuff.handle);
     throwEntryRefusal(entryURI, message);

@@ -138,6 +138,11 @@ void CEntryDecoding::authenticate() {
   if (m_aesSource && !m_aesSource->checked()) drain();
 }
 
+std::string CEntryDecoding::messageFor(codecs::DecodeError const& failure) {
+  if (dynamic_cast<AuthenticationError const*>(&failure)) return failure.what();
+  return std::string("ZIP entry cannot be read: ") + failure.what();
+}
+
 void CEntryDecoding::rethrowBlamingChangedData(codecs::DecodeError const& failure) {
   if (m_aesSource && !m_aesSource->checked() && !dynamic_cast<AuthenticationError const*>(&failure)) {
     try {

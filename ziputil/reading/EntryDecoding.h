@@ -70,6 +70,9 @@ public:
   /// does not match: then that is the failure thrown, since the data was
   /// changed. A failure met while reading the rest is passed over.
   [[noreturn]] void rethrowBlamingChangedData(codecs::DecodeError const& failure);
+  /// The entry stream's message for `failure`: an AuthenticationError's as it
+  /// is, any other "ZIP entry cannot be read: <what the decoder found>".
+  static std::string messageFor(codecs::DecodeError const& failure);
 
 private:
   class CAesSource;

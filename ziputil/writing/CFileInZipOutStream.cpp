@@ -98,8 +98,8 @@ void CZipWriter::CFileInZipOutStream::close() {
       writer->failEntry(writer->failureOf(result, before, writeError("zipWriteInFileInZip failed", &result)));
   }
   bool const raw = m_raw || m_encoding;
-  // written raw by CParallelDeflater: its size; encoded here: what the encoding counted (its CRC-32 also for
-  // CParallelDeflater's AES entries, which record none)
+  // Written raw by CParallelDeflater: the size it gave. Encoded here: the size the encoding counted. The
+  // encoding's CRC-32 to record (0 for AES) wins over CParallelDeflater's.
   unsigned long long const size = m_raw ? m_rawSize : m_encoding ? m_encoding->size() : 0;
   unsigned long const crc = m_encoding ? m_encoding->crcToRecord() : m_rawCRC;
   int const result = raw ? zipCloseFileInZipRaw64(writer->m_state->handle, size, crc)
